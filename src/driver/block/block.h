@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// A node's life after creation, its block device operations, and the two queries.
+#pragma once
+
+#include "driver/core/blkdev.h"
+
+namespace zorv {
+
+extern const kernel::block_device_operations zorv_bdops;
+
+int zorv_block_open(kernel::block_device* bdev, kernel::fmode_t mode);
+int zorv_block_release(kernel::gendisk* disk, kernel::fmode_t mode);
+int zorv_block_ioctl(kernel::block_device* bdev, kernel::fmode_t mode, u32 command, u64 argument);
+
+// Called with the table held; take the record's dev_mutex themselves.
+int zorv_block_start_device(zorv_blkdev* dev) REQUIRES_SHARED(zorv_blkdev_rwlock);
+int zorv_block_stop_device(zorv_blkdev* dev) REQUIRES_SHARED(zorv_blkdev_rwlock);
+// remove_files 1 also deletes a snap's COW files. Frees the record unless it fails or postpones.
+int zorv_block_destroy_device(zorv_blkdev* dev, int remove_files) REQUIRES(zorv_blkdev_rwlock);
+// Unload: stops and destroys every node, frees the table, unregisters the major, ends kdirtyd.
+int zorv_block_destroy();
+
+// The whole disk and queue of a new node, added and writable; null (logged) when memory is short.
+//   hdd     its limits and read-ahead size are taken over
+//   caller  the operation's name, for its message
+kernel::gendisk* zorv_block_add_disk(zorv_blkdev* dev, u64 dev_size, kernel::block_device* hdd,
+                                     kernel::unplug_fn unplug, const char* caller);
+// Removes whatever stands at the node's path and makes its device node; fills dev_name on success.
+void zorv_block_make_node(zorv_blkdev* dev);
+
+// Command handlers.
+int zorv_ioctl_add_filter_node(zorv_add_filter_req* req);
+int zorv_ioctl_add_snap_node(zorv_add_snap_req* req);
+int zorv_ioctl_start_node(const zorv_node_req* req);
+int zorv_ioctl_stop_node(const zorv_node_req* req);
+int zorv_ioctl_del_node(const zorv_node_req* req);
+int zorv_ioctl_resume_snap(const zorv_resume_snap_req* req);
+int zorv_ioctl_get_device_list(zorv_device_list_req* req);
+int zorv_ioctl_get_info(zorv_blkdev* dev, zorv_info_req* req) REQUIRES_SHARED(zorv_blkdev_rwlock);
+int zorv_ioctl_test_datablock(zorv_test_datablock_req* req);
+int zorv_ioctl_get_datablock_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req)
+    REQUIRES_SHARED(zorv_blkdev_rwlock);
+
+}  // namespace zorv

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The device record of a node, and the table of minors.
+//
+// zorv_blkdev_rwlock guards the slots and the lifetime of every record: looking a record up and
+// using it needs it held for reading for as long as the record is used; filling a slot, clearing
+// it and destroying a record need it for writing. It is the outermost lock.
+#pragma once
+
+#include <atomic>
+
+#include "driver/core/lock.h"
+#include "driver/core/types.h"
+#include "driver/datablock/blkbmp.h"
+#include "driver/io/aio.h"
+#include "driver/snap/cowbmp.h"
+#include "driver/snap/cowqueue.h"
+#include "driver/snap/cowthread.h"
+#include "driver/util/file.h"
+#include "kernel/blkdev.h"
+#include "zorv/abi.h"
+
+namespace zorv {
+
+struct zorv_blkdev;
+
+// What the bitmap, request and COW-thread operations work on.
+struct zorv_filter {
+  devt hdd_dev = 0;
+  char hdd_name[ZORV_PATH_LEN] = {};
+  kernel::block_device* hdd_bdev = nullptr;  // open from creation to destruction
+  u32 filter_minor = 0;
+  u32 extent_size = 0;  // bytes per change-bitmap bit, a power of two
+  u32 extent_shift = 0;
+  u32 extent_cnt = 0;
+  u64 dev_size = 0;  // bytes
+  char bmp_dir[ZORV_PATH_LEN] = {};
+  // Started or not, oldest first. Changed under the table's write lock.
+  kernel::list_of<zorv_blkdev> snaps;
+
+  rzmutex bmp_mutex;            // bitmap file work
+  kernel::spinlock_t bmp_lock;  // bits and dirty flags
+  s32 incr_bmp_size = 0;        // bytes
+  s32 diff_bmp_size = 0;
+  u8* incr_bmp = nullptr;
+  u8* diff_bmp = nullptr;
+  char incr_bmp_fname[ZORV_PATH_LEN] = {};
+  char diff_bmp_fname[ZORV_PATH_LEN] = {};
+  // 1: the bitmap holds changes that its file does not. Written under bmp_lock, also read without.
+  std::atomic<u32> incr_bmp_dirty{0};
+  std::atomic<u32> diff_bmp_dirty{0};
+  // Per bitmap type code, under bmp_lock: the order of writes behind the stale mark
+  // (bitmap/dirty.h).
+  struct mark_state {
+    std::atomic<u64> ticket{0};    // the last queued stale mark; 0: none since load
+    std::atomic<u32> saving{0};    // saves between taking their copy and their end
+    std::atomic<u64> given_up{0};  // ticket that a write has stopped waiting for
+  } marks[2];
+
+  zorv_cowthread cowthread;
+  zorv_cowqueue cowqueue;
+  rzrwlock snap_rwlock;          // routing (read) against snap start and stop (write)
+  std::atomic<u32> inflight{0};  // requests that entered since it was last cleared
+  zorv_aio aio;
+};
+
+struct zorv_snap {
+  kernel::list_node<zorv_blkdev> snap_link;
+  u32 snap_minor = 0;
+  u32 chunk_size = 0;  // bytes, a power of two
+  u32 chunk_shift = 0;
+  u64 chunk_cnt = 0;
+  zorv_blkdev* filter = nullptr;
+  char cow_data_fname[ZORV_PATH_LEN] = {};
+  char cow_bmp_fname[ZORV_PATH_LEN] = {};
+  zorv_file* cow_data_file = nullptr;  // open while started
+  zorv_file* cow_bmp_file = nullptr;
+  zorv_cowbmp cowbmp;
+  zorv_blkbmp datablock_bmp;
+  u64 cow_data_size = 0;  // bytes
+  u32 cow_bmp_size = 0;   // bytes
+  std::atomic<u32> snap_valid{0};
+  std::atomic<u32> stop_pending{0};
+  std::atomic<u32> del_pending{0};
+};
+
+struct zorv_blkdev {
+  u32 dev_type = 0;  // ZORV_DEV_FILTER | ZORV_DEV_SNAP
+  kernel::gendisk* disk = nullptr;
+  kernel::block_device* bdev = nullptr;  // while someone has the node open; under dev_mutex
+  std::atomic<u32> started{0};
+  std::atomic<u32> use_cnt{0};
+  rzmutex dev_mutex;  // start, stop, open, release; a filter's before its snaps'
+  u32 minor = 0;
+  char uuid[ZORV_UUID_LEN] = {};
+  char name[ZORV_NAME_LEN] = {};
+  char dev_name[133] = {};
+
+  zorv_filter f;  // dev_type FILTER
+  zorv_snap s;    // dev_type SNAP
+
+  zorv_blkdev() { s.snap_link.owner = this; }
+};
+
+extern rzrwlock zorv_blkdev_rwlock;
+extern zorv_blkdev** zorv_blkdev_arr;  // zorv_max_blk_minor + 1 slots; null before load
+
+// Module parameters (core/module.cc).
+extern int zorv_chr_major;
+extern int zorv_blk_major;
+extern int zorv_max_blk_minor;
+
+// The record of a minor, or null. The minor is compared unsigned, so a negative one is too big.
+zorv_blkdev* zorv_blkdev_find(u32 minor) REQUIRES_SHARED(zorv_blkdev_rwlock);
+
+// Chooses the minor for a new node; a negative request takes the lowest free one.
+//   caller   the operation's name, for its messages
+//   returns  the minor (>= 0) | -EINVAL (too big, taken) | -ENOSPC
+[[nodiscard]] int zorv_blkdev_choose_minor(const char* caller, s32 requested)
+    REQUIRES(zorv_blkdev_rwlock);
+
+// "{xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}" of 16 random bytes, with its NUL.
+void zorv_make_uuid(char (&uuid)[ZORV_UUID_LEN]);
+
+// "/dev/zorv/%s" of the name; false when it does not fit the record's dev_name.
+[[nodiscard]] bool zorv_node_path(const char* name, char (&path)[133]);
+
+// ---- taking the table's lock ---------------------------------------------------------------
+// Readers come and go all the time while clients keep a node busy, and the lock lets a new one in
+// whenever no writer holds it. So that a command that needs the table for writing gets its turn,
+// a request stands aside for a moment, before it asks for the lock, while a writer waits; the
+// lock itself favours nobody.
+class [[nodiscard]] SCOPED_CAPABILITY table_write_guard {
+ public:
+  table_write_guard() ACQUIRE(zorv_blkdev_rwlock);
+  ~table_write_guard() RELEASE();
+  table_write_guard(const table_write_guard&) = delete;
+  table_write_guard& operator=(const table_write_guard&) = delete;
+};
+class [[nodiscard]] SCOPED_CAPABILITY table_read_guard {
+ public:
+  table_read_guard() ACQUIRE_SHARED(zorv_blkdev_rwlock);
+  ~table_read_guard() RELEASE_GENERIC();
+  table_read_guard(const table_read_guard&) = delete;
+  table_read_guard& operator=(const table_read_guard&) = delete;
+};
+// Called by a request, or by a COW thread between passes, before it takes the lock for reading.
+// Waits at most 50 ms, not at all when no writer waits or this task already reads the table.
+void zorv_table_stand_aside();
+
+}  // namespace zorv

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The COW request queue: one per filter. Holds the bios that may not go to the HDD yet, in order,
+// indexed by the 4 KiB blocks they cover.
+#pragma once
+
+#include <atomic>
+
+#include "driver/core/types.h"
+#include "kernel/bio.h"
+#include "kernel/list.h"
+#include "kernel/lock.h"
+
+namespace zorv {
+
+struct cow_request;
+
+// One 4 KiB block of a held bio.
+struct cow_block {
+  kernel::list_node<cow_block> req_link{this};
+  kernel::list_node<cow_block> hash_link{this};
+  kernel::bio* bio = nullptr;
+};
+
+struct cow_request {
+  kernel::list_node<cow_request> queue_link{this};
+  kernel::list_of<cow_block> blocks;  // ascending
+  s32 snap_minor = -1;                // newest started snap when queued; negative: none
+  kernel::bio* bio = nullptr;
+};
+
+constexpr u32 cowqueue_hash_size = 16384;
+
+struct zorv_cowqueue {
+  kernel::list_of<cow_request> reqs;           // oldest first; under lock
+  kernel::list_of<cow_block>* hash = nullptr;  // cowqueue_hash_size buckets; under lock
+  kernel::spinlock_t lock;
+  std::atomic<s32> cnt{0};
+  kernel::wait_queue_head wait;  // the COW thread sleeps here
+};
+
+[[nodiscard]] int zorv_cowqueue_init(zorv_cowqueue* q);  // 0 | -ENOMEM
+// Queues the bio: a write at the tail, a read as far ahead as no overlap forbids, never first.
+//   returns  0 | -ENOMEM (nothing was queued; the caller ends the bio)
+[[nodiscard]] int zorv_cowqueue_append(zorv_cowqueue* q, s32 snap_minor, kernel::bio* bio,
+                                       gfp_t flags);
+// 1 when a held request of a selected direction overlaps the bio's sectors, else 0.
+[[nodiscard]] int zorv_cowqueue_find_overlap_req(zorv_cowqueue* q, int match_reads,
+                                                 int match_writes, const kernel::bio* bio);
+void zorv_cowqueue_remove(zorv_cowqueue* q, cow_request* r) REQUIRES(q->lock);
+int zorv_cowqueue_purge(zorv_cowqueue* q);  // every held bio ends with -EIO
+int zorv_cowqueue_destroy(zorv_cowqueue* q);
+
+}  // namespace zorv

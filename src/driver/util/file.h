@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Files, device nodes and raw blocks from inside the driver. Every helper logs its own failure,
+// so callers only pass results on. All of them sleep.
+#pragma once
+
+#include <memory>
+
+#include "driver/core/types.h"
+#include "kernel/fs.h"
+
+namespace zorv {
+
+struct zorv_file {
+  char* fname = nullptr;  // owned copy of the path, for messages
+  kernel::file* filp = nullptr;
+};
+
+// The handle, or null (logged). Flags are kernel::FO_*; files are created with mode 0600.
+[[nodiscard]] zorv_file* zorv_fopen(const char* path, u32 flags, u32 mode);
+int zorv_fclose(zorv_file* file);  // frees the handle; the close's result
+// Bytes moved or a negative errno. A write moves all or fails (-EIO on a short write); a read
+// returns fewer bytes at the end of the file (logged, no error).
+[[nodiscard]] int zorv_fwrite(zorv_file* file, u64 offset, const void* buffer, int length);
+[[nodiscard]] int zorv_fread(zorv_file* file, u64 offset, void* buffer, int length);
+[[nodiscard]] int zorv_fsync(zorv_file* file);
+int zorv_ftruncate(const char* path);  // empties the file; always 0, an open failure is logged
+
+struct zorv_file_closer {
+  void operator()(zorv_file* f) const { zorv_fclose(f); }
+};
+using zorv_file_ptr = std::unique_ptr<zorv_file, zorv_file_closer>;
+
+// A referenced entry (kernel::dput), null (nothing there) or an error value (-EINVAL: no absolute
+// path, logged).
+[[nodiscard]] kernel::dentry* zorv_get_file_dentry(const char* path, int follow);
+// Device number of the block device under the file system that holds the path or would hold it
+// (nearest existing ancestor); 0 when there is none.
+[[nodiscard]] devt zorv_get_file_devt(const char* path);
+
+int zorv_mknod(const char* path, int is_block, u32 major, u32 minor);  // 0 | negative errno
+int zorv_unlink(const char* path);  // 0 | -ENOENT (silent) | negative errno
+
+[[nodiscard]] kernel::block_device* zorv_open_bdev(devt dev, u32 mode);  // or null
+void zorv_close_bdev(kernel::block_device* bdev);
+[[nodiscard]] int zorv_is_mounted(kernel::block_device* bdev);  // 1 | 0
+
+// Reads count blocks of block_size bytes (at most 4096), one after the other.
+//   returns  0 | -EINVAL (block size) | -ENOMEM | -EIO
+[[nodiscard]] int zorv_bread(kernel::block_device* bdev, void* buffer, u32 block_size,
+                             s64 first_block, s32 count);
+void zorv_bio_complete(kernel::bio* bio, int error);
+
+}  // namespace zorv

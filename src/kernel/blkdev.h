@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Block devices: disks, their request queues, opening, plugging, and freezing.
+#pragma once
+
+#include <atomic>
+
+#include "kernel/bio.h"
+#include "kernel/lock.h"
+#include "kernel/types.h"
+
+namespace kernel {
+
+struct block_device;
+struct gendisk;
+struct request_queue;
+
+using fmode_t = u32;
+constexpr fmode_t FMODE_READ = 1;
+constexpr fmode_t FMODE_WRITE = 2;
+
+struct queue_limits {
+  u32 max_sectors = 2048;  // 512-byte units
+  u32 max_segments = bio_max_segments;
+  u32 max_segment_bytes = page_size;
+  u32 logical_block_bytes = 512;
+  u32 physical_block_bytes = 4096;
+  u32 io_min_bytes = 4096;
+  u32 io_opt_bytes = 0;
+  u32 alignment_bytes = 0;
+};
+
+using make_request_fn = int (*)(request_queue*, bio*);
+using unplug_fn = void (*)(request_queue*);
+
+// A queue's own list of plugged bios is for disks that collect (blk_plug_bio); a node has none.
+struct request_queue {
+  make_request_fn make_request = nullptr;
+  unplug_fn unplug = nullptr;
+  void* queuedata = nullptr;
+  queue_limits limits;
+  u32 ra_pages = 32;
+  spinlock_t plug_lock;
+  bio* plug_head GUARDED_BY(plug_lock) = nullptr;
+  bio* plug_tail GUARDED_BY(plug_lock) = nullptr;
+  bool plug_timer GUARDED_BY(plug_lock) = false;  // the 3 ms unplug is due for this queue
+  std::atomic<u32> plug_users{0};                 // unplug timers running on this queue
+};
+
+struct block_device_operations {
+  int (*open)(block_device*, fmode_t);
+  int (*release)(gendisk*, fmode_t);
+  int (*ioctl)(block_device*, fmode_t, u32 command, u64 argument);
+  int (*flush_cache)(block_device*);  // fsync_bdev: 0 or a negative errno; may be null
+  int (*invalidate)(block_device*);   // invalidate_bdev; may be null
+  int (*mounted)(block_device*);      // get_super: 1 when a file system on it is mounted
+  int (*freeze)(block_device*);       // host file system on it, frozen before admission stops
+  void (*thaw)(block_device*);
+};
+
+struct gendisk {
+  u32 major = 0;
+  u32 first_minor = 0;
+  u32 minors = 1;
+  char disk_name[32] = {};
+  const block_device_operations* fops = nullptr;
+  request_queue* queue = nullptr;
+  void* private_data = nullptr;
+  u32 flags = 0;
+  std::atomic<u64> capacity_sectors{0};
+  u64 size_bytes = 0;  // exact size when it is no multiple of 512, else 0
+  std::atomic<bool> read_only{false};
+  block_device* bdev = nullptr;  // the device while the disk is added
+  std::atomic<u32> refs{1};
+};
+
+// Whoever has a device open sends it requests between blkdev_enter and blkdev_exit (below).
+struct super_block;
+struct block_device {
+  devt bd_dev = 0;
+  gendisk* bd_disk = nullptr;
+  std::atomic<s32> bd_openers{0};
+  std::atomic<s32> bd_other_openers{0};  // openers outside this process, as far as they can be told
+  u32 bd_block_bytes = page_size;        // soft block size
+  u64 bd_size_bytes = 0;
+  bool bd_claimed = false;
+  // Admission.
+  spinlock_t bd_gate_lock;
+  u32 bd_admitted GUARDED_BY(bd_gate_lock) = 0;
+  u32 bd_frozen GUARDED_BY(bd_gate_lock) = 0;
+  wait_queue_head bd_gate_wait;
+};
+
+// 0 | -ENOMEM -> null.
+[[nodiscard]] gendisk* alloc_disk(u32 minors);
+[[nodiscard]] request_queue* blk_alloc_queue(gfp_t flags);
+void blk_queue_make_request(request_queue* q, make_request_fn fn);
+void set_capacity(gendisk* disk, sector_t sectors);
+void set_disk_ro(gendisk* disk, int read_only);
+// Makes the disk known under its device number. The disk's soft block size is the largest power
+// of two up to 4096 that divides its size.
+void add_disk(gendisk* disk);
+// Takes it away: later opens and requests fail; waits for requests being submitted.
+void del_gendisk(gendisk* disk);
+// Waits for the queue's unplug timer and drops what it may still hold (nothing, in order).
+void blk_cleanup_queue(request_queue* q);
+void put_disk(gendisk* disk);
+
+// major 0 asks for a free one, which is returned; else 0.
+//   returns  -EBUSY (taken) | -EINVAL (> 4095)
+[[nodiscard]] int register_blkdev(u32 major, const char* name);
+void unregister_blkdev(u32 major, const char* name);
+
+// Asked, in order of registration, for a device number that no disk has: a host block device is
+// brought in this way. Returns true when a disk of that number has been added.
+using blk_probe_fn = bool (*)(devt dev);
+void blk_register_probe(blk_probe_fn fn);
+
+// Opens by number: counts the opener, runs the disk's open entry.
+//   returns  the device | error value: -ENXIO (no such disk), the entry's error
+[[nodiscard]] block_device* open_by_devnum(devt dev, fmode_t mode);
+// Runs the disk's release entry and drops the opener. Blocks of a node go back before it returns.
+void blkdev_put(block_device* bdev, fmode_t mode);
+
+int fsync_bdev(block_device* bdev);
+int invalidate_bdev(block_device* bdev);
+// A mounted file system of the device, or null.
+[[nodiscard]] super_block* get_super(block_device* bdev);
+void drop_super(super_block* sb);
+
+// ---- admission -----------------------------------------------------------------------------
+// An opener brackets every request with enter and exit. enter sleeps while the device is frozen;
+// exit may be called in completion context.
+void blkdev_enter(block_device* bdev);
+// The same without sleeping: false while frozen.
+[[nodiscard]] bool blkdev_try_enter(block_device* bdev);
+void blkdev_exit(block_device* bdev);
+
+// Stops admission at every opener of the device and waits until the admitted requests have ended,
+// held ones too; where a host file system sits on the device it is frozen first. Nests.
+//   returns  an opaque token for thaw_bdev, never null | error value (nothing is frozen then)
+//   locks    none that a release of the device or the serving of its requests needs
+[[nodiscard]] super_block* freeze_bdev(block_device* bdev);
+void thaw_bdev(block_device* bdev, super_block* sb);
+
+// ---- plugging ------------------------------------------------------------------------------
+// A disk's make-request function may put a bio here instead of serving it. It is served by the
+// queue's unplug function, called by the submitter, by anyone who waits, or 3 ms later.
+void blk_plug_bio(request_queue* q, bio* b);
+// Takes all plugged bios, linked by bi_next in order of arrival. For unplug functions.
+[[nodiscard]] bio* blk_take_plugged(request_queue* q);
+// Calls the queue's unplug function if it has one.
+void blk_unplug(request_queue* q);
+inline request_queue* bdev_get_queue(block_device* bdev) { return bdev->bd_disk->queue; }
+
+}  // namespace kernel

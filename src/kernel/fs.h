@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Files of the host, and path look-up in which zorvd's own device namespace stands before the
+// host's.
+//
+// "/dev/zorv/" and "/dev/image/" belong to the namespace: a directory each, holding device nodes
+// in memory, nothing else; they are there from the start. Every other path is the host's.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kernel/blkdev.h"
+#include "kernel/types.h"
+
+namespace kernel {
+
+constexpr u32 S_IFMT_ = 0xf000, S_IFBLK_ = 0x6000, S_IFCHR_ = 0x2000, S_IFDIR_ = 0x4000,
+              S_IFREG_ = 0x8000;
+constexpr bool s_isblk(u32 mode) { return (mode & S_IFMT_) == S_IFBLK_; }
+
+constexpr u32 FO_RDONLY = 0, FO_WRONLY = 1, FO_RDWR = 2, FO_CREAT = 0x40, FO_TRUNC = 0x200,
+              FO_SYNC = 0x1000, FO_LARGEFILE = 0x8000;
+
+struct inode {
+  u32 i_mode = 0;
+  devt i_rdev = 0;  // block and character nodes
+  u64 i_ino = 0;
+  u64 i_size = 0;  // at look-up time
+};
+
+// One look-up's view of a name; reference-counted, never shared with the host.
+struct dentry {
+  std::string d_name;       // last component
+  std::string d_path;       // absolute path it was found under
+  bool d_negative = false;  // no inode behind the name
+  inode d_node;
+  devt d_fs_dev = 0;         // block device under its file system, 0 when there is none
+  bool d_namespace = false;  // lives in zorvd's device namespace
+  u32 d_count = 1;
+  [[nodiscard]] inode* d_inode() { return d_negative ? nullptr : &d_node; }
+};
+dentry* dget(dentry* d);
+void dput(dentry* d);
+
+constexpr u32 LOOKUP_FOLLOW = 1;
+constexpr u32 LOOKUP_PARENT = 16;
+enum last_type { LAST_NORM, LAST_ROOT, LAST_DOT, LAST_DOTDOT };
+
+struct nameidata {
+  dentry* path = nullptr;  // the entry, or (LOOKUP_PARENT) the parent directory; one reference
+  std::string last;        // LOOKUP_PARENT: the last component
+  last_type type = LAST_NORM;
+  bool trailing = false;  // LOOKUP_PARENT: a '/' followed it
+  u32 flags = 0;
+};
+
+// Block device nodes of the host are told by their own device numbers.
+//   returns  0 (release with path_put) | -ENOENT, -ENOTDIR, -EACCES, -ENAMETOOLONG, -ELOOP
+[[nodiscard]] int path_lookup(const char* path, u32 flags, nameidata* nd);
+void path_put(nameidata* nd);
+// The directory's own mutex; held across look-up and change of a name in it.
+void dir_lock(dentry* dir);
+void dir_unlock(dentry* dir);
+// The entry of that name in the directory, negative when there is none; or an error value.
+[[nodiscard]] dentry* lookup_one_len(const char* name, dentry* dir, std::size_t len);
+// Device nodes are made in the namespace only.
+//   returns  0 | -EEXIST | -EPERM (a host directory) | -ENOSPC
+[[nodiscard]] int vfs_mknod(dentry* dir, dentry* entry, u32 mode, devt dev);
+[[nodiscard]] int vfs_unlink(dentry* dir, dentry* entry);  // 0 | -ENOENT | the host's error
+
+// Names of the namespace for front ends: "zorv0", ... of "/dev/zorv".
+std::vector<std::string> namespace_list(std::string_view dir);
+// Device number of a namespace path, 0 when there is none.
+[[nodiscard]] devt namespace_find(std::string_view path);
+
+struct file;
+// An open host file, or an error value. A namespace path gives -ENXIO.
+[[nodiscard]] file* filp_open(const char* path, u32 flags, u32 mode);
+int filp_close(file* f);
+// Positioned; *pos advances. Short counts as the host gives them; EINTR is retried.
+[[nodiscard]] s64 vfs_read(file* f, void* buffer, std::size_t bytes, s64* pos);
+[[nodiscard]] s64 vfs_write(file* f, const void* buffer, std::size_t bytes, s64* pos);
+[[nodiscard]] int vfs_fsync(file* f);
+[[nodiscard]] u64 file_size(file* f);                // bytes, from its inode
+[[nodiscard]] u64 file_allocated(const char* path);  // bytes the host has given it; 0 if missing
+// Syncs the directory that holds the path, so that a new name in it survives a power cut.
+[[nodiscard]] int fs_sync_parent(const char* path);
+
+// Lets the host say which device a file system on a given host device really lives on (a loop
+// device over one of our node files counts as that node). Returns 0 for "no opinion".
+using fs_device_resolver = devt (*)(u32 host_major, u32 host_minor);
+void set_fs_device_resolver(fs_device_resolver fn);
+
+}  // namespace kernel

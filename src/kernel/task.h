@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The current task, kernel threads, and what a task may do where it stands.
+#pragma once
+
+#include <atomic>
+
+#include "kernel/types.h"
+
+namespace kernel {
+
+struct completion;
+struct user_space;
+
+enum task_state : u32 {
+  TASK_RUNNING = 0,
+  TASK_INTERRUPTIBLE = 1,
+  TASK_UNINTERRUPTIBLE = 2,
+  TASK_NORMAL = TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE,
+};
+
+// One per thread that ever calls into the kernel layer; lives as long as the thread.
+struct task_struct {
+  std::atomic<u32> state{TASK_RUNNING};
+  s32 pid = 0;               // thread id of the host
+  char comm[64] = {};        // always NUL-terminated
+  user_space* mm = nullptr;  // whose memory copy_from_user and copy_to_user mean; not owned
+  u32 spin_depth = 0;        // spin locks held; sleeping is a bug while it is not 0
+  u32 irq_depth = 0;         // > 0: completion context
+  u32 table_reads = 0;       // for the driver: nested read holds of its device table
+};
+
+task_struct* current() noexcept;
+
+// Completion context: a bio's completion function is running. It must not sleep.
+inline bool in_interrupt() noexcept { return current()->irq_depth != 0; }
+
+// Aborts with a message when the caller may not sleep (spin lock held, completion context).
+// Every operation of this layer that can block calls it first.
+void might_sleep(const char* what) noexcept;
+
+constexpr u32 clone_fs = 0x200, clone_files = 0x400, clone_sighand = 0x800;
+
+// Starts a thread that runs fn(arg). The flags are accepted and have no meaning here.
+//   returns  the new thread's id (> 0) | -ENOMEM, -EAGAIN (no thread; nothing is left behind)
+//   owner    the layer joins the thread; see join_exited_threads
+[[nodiscard]] int kernel_thread(int (*fn)(void*), void* arg, u32 flags);
+
+// Gives the current thread its name (63 characters are kept).
+void daemonize(const char* name);
+
+// Ends a thread body: `return complete_and_exit(&done, 0);`. The completion is completed by
+// the thread's trampoline after the body has returned, when nothing of its frame is used any more.
+[[nodiscard]] int complete_and_exit(completion* done, int code);
+
+// Waits for threads whose body has returned. Called at exit and by tests; may sleep.
+void join_exited_threads();
+
+void set_current_state(u32 state) noexcept;
+
+// Sleeps until a wake-up has set the current task running; returns at once if it is running.
+void schedule();
+// The same with a limit in jiffies; returns the jiffies left, 0 when the limit was reached.
+s64 schedule_timeout(s64 timeout_jiffies);
+void yield();
+inline void cond_resched() { yield(); }
+
+}  // namespace kernel
