@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The NBD server: every started node is an export of its name on one Unix socket.
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace zorv {
+
+struct nbd_options {
+  std::string socket_path;  // created with mode 0600; a stale socket is replaced
+  unsigned max_connections = 64;
+  std::size_t max_inflight_bytes = 16U << 20;  // per client
+};
+
+class nbd_server {
+ public:
+  nbd_server();
+  ~nbd_server();
+  nbd_server(const nbd_server&) = delete;
+  nbd_server& operator=(const nbd_server&) = delete;
+
+  //   returns  0 | negative errno, with one sentence in *error
+  [[nodiscard]] int start(const nbd_options& options, std::string* error);
+  // Stops accepting, lets requests in flight finish, closes every connection and every node.
+  void stop();
+
+ private:
+  struct impl;
+  std::unique_ptr<impl> impl_;
+};
+
+}  // namespace zorv
