@@ -60,6 +60,8 @@ struct zorv_filter {
   zorv_cowqueue cowqueue;
   rzrwlock snap_rwlock;          // routing (read) against snap start and stop (write)
   std::atomic<u32> inflight{0};  // requests that entered since it was last cleared
+  // Snap starts and resumes under way; the filter is not stopped meanwhile. Raised under dev_mutex.
+  std::atomic<u32> snaps_starting{0};
   zorv_aio aio;
 };
 
@@ -72,6 +74,9 @@ struct zorv_snap {
   zorv_blkdev* filter = nullptr;
   char cow_data_fname[ZORV_PATH_LEN] = {};
   char cow_bmp_fname[ZORV_PATH_LEN] = {};
+  // Read: the COW thread while it uses the files and the COW bitmap of a started snap (`started`
+  // tested inside). Write: start, stop and resume while they set these up or take them away.
+  rzrwlock file_lock;
   zorv_file* cow_data_file = nullptr;  // open while started
   zorv_file* cow_bmp_file = nullptr;
   zorv_cowbmp cowbmp;
@@ -108,6 +113,7 @@ extern zorv_blkdev** zorv_blkdev_arr;  // zorv_max_blk_minor + 1 slots; null bef
 extern int zorv_chr_major;
 extern int zorv_blk_major;
 extern int zorv_max_blk_minor;
+extern int zorv_blk_registered;  // 1 while the block major is ours
 
 // The record of a minor, or null. The minor is compared unsigned, so a negative one is too big.
 zorv_blkdev* zorv_blkdev_find(u32 minor) REQUIRES_SHARED(zorv_blkdev_rwlock);
@@ -143,8 +149,10 @@ class [[nodiscard]] SCOPED_CAPABILITY table_read_guard {
   table_read_guard(const table_read_guard&) = delete;
   table_read_guard& operator=(const table_read_guard&) = delete;
 };
-// Called by a request, or by a COW thread between passes, before it takes the lock for reading.
-// Waits at most 50 ms, not at all when no writer waits or this task already reads the table.
-void zorv_table_stand_aside();
+// Called before taking the lock for reading. A request waits only in the first 50 ms of every 250
+// ms that a writer has been waiting, a COW thread between two passes at most 300 ms; nobody waits
+// when no writer does or when this task already reads the table.
+enum class stand_aside { request, cow_thread };
+void zorv_table_stand_aside(stand_aside who);
 
 }  // namespace zorv

@@ -2,6 +2,8 @@
 // The driver's one way to say anything.
 #pragma once
 
+#include <atomic>
+
 #include "driver/core/types.h"
 
 namespace zorv {
@@ -9,9 +11,10 @@ namespace zorv {
 // Levels: 1 major events, 2 detail, 3 results and sizes, 4 per request, 255 errors.
 constexpr int LOG_ERROR = 255;
 
-extern int zorv_debug;              // verbosity; module parameter, writable in the status tree
-extern char* zorv_debug_buffer;     // there from load to unload; see log.cc for what it is for
-extern u32 zorv_debug_buffer_size;  // bytes: 2048 while the buffer exists, else 0
+// Verbosity. A module parameter, writable in the status tree, read everywhere without a lock.
+extern std::atomic<int> zorv_debug;
+extern std::atomic<char*> zorv_debug_buffer;  // there from load to unload
+extern u32 zorv_debug_buffer_size;            // bytes: 2048 while the buffer exists, else 0
 
 // Formats and prints one message: errors as "<3>ERROR: text", everything else as "<6>prefix: text"
 // with the task's id or " int"; levels 1 to 4 only when zorv_debug is at least the level. At most

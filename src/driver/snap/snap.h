@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The COW files of a snap, as its start and its resume set them up.
+#pragma once
+
+#include "driver/core/blkdev.h"
+
+namespace zorv {
+
+// Creates both files anew at their full length, sparse, with their names synced, and an empty COW
+// bitmap. On failure what was opened stays for zorv_snap_close_files.
+//   locks    the snap's dev_mutex and file_lock (write)
+//   returns  0 | -EIO | -ENOMEM
+[[nodiscard]] int zorv_snap_open_files(zorv_blkdev* snap);
+// Destroys the COW bitmap and the datablock bitmap and closes the files; accepts any half of it.
+//   locks    the snap's dev_mutex and file_lock (write)
+void zorv_snap_close_files(zorv_blkdev* snap);
+
+// The frame of a start and of a resume, in this order: take both mutexes, look at the snap's
+// state, pin the filter, do the work, release. While pinned the filter stays started; its
+// dev_mutex stays held only while no front end has it open, so that nobody can open it.
+struct snap_start {
+  explicit snap_start(zorv_blkdev* s) : snap(s) {}
+  zorv_blkdev* snap;
+  kernel::block_device* filter_bdev = nullptr;  // the filter's device while a front end has it open
+  bool filter_locked = false;
+  bool pinned = false;
+};
+// Takes the filter's dev_mutex, then the snap's.
+//   locks    the table for reading
+void zorv_snap_start_lock(snap_start* st);
+// Starts the filter and its COW thread where they are not running (the thread's result is ignored).
+//   returns  0 | the filter start's failure
+[[nodiscard]] int zorv_snap_start_pin(snap_start* st) REQUIRES_SHARED(zorv_blkdev_rwlock);
+void zorv_snap_start_unlock(snap_start* st);
+
+}  // namespace zorv
