@@ -19,13 +19,19 @@ struct cow_block {
   kernel::list_node<cow_block> req_link{this};
   kernel::list_node<cow_block> hash_link{this};
   kernel::bio* bio = nullptr;
+  cow_request* req = nullptr;
 };
 
+// A request stays in the queue for a moment after its bio has ended or has been sent on, so range
+// and direction are kept here and nobody but the consumer looks into the bio.
 struct cow_request {
   kernel::list_node<cow_request> queue_link{this};
   kernel::list_of<cow_block> blocks;  // ascending
-  s32 snap_minor = -1;                // newest started snap when queued; negative: none
+  s32 snap_minor = -1;                // newest started snap when queued; negative: none; under lock
   kernel::bio* bio = nullptr;
+  sector_t first_sector = 0;
+  sector_t last_sector = 0;  // inclusive
+  bool is_write = false;
 };
 
 constexpr u32 cowqueue_hash_size = 16384;
@@ -46,6 +52,9 @@ struct zorv_cowqueue {
 // 1 when a held request of a selected direction overlaps the bio's sectors, else 0.
 [[nodiscard]] int zorv_cowqueue_find_overlap_req(zorv_cowqueue* q, int match_reads,
                                                  int match_writes, const kernel::bio* bio);
+// Whether a request that stands before r in the queue overlaps it.
+[[nodiscard]] bool zorv_cowqueue_overlaps_earlier(zorv_cowqueue* q, const cow_request* r)
+    REQUIRES(q->lock);
 void zorv_cowqueue_remove(zorv_cowqueue* q, cow_request* r) REQUIRES(q->lock);
 int zorv_cowqueue_purge(zorv_cowqueue* q);  // every held bio ends with -EIO
 int zorv_cowqueue_destroy(zorv_cowqueue* q);
