@@ -28,7 +28,8 @@ void unregister_chrdev_region(u32 major, u32 base, u32 count, const char* name);
 // driver loaded for as long as it uses the result.
 [[nodiscard]] const file_operations* chrdev_find(const char* name, u32* major);
 
-// One command, in the calling task, against the current task's user_space.
+// One command, in the calling task, against the current task's user_space: open, ioctl, release.
+// The device keeps nothing per open, so its entries get a null file.
 //   returns  the entry's result | -ENODEV (no device of that name)
 [[nodiscard]] int chrdev_ioctl(const char* name, u32 command, user_addr argument);
 

@@ -65,7 +65,7 @@ void dir_unlock(dentry* dir);
 // The entry of that name in the directory, negative when there is none; or an error value.
 [[nodiscard]] dentry* lookup_one_len(const char* name, dentry* dir, std::size_t len);
 // Device nodes are made in the namespace only.
-//   returns  0 | -EEXIST | -EPERM (a host directory) | -ENOSPC
+//   returns  0 | -EEXIST | -EPERM (a host directory)
 [[nodiscard]] int vfs_mknod(dentry* dir, dentry* entry, u32 mode, devt dev);
 [[nodiscard]] int vfs_unlink(dentry* dir, dentry* entry);  // 0 | -ENOENT | the host's error
 
@@ -75,7 +75,7 @@ std::vector<std::string> namespace_list(std::string_view dir);
 [[nodiscard]] devt namespace_find(std::string_view path);
 
 struct file;
-// An open host file, or an error value. A namespace path gives -ENXIO.
+// An open host file, or an error value. A namespace path and a FIFO give -ENXIO.
 [[nodiscard]] file* filp_open(const char* path, u32 flags, u32 mode);
 int filp_close(file* f);
 // Positioned; *pos advances. Short counts as the host gives them; EINTR is retried.

@@ -6,6 +6,7 @@
 // else up itself. So entries may be removed under locks that a handler takes.
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,18 +16,21 @@
 
 namespace kernel {
 
+struct file;
 struct proc_dir_entry;
 using read_proc_t = int (*)(char* page, char** start, s64 offset, int count, int* eof, void* data);
 using write_proc_t = int (*)(file* f, user_addr buffer, u64 count, void* data);
 
-// The fields that a creator sets and a handler reads. The tree owns the entry.
+// The fields that a creator sets and a handler reads. The tree owns the entry. The creator fills in
+// data and the handlers right after creation, data first: a reader may find the entry meanwhile
+// and sees an empty text until the handler is there.
 struct proc_dir_entry {
   std::string name;
-  u32 mode = 0;
+  u32 mode = 0;                      // permission bits
   proc_dir_entry* parent = nullptr;  // null for an entry directly under /proc
-  read_proc_t read_proc = nullptr;   // set once, right after creation
-  write_proc_t write_proc = nullptr;
-  void* data = nullptr;
+  std::atomic<void*> data{nullptr};
+  std::atomic<read_proc_t> read_proc{nullptr};
+  std::atomic<write_proc_t> write_proc{nullptr};
 };
 
 // Null when memory is short, the parent is gone or the name is taken.

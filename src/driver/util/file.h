@@ -37,6 +37,10 @@ using zorv_file_ptr = std::unique_ptr<zorv_file, zorv_file_closer>;
 // (nearest existing ancestor); 0 when there is none.
 [[nodiscard]] devt zorv_get_file_devt(const char* path);
 
+// The entry of the parent look-up's last component, possibly negative, or an error value (-EEXIST:
+// no ordinary name, -ENOENT: a trailing '/' behind a name that does not exist).
+//   locks    takes the parent directory's and leaves it held on every return
+[[nodiscard]] kernel::dentry* zorv_lookup_create(kernel::nameidata* nd);
 int zorv_mknod(const char* path, int is_block, u32 major, u32 minor);  // 0 | negative errno
 int zorv_unlink(const char* path);  // 0 | -ENOENT (silent) | negative errno
 

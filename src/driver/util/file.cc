@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Open files by path, with positioned I/O.
+#include "driver/util/file.h"
+
+#include <cassert>
+
+#include "driver/core/log.h"
+#include "kernel/mem.h"
+
+namespace zorv {
+namespace {
+
+const char* access_word(u32 flags) {
+  switch (flags & 3U) {
+    case kernel::FO_RDONLY:
+      return "reading";
+    case kernel::FO_WRONLY:
+      return "writing";
+    default:
+      return "reading and writing";
+  }
+}
+
+char* copy_of(const char* text) {
+  const std::size_t bytes = std::strlen(text) + 1;
+  auto* copy = static_cast<char*>(kernel::kmalloc(bytes, kernel::GFP_KERNEL));
+  if (copy != nullptr) std::memcpy(copy, text, bytes);
+  return copy;
+}
+
+void free_handle(zorv_file* file) {
+  kernel::kfree(file->fname);
+  kernel::kdelete(file);
+}
+
+bool unusable(const zorv_file* file) {
+  return file == nullptr || file->filp == nullptr || kernel::is_err(file->filp);
+}
+
+}  // namespace
+
+zorv_file* zorv_fopen(const char* path, u32 flags, u32 mode) {
+  assert(path != nullptr);
+  auto* file = kernel::knew<zorv_file>(kernel::GFP_KERNEL);
+  if (file != nullptr) file->fname = copy_of(path);
+  if (file == nullptr || file->fname == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
+    if (file != nullptr) free_handle(file);
+    return nullptr;
+  }
+  file->filp = kernel::filp_open(path, flags, mode);
+  if (kernel::is_err(file->filp)) {
+    zorv_log(LOG_ERROR, "%s(): Failed to open file %s for %s: errno=%d", __func__, path,
+             access_word(flags), kernel::ptr_err(file->filp));
+    free_handle(file);
+    return nullptr;
+  }
+  return file;
+}
+
+int zorv_fclose(zorv_file* file) {
+  assert(file != nullptr);
+  const int rc = unusable(file) ? 0 : kernel::filp_close(file->filp);
+  free_handle(file);
+  return rc;
+}
+
+int zorv_fwrite(zorv_file* file, u64 offset, const void* buffer, int length) {
+  if (unusable(file)) {
+    zorv_log(LOG_ERROR, "%s(): NULL or invalid file pointer passed as input!", __func__);
+    return -EINVAL;
+  }
+  auto pos = static_cast<s64>(offset);
+  const auto* from = static_cast<const std::byte*>(buffer);
+  int written = 0;
+  while (written < length) {
+    const int remaining = length - written;
+    const s64 rc =
+        kernel::vfs_write(file->filp, from + written, static_cast<std::size_t>(remaining), &pos);
+    if (rc < 0) {
+      zorv_log(LOG_ERROR, "%s(): Failed to write %d bytes into %s: rc=%d", __func__, remaining,
+               file->fname, static_cast<int>(rc));
+      return static_cast<int>(rc);
+    }
+    if (rc == 0) {
+      zorv_log(LOG_ERROR, "%s(): Short write into %s: wrote %d instead of %d", __func__,
+               file->fname, written, length);
+      return -EIO;
+    }
+    written += static_cast<int>(rc);
+  }
+  return written;
+}
+
+int zorv_fread(zorv_file* file, u64 offset, void* buffer, int length) {
+  if (unusable(file)) {
+    zorv_log(LOG_ERROR, "%s(): NULL or invalid file pointer passed as input!", __func__);
+    return -EINVAL;
+  }
+  auto pos = static_cast<s64>(offset);
+  auto* to = static_cast<std::byte*>(buffer);
+  int got = 0;
+  while (got < length) {
+    const int remaining = length - got;
+    const s64 rc =
+        kernel::vfs_read(file->filp, to + got, static_cast<std::size_t>(remaining), &pos);
+    if (rc < 0) {
+      zorv_log(LOG_ERROR, "%s(): Failed to read %d bytes from %s: rc=%d", __func__, remaining,
+               file->fname, static_cast<int>(rc));
+      return static_cast<int>(rc);
+    }
+    if (rc == 0) {
+      zorv_log(LOG_ERROR, "%s(): Unexpected EOF while trying to read %d bytes from %s", __func__,
+               remaining, file->fname);
+      return got;
+    }
+    got += static_cast<int>(rc);
+  }
+  return got;
+}
+
+int zorv_fsync(zorv_file* file) { return unusable(file) ? 0 : kernel::vfs_fsync(file->filp); }
+
+int zorv_ftruncate(const char* path) {
+  zorv_file* file =
+      zorv_fopen(path, kernel::FO_RDWR | kernel::FO_TRUNC | kernel::FO_LARGEFILE, 0600);
+  if (file != nullptr) zorv_fclose(file);
+  return 0;
+}
+
+}  // namespace zorv
