@@ -1,0 +1,305 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Image files as disks. An image belongs to one daemon at a time: a lock over the whole file, of
+// the kind that virtual machine monitors respect too, is held from attach to detach.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#include "driver/util/file.h"
+#include "host/disk/disk.h"
+#include "host/disk/engine.h"
+#include "kernel/printk.h"
+#include "kernel/uaccess.h"
+
+namespace zorv {
+
+using kernel::block_device;
+using kernel::fmode_t;
+using kernel::gendisk;
+using kernel::s32;
+using kernel::u32;
+using kernel::u64;
+
+namespace {
+
+constexpr std::size_t max_name_bytes = 127;
+
+struct image {
+  attached_disk info{};
+  std::string node;  // "/dev/image/NAME"
+  int fd = -1;
+  dev_t file_dev = 0;
+  ino_t file_ino = 0;
+  u32 minor = 0;
+  bool added = false;
+  std::unique_ptr<file_engine> engine;
+  gendisk* disk = nullptr;
+  std::atomic<s32> openers{0};  // -1: being detached, nobody opens it any more
+
+  ~image();
+};
+
+struct image_table {
+  std::mutex lock;  // held across attach and detach
+  bool registered = false;
+  std::vector<std::unique_ptr<image>> images;
+};
+
+image_table& table() {
+  static image_table& t = *new image_table;  // outlives whoever still has a disk open at exit
+  return t;
+}
+
+image* image_of(const block_device* bdev) {
+  return static_cast<image*>(bdev->bd_disk->private_data);
+}
+
+int image_open(block_device* bdev, fmode_t mode) {
+  image* i = image_of(bdev);
+  if ((mode & kernel::FMODE_WRITE) != 0 && i->info.read_only) return -EROFS;
+  s32 n = i->openers.load(std::memory_order_relaxed);
+  do {
+    if (n < 0) return -ENXIO;
+  } while (!i->openers.compare_exchange_weak(n, n + 1, std::memory_order_acq_rel));
+  return 0;
+}
+
+int image_release(gendisk* disk, fmode_t) {
+  static_cast<image*>(disk->private_data)->openers.fetch_sub(1, std::memory_order_acq_rel);
+  return 0;
+}
+
+template <class T>
+int answer(u64 to, T value) {
+  return kernel::copy_to_user(to, &value, sizeof value) == 0 ? 0 : -EFAULT;
+}
+
+int image_ioctl(block_device* bdev, fmode_t, u32 command, u64 argument) {
+  const gendisk* disk = bdev->bd_disk;
+  switch (command) {
+    case 0x125e:  // BLKROGET
+      return answer<s32>(argument, disk->read_only.load(std::memory_order_relaxed) ? 1 : 0);
+    case 0x1260:  // BLKGETSIZE, sectors
+      return answer<u64>(argument, disk->capacity_sectors.load(std::memory_order_relaxed));
+    case 0x1261:  // BLKFLSBUF
+      return kernel::fsync_bdev(bdev);
+    case 0x1263:  // BLKRAGET, sectors
+      return answer<u64>(argument, u64{disk->queue->ra_pages} * kernel::page_size >> 9);
+    case 0x1268:  // BLKSSZGET
+      return answer<s32>(argument, static_cast<s32>(disk->queue->limits.logical_block_bytes));
+    case 0x80081270:  // BLKBSZGET; an int, whatever size its number says
+      return answer<s32>(argument, static_cast<s32>(bdev->bd_block_bytes));
+    default:
+      return -ENOTTY;
+  }
+}
+
+int image_flush_cache(block_device* bdev) { return image_of(bdev)->engine->sync(); }
+
+// There is nothing to invalidate: the page cache of the file is the medium here, not a copy of it.
+const kernel::block_device_operations image_bdops = {
+    .open = image_open,
+    .release = image_release,
+    .ioctl = image_ioctl,
+    .flush_cache = image_flush_cache,
+    .invalidate = nullptr,
+    .mounted = nullptr,
+    .freeze = nullptr,
+    .thaw = nullptr,
+};
+
+image::~image() {
+  if (added) {
+    zorv_unlink(node.c_str());
+    kernel::del_gendisk(disk);
+  }
+  if (disk != nullptr) {
+    if (disk->queue != nullptr) kernel::blk_cleanup_queue(disk->queue);
+    kernel::put_disk(disk);
+  }
+  engine.reset();
+  if (fd >= 0) ::close(fd);  // gives the lock back
+}
+
+int fail(std::string* error, int code, std::string text) {
+  if (error != nullptr) *error = std::move(text);
+  return code;
+}
+
+std::string errno_text(int code) { return std::strerror(code < 0 ? -code : code); }
+
+std::string default_name(const std::string& path) {
+  std::string base = path.substr(path.rfind('/') + 1);
+  if (const auto dot = base.rfind('.'); dot != std::string::npos && dot != 0) base.resize(dot);
+  return base;
+}
+
+bool good_name(const std::string& name) {
+  return !name.empty() && name.size() <= max_name_bytes && name != "." && name != ".." &&
+         std::all_of(name.begin(), name.end(), [](char c) {
+           return static_cast<unsigned char>(c) > ' ' && c != '/' && c != 0x7f;
+         });
+}
+
+// Opens and locks the file and learns its size.
+int take_file(image* i, std::string* error) {
+  const std::string& path = i->info.path;
+  const bool ro = i->info.read_only;
+  i->fd = ::open(path.c_str(), (ro ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (i->fd < 0) return fail(error, -errno, path + ": " + errno_text(errno));
+  struct stat st;
+  if (::fstat(i->fd, &st) != 0) return fail(error, -errno, path + ": " + errno_text(errno));
+  if (!S_ISREG(st.st_mode)) return fail(error, -EINVAL, path + " is not a regular file.");
+  if (st.st_size < kernel::sector_size) {
+    return fail(error, -EINVAL, path + " is shorter than one sector of 512 bytes.");
+  }
+  for (const auto& other : table().images) {
+    if (other->file_dev == st.st_dev && other->file_ino == st.st_ino) {
+      return fail(error, -EBUSY, path + " is attached already, as " + other->info.name + ".");
+    }
+  }
+  struct flock whole = {};
+  whole.l_type = ro ? F_RDLCK : F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  if (::fcntl(i->fd, F_OFD_SETLK, &whole) != 0) {
+    if (errno == EAGAIN || errno == EACCES) {
+      return fail(error, -EBUSY, path + " is in use by another program that has locked it.");
+    }
+    return fail(error, -errno, path + " cannot be locked: " + errno_text(errno));
+  }
+  i->file_dev = st.st_dev;
+  i->file_ino = st.st_ino;
+  i->info.size_bytes = static_cast<u64>(st.st_size) & ~u64{kernel::sector_size - 1};
+  if (const auto tail = static_cast<u64>(st.st_size) - i->info.size_bytes; tail != 0) {
+    kernel::printk("<6>zorvd: %s: the last %llu bytes are no whole sector and are not served.\n",
+                   path.c_str(), static_cast<unsigned long long>(tail));
+  }
+  return 0;
+}
+
+u32 lowest_free_minor() {
+  u32 minor = 0;
+  while (std::any_of(table().images.begin(), table().images.end(),
+                     [minor](const auto& i) { return i->minor == minor; })) {
+    ++minor;
+  }
+  return minor;
+}
+
+int add_image_disk(image* i, std::string* error) {
+  const auto no_memory = [&] { return fail(error, -ENOMEM, "Not enough memory for a disk."); };
+  i->engine = file_engine::create(i->fd, engine_backing::regular_file, i->node.c_str());
+  if (i->engine == nullptr) return no_memory();
+  if ((i->disk = kernel::alloc_disk(1)) == nullptr) return no_memory();
+  if ((i->disk->queue = kernel::blk_alloc_queue(kernel::GFP_KERNEL)) == nullptr) return no_memory();
+  i->engine->attach(i->disk->queue);
+  i->disk->major = image_major;
+  i->disk->first_minor = i->minor;
+  copy_text_n(i->disk->disk_name, sizeof i->disk->disk_name, i->info.name.c_str());
+  i->disk->fops = &image_bdops;
+  i->disk->private_data = i;
+  kernel::set_capacity(i->disk, i->info.size_bytes >> kernel::sector_shift);
+  kernel::set_disk_ro(i->disk, i->info.read_only ? 1 : 0);
+  kernel::add_disk(i->disk);
+  i->added = true;
+  if (const int rc = zorv_mknod(i->node.c_str(), 1, image_major, i->minor); rc != 0) {
+    return fail(error, rc, i->node + " cannot be made: " + errno_text(rc));
+  }
+  return 0;
+}
+
+int attach_locked(const std::string& path, const std::string& name, access mode, std::string* error,
+                  std::string* used_name) {
+  image_table& t = table();
+  if (!t.registered) {
+    const int rc = kernel::register_blkdev(image_major, "image");
+    if (rc != 0) return fail(error, rc, "The images' device major is taken.");
+    t.registered = true;
+  }
+  const std::unique_ptr<char, decltype(&::free)> full(::realpath(path.c_str(), nullptr), ::free);
+  if (full == nullptr) return fail(error, -errno, path + ": " + errno_text(errno));
+  auto i = std::make_unique<image>();
+  i->info.path = full.get();
+  i->info.name = name.empty() ? default_name(i->info.path) : name;
+  i->info.read_only = mode == access::read_only;
+  if (!good_name(i->info.name)) {
+    return fail(error, -EINVAL,
+                "'" + i->info.name + "' is no good name for a disk: 1 to 127 bytes, no space, " +
+                    "no '/'.");
+  }
+  for (const auto& other : t.images) {
+    if (other->info.name == i->info.name) {
+      return fail(
+          error, -EEXIST,
+          "A disk named " + i->info.name + " is attached already (" + other->info.path + ").");
+    }
+  }
+  i->node = "/dev/image/" + i->info.name;
+  i->minor = lowest_free_minor();
+  if (const int rc = take_file(i.get(), error); rc != 0) return rc;
+  if (const int rc = add_image_disk(i.get(), error); rc != 0) return rc;
+  if (used_name != nullptr) *used_name = i->info.name;
+  t.images.push_back(std::move(i));
+  return 0;
+}
+
+bool claim_for_detach(image* i) {
+  s32 free = 0;
+  return i->openers.compare_exchange_strong(free, -1, std::memory_order_acq_rel);
+}
+
+}  // namespace
+
+int image_attach(const std::string& path, const std::string& name, access mode, std::string* error,
+                 std::string* used_name) {
+  const std::lock_guard guard(table().lock);
+  try {
+    return attach_locked(path, name, mode, error, used_name);
+  } catch (const std::bad_alloc&) {
+    return -ENOMEM;
+  }
+}
+
+int image_detach(const std::string& name, std::string* error) {
+  image_table& t = table();
+  const std::lock_guard guard(t.lock);
+  const auto at = std::find_if(t.images.begin(), t.images.end(),
+                               [&](const auto& i) { return i->info.name == name; });
+  if (at == t.images.end()) return fail(error, -ENOENT, "No disk named " + name + " is attached.");
+  if (!claim_for_detach(at->get())) {
+    return fail(error, -EBUSY, name + " is in use by a node or a client.");
+  }
+  t.images.erase(at);
+  return 0;
+}
+
+std::vector<attached_disk> image_list() {
+  image_table& t = table();
+  const std::lock_guard guard(t.lock);
+  std::vector<attached_disk> list;
+  for (const auto& i : t.images) {
+    list.push_back(i->info);
+    list.back().openers = i->openers.load(std::memory_order_relaxed);
+  }
+  return list;
+}
+
+void image_detach_all() {
+  image_table& t = table();
+  const std::lock_guard guard(t.lock);
+  std::erase_if(t.images, [](const auto& i) { return claim_for_detach(i.get()); });
+  if (t.images.empty() && t.registered) {
+    kernel::unregister_blkdev(image_major, "image");
+    t.registered = false;
+  }
+}
+
+}  // namespace zorv
