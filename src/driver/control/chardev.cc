@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The control device and its dispatcher: look the command up, move its record, check the node,
+// call the handler. What a command does is its handler's.
+#include "driver/control/chardev.h"
+
+#include <type_traits>
+
+#include "driver/bitmap/bitmap.h"
+#include "driver/block/block.h"
+#include "driver/core/blkdev.h"
+#include "driver/core/log.h"
+#include "kernel/mem.h"
+
+namespace zorv {
+namespace {
+
+using kernel::user_addr;
+
+constexpr u32 first_minor = 0;
+constexpr u32 minor_count = 256;
+constexpr const char* device_name = "zorv";
+
+constexpr u32 command_in = 1U << 30;   // the caller passes data in
+constexpr u32 command_out = 1U << 31;  // data comes back
+constexpr u32 command_type(u32 command) { return command >> 8 & 0xffU; }
+constexpr u32 command_bytes(u32 command) { return command >> 16 & 0x3fffU; }
+
+int registered = 0;
+
+// A caller may fill a text field to its last byte. Handlers read texts to their NUL, so every
+// field of the driver's copy gets one; a text is cut by that only where it has no end at all.
+template <std::size_t N>
+void close_text(char (&field)[N]) {
+  field[N - 1] = '\0';
+}
+void close_texts(zorv_add_filter_req* r) {
+  close_text(r->hdd_name);
+  close_text(r->bmp_dir);
+  close_text(r->uuid);
+  close_text(r->name);
+}
+void close_texts(zorv_add_snap_req* r) {
+  close_text(r->cow_bmp_fname);
+  close_text(r->cow_data_fname);
+  close_text(r->uuid);
+  close_text(r->name);
+}
+void close_texts(zorv_test_datablock_req* r) { close_text(r->hdd_name); }
+void close_texts(void*) {}  // texts go out only, or there are none
+
+// A handler under one signature for the table, whatever its record is called.
+template <auto handler>
+struct entry_of;
+template <class R, int (*handler)(R*)>
+struct entry_of<handler> {
+  using record = std::remove_const_t<R>;
+  static int call(zorv_blkdev* /*dev*/, void* raw) {
+    auto* r = static_cast<record*>(raw);
+    close_texts(r);
+    return handler(r);
+  }
+};
+template <class R, int (*handler)(zorv_blkdev*, R*)>
+struct entry_of<handler> {
+  using record = R;
+  static int call(zorv_blkdev* dev, void* raw) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+    return handler(dev, static_cast<R*>(raw));
+  }
+};
+
+enum class lock_table { no, yes };  // yes: the record's first word is a minor, checked here
+
+struct command_row {
+  u32 number;
+  const char* name;
+  lock_table table;
+  int (*handler)(zorv_blkdev* dev, void* record);  // null: not part of this build
+};
+
+template <auto handler>
+constexpr command_row row(u32 number, const char* name, lock_table table) {
+  static_assert(sizeof(typename entry_of<handler>::record) != 0);
+  return {number, name, table, entry_of<handler>::call};
+}
+
+constexpr command_row commands[] = {
+    row<zorv_ioctl_add_filter_node>(ZORV_ADD_FILTER_NODE, "ZORV_ADD_FILTER_NODE", lock_table::no),
+    {ZORV_ADD_SNAP_NODE, "ZORV_ADD_SNAP_NODE", lock_table::no, nullptr},
+    row<zorv_ioctl_del_node>(ZORV_DEL_NODE, "ZORV_DEL_NODE", lock_table::no),
+    row<zorv_ioctl_start_node>(ZORV_START_NODE, "ZORV_START_NODE", lock_table::no),
+    row<zorv_ioctl_stop_node>(ZORV_STOP_NODE, "ZORV_STOP_NODE", lock_table::no),
+    row<zorv_ioctl_get_device_list>(ZORV_GET_DEVICE_LIST, "ZORV_GET_DEVICE_LIST", lock_table::no),
+    row<zorv_ioctl_get_info>(ZORV_GET_INFO, "ZORV_GET_INFO", lock_table::yes),
+    row<zorv_ioctl_load_bmp>(ZORV_LOAD_BMP, "ZORV_LOAD_BMP", lock_table::yes),
+    row<zorv_ioctl_save_bmp>(ZORV_SAVE_BMP, "ZORV_SAVE_BMP", lock_table::yes),
+    row<zorv_ioctl_clr_bmp>(ZORV_CLR_BMP, "ZORV_CLR_BMP", lock_table::yes),
+    row<zorv_ioctl_set_bmp>(ZORV_SET_BMP, "ZORV_SET_BMP", lock_table::yes),
+    row<zorv_ioctl_merge_bmp>(ZORV_MERGE_BMP, "ZORV_MERGE_BMP", lock_table::yes),
+    row<zorv_ioctl_get_bmp>(ZORV_GET_BMP, "ZORV_GET_BMP", lock_table::yes),
+    row<zorv_ioctl_get_and_clr_bmp>(ZORV_GET_AND_CLR_BMP, "ZORV_GET_AND_CLR_BMP", lock_table::yes),
+    {ZORV_GET_DATABLOCK_BMP, "ZORV_GET_DATABLOCK_BMP", lock_table::yes, nullptr},
+    {ZORV_TEST_DATABLOCK, "ZORV_TEST_DATABLOCK", lock_table::no, nullptr},
+    {ZORV_RESUME_SNAP, "ZORV_RESUME_SNAP", lock_table::no, nullptr},
+};
+
+const command_row* find_command(u32 number) {
+  for (const command_row& c : commands) {
+    if (c.number == number) return &c;
+  }
+  return nullptr;
+}
+
+// The node that the record's first word names, and the handler on it, both under the table's lock.
+int call_on_node(const char* caller, const command_row& c, void* record) {
+  u32 minor = 0;
+  std::memcpy(&minor, record, sizeof minor);
+  const table_read_guard guard;
+  zorv_blkdev* dev = zorv_blkdev_find(minor);
+  if (dev == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Invalid ZORV minor=%d", caller, static_cast<int>(minor));
+    return -EINVAL;
+  }
+  return c.handler(dev, record);
+}
+
+s64 zorv_char_read(kernel::file*, user_addr, std::size_t, s64*) { return 0; }
+s64 zorv_char_write(kernel::file*, user_addr, std::size_t, s64*) { return 0; }
+int zorv_char_open(kernel::inode*, kernel::file*) { return 0; }
+int zorv_char_release(kernel::inode*, kernel::file*) { return 0; }
+
+constexpr kernel::file_operations fops = {
+    .read = zorv_char_read,
+    .write = zorv_char_write,
+    .open = zorv_char_open,
+    .release = zorv_char_release,
+    .ioctl = zorv_char_ioctl,
+};
+
+}  // namespace
+
+int zorv_char_init() {
+  zorv_log(2, "%s(): Initializing character device", __func__);
+  const int rc = kernel::register_chrdev_region(static_cast<u32>(zorv_chr_major), first_minor,
+                                                minor_count, device_name, &fops);
+  if (rc < 0) {
+    zorv_log(LOG_ERROR, "%s(): Failed to register character device: rc=%d.", __func__, rc);
+    return rc;
+  }
+  if (zorv_chr_major == 0) zorv_chr_major = rc;
+  zorv_log(2, "%s(): zorv_chr_major=%d", __func__, zorv_chr_major);
+  registered = 1;
+  return 0;
+}
+
+int zorv_char_destroy() {
+  if (registered != 0) {
+    zorv_log(2, "%s(): Unregistering character device driver", __func__);
+    kernel::unregister_chrdev_region(static_cast<u32>(zorv_chr_major), first_minor, minor_count,
+                                     device_name);
+    registered = 0;
+  }
+  return 0;
+}
+
+int zorv_char_ioctl(kernel::inode* /*inode*/, kernel::file* /*file*/, u32 command,
+                    user_addr argument) {
+  const command_row* c = find_command(command);
+  zorv_log(2, "%s(): cmd=0x%02x (%s)", __func__, command, c != nullptr ? c->name : "UNKNOWN");
+  if (c == nullptr && command_type(command) != 'C') return -ENOTTY;
+
+  const std::size_t bytes = command_bytes(command);
+  if ((command & command_out) != 0 && !kernel::access_ok(argument, bytes)) return -EFAULT;
+  if ((command & command_in) != 0 && !kernel::access_ok(argument, bytes)) return -EFAULT;
+  if (c == nullptr || c->handler == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Inappropriate ioctl cmd=%d", __func__, static_cast<int>(command));
+    if (c != nullptr) {
+      zorv_log(LOG_ERROR, "%s(): %s is not built into this driver", __func__, c->name);
+    }
+    return -ENOTTY;
+  }
+
+  const kernel::kbuf<std::byte> record(
+      static_cast<std::byte*>(kernel::kmalloc(bytes, kernel::GFP_KERNEL)));
+  if (record == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
+    return -EFAULT;
+  }
+  if (kernel::copy_from_user(record.get(), argument, bytes) != 0) {
+    zorv_log(LOG_ERROR, "%s(): copy_from_user() failed.", __func__);
+    return -EFAULT;
+  }
+  const int rc = c->table == lock_table::yes ? call_on_node(__func__, *c, record.get())
+                                             : c->handler(nullptr, record.get());
+  if (rc != 0) return rc;
+  if ((command & command_out) != 0 && kernel::copy_to_user(argument, record.get(), bytes) != 0) {
+    // Both directions have the one text: whoever reads the log looks for it.
+    zorv_log(LOG_ERROR, "%s(): copy_from_user() failed.", __func__);
+    return -EFAULT;
+  }
+  return 0;
+}
+
+}  // namespace zorv
