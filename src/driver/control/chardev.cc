@@ -29,24 +29,28 @@ int registered = 0;
 
 // A caller may fill a text field to its last byte. Handlers read texts to their NUL, so every
 // field of the driver's copy gets one; a text is cut by that only where it has no end at all.
-template <std::size_t N>
-void close_text(char (&field)[N]) {
-  field[N - 1] = '\0';
-}
-void close_texts(zorv_add_filter_req* r) {
-  close_text(r->hdd_name);
-  close_text(r->bmp_dir);
-  close_text(r->uuid);
-  close_text(r->name);
-}
-void close_texts(zorv_add_snap_req* r) {
-  close_text(r->cow_bmp_fname);
-  close_text(r->cow_data_fname);
-  close_text(r->uuid);
-  close_text(r->name);
-}
-void close_texts(zorv_test_datablock_req* r) { close_text(r->hdd_name); }
-void close_texts(void*) {}  // texts go out only, or there are none
+struct texts {
+  static void close(zorv_add_filter_req* r) {
+    end(r->hdd_name);
+    end(r->bmp_dir);
+    end(r->uuid);
+    end(r->name);
+  }
+  static void close(zorv_add_snap_req* r) {
+    end(r->cow_bmp_fname);
+    end(r->cow_data_fname);
+    end(r->uuid);
+    end(r->name);
+  }
+  static void close(zorv_test_datablock_req* r) { end(r->hdd_name); }
+  static void close(void*) {}  // texts go out only, or there are none
+
+ private:
+  template <std::size_t N>
+  static void end(char (&field)[N]) {
+    field[N - 1] = '\0';
+  }
+};
 
 // A handler under one signature for the table, whatever its record is called.
 template <auto handler>
@@ -56,7 +60,7 @@ struct entry_of<handler> {
   using record = std::remove_const_t<R>;
   static int call(zorv_blkdev* /*dev*/, void* raw) {
     auto* r = static_cast<record*>(raw);
-    close_texts(r);
+    texts::close(r);
     return handler(r);
   }
 };
