@@ -75,7 +75,7 @@ void bio_endio(bio* b, int error);
 // Sends the bio to bi_bdev. Beyond the end of the device it ends with -EIO.
 //   context  may sleep (a node's routing takes sleeping locks)
 void generic_make_request(bio* b);
-// Sets the direction and sends.
+// Adds the direction (and flags) to bi_rw and sends.
 void submit_bio(u32 rw, bio* b);
 
 }  // namespace kernel

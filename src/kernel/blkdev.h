@@ -44,6 +44,9 @@ struct request_queue {
   bio* plug_tail GUARDED_BY(plug_lock) = nullptr;
   bool plug_timer GUARDED_BY(plug_lock) = false;  // the 3 ms unplug is due for this queue
   std::atomic<u32> plug_users{0};                 // unplug timers running on this queue
+  list_node<request_queue> plug_link{this};       // place among the queues with a timer
+  u64 plug_due_ns = 0;                            // with plug_link, under the timer's lock
+  std::atomic<u32> refs{1};  // the owner's, and one of a disk that was added with it
 };
 
 struct block_device_operations {
@@ -70,11 +73,14 @@ struct gendisk {
   u64 size_bytes = 0;  // exact size when it is no multiple of 512, else 0
   std::atomic<bool> read_only{false};
   block_device* bdev = nullptr;  // the device while the disk is added
+  // The owner, every opener, every request being submitted. The device is freed with its disk.
   std::atomic<u32> refs{1};
+  bool has_queue_ref = false;
+  list_node<gendisk> link{this};  // place in the device table
 };
 
 // Whoever has a device open sends it requests between blkdev_enter and blkdev_exit (below).
-struct super_block;
+struct super_block {};
 struct block_device {
   devt bd_dev = 0;
   gendisk* bd_disk = nullptr;
@@ -88,6 +94,11 @@ struct block_device {
   u32 bd_admitted GUARDED_BY(bd_gate_lock) = 0;
   u32 bd_frozen GUARDED_BY(bd_gate_lock) = 0;
   wait_queue_head bd_gate_wait;
+  semaphore bd_freeze_sem;  // held across a whole freeze or thaw
+  super_block bd_super;     // what get_super and freeze_bdev hand out
+  // Requests being submitted, and whether the disk is still added: see blkdev_begin_submit.
+  std::atomic<bool> bd_live{false};
+  std::atomic<u32> bd_submitting{0};
 };
 
 // 0 | -ENOMEM -> null.
@@ -96,14 +107,21 @@ struct block_device {
 void blk_queue_make_request(request_queue* q, make_request_fn fn);
 void set_capacity(gendisk* disk, sector_t sectors);
 void set_disk_ro(gendisk* disk, int read_only);
-// Makes the disk known under its device number. The disk's soft block size is the largest power
-// of two up to 4096 that divides its size.
+// Makes the disk known under its device number; its name, number, operations, queue and capacity
+// are set by now. The disk's soft block size is the largest power of two from 512 to 4096 that
+// divides its size.
 void add_disk(gendisk* disk);
-// Takes it away: later opens and requests fail; waits for requests being submitted.
+// Takes it away: later opens and requests fail. Waits up to 50 ms for requests being submitted; not
+// without a limit, because one may wait for a lock that the caller holds. What such a request still
+// uses (disk, device, queue) lives until it is through.
 void del_gendisk(gendisk* disk);
-// Waits for the queue's unplug timer and drops what it may still hold (nothing, in order).
+// The same, unless somebody has the disk open or is opening it: then false and nothing is changed.
+[[nodiscard]] bool del_gendisk_unused(gendisk* disk);
+// Waits for the queue's unplug timer; plugged bios nobody has unplugged end with -EIO.
 void blk_cleanup_queue(request_queue* q);
 void put_disk(gendisk* disk);
+// Drops one reference of the queue; for blk_cleanup_queue.
+void blk_release_queue(request_queue* q);
 
 // major 0 asks for a free one, which is returned; else 0.
 //   returns  -EBUSY (taken) | -EINVAL (> 4095)
@@ -115,8 +133,8 @@ void unregister_blkdev(u32 major, const char* name);
 using blk_probe_fn = bool (*)(devt dev);
 void blk_register_probe(blk_probe_fn fn);
 
-// Opens by number: counts the opener, runs the disk's open entry.
-//   returns  the device | error value: -ENXIO (no such disk), the entry's error
+// Opens by number: counts the opener, then runs the disk's open entry.
+//   returns  the device | error value: -ENXIO (no such disk), the entry's error (not counted)
 [[nodiscard]] block_device* open_by_devnum(devt dev, fmode_t mode);
 // Runs the disk's release entry and drops the opener. Blocks of a node go back before it returns.
 void blkdev_put(block_device* bdev, fmode_t mode);
@@ -150,6 +168,10 @@ void blk_plug_bio(request_queue* q, bio* b);
 [[nodiscard]] bio* blk_take_plugged(request_queue* q);
 // Calls the queue's unplug function if it has one.
 void blk_unplug(request_queue* q);
+// For generic_make_request: keeps the device, its disk and its queue alive until end. False when
+// the disk is not (or no longer) added; nothing is to be undone then.
+[[nodiscard]] bool blkdev_begin_submit(block_device* bdev);
+void blkdev_end_submit(block_device* bdev);
 inline request_queue* bdev_get_queue(block_device* bdev) { return bdev->bd_disk->queue; }
 
 }  // namespace kernel

@@ -9,7 +9,8 @@ namespace kernel {
 __attribute__((format(printf, 1, 2))) void printk(const char* fmt, ...);
 
 // Where messages go; the default writes to standard error. The sink may be called by several
-// threads at once and in completion context. Returns the previous sink.
+// threads at once and in completion context. Null brings the default back. Returns the previous
+// sink.
 using printk_sink = void (*)(const char* text);
 printk_sink set_printk_sink(printk_sink sink);
 

@@ -45,7 +45,8 @@ constexpr u32 clone_fs = 0x200, clone_files = 0x400, clone_sighand = 0x800;
 //   owner    the layer joins the thread; see join_exited_threads
 [[nodiscard]] int kernel_thread(int (*fn)(void*), void* arg, u32 flags);
 
-// Gives the current thread its name (63 characters are kept).
+// Gives the current thread its name (63 characters are kept). Threads of kernel_thread() run with
+// every signal blocked from their start.
 void daemonize(const char* name);
 
 // Ends a thread body: `return complete_and_exit(&done, 0);`. The completion is completed by
@@ -61,7 +62,9 @@ void set_current_state(u32 state) noexcept;
 void schedule();
 // The same with a limit in jiffies; returns the jiffies left, 0 when the limit was reached.
 s64 schedule_timeout(s64 timeout_jiffies);
+// Gives way. A caller that does nothing else in a loop naps for some tens of microseconds a turn.
 void yield();
-inline void cond_resched() { yield(); }
+// The host preempts its threads by itself, so this only checks that the caller may sleep.
+inline void cond_resched() { might_sleep("cond_resched"); }
 
 }  // namespace kernel
