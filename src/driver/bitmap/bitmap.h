@@ -6,13 +6,34 @@
 
 namespace zorv {
 
+// One of a filter's two bitmaps.
+struct zorv_bmp_view {
+  u8* bits;  // null while the node is being created; contents under bmp_lock
+  u32 size;  // bytes
+  std::atomic<u32>* dirty;
+  const char* fname;
+};
+inline zorv_bmp_view zorv_bmp_of(zorv_filter* f, u32 type) {
+  return type == ZORV_BMP_INCREMENTAL
+             ? zorv_bmp_view{f->incr_bmp, static_cast<u32>(f->incr_bmp_size), &f->incr_bmp_dirty,
+                             f->incr_bmp_fname}
+             : zorv_bmp_view{f->diff_bmp, static_cast<u32>(f->diff_bmp_size), &f->diff_bmp_dirty,
+                             f->diff_bmp_fname};
+}
+
 // "Incremental" (1), "Differential" (0), "Unknown".
 const char* zorv_bmp_type_name(u32 type);
 
 // Both bitmaps get the extents of the sectors; the first new bit since a save queues a stale mark.
 //   context  may sleep (it allocates with GFP_NOIO); takes bmp_lock once per extent
+//   after    zorv_marks_pending says whether the write may go to the HDD
 void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors);
 
+// Whether none, or all, of the first extent_cnt bits are set.
+bool zorv_bmp_all_clear(const u8* bits, u32 extent_cnt);
+bool zorv_bmp_all_set(const u8* bits, u32 extent_cnt);
+
+// Command handlers; the table is held for reading.
 int zorv_ioctl_get_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req);
 int zorv_ioctl_set_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req);
 int zorv_ioctl_merge_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req);
@@ -24,7 +45,13 @@ int zorv_ioctl_load_bmp(zorv_blkdev* dev, zorv_bmp_req* req);
 // Standard table, no inversion at either end: the caller seeds with 0xFFFFFFFF and stores as is.
 void zorv_crc32(const void* buffer, s32 length, u32* value);
 
-// File work; each takes bmp_mutex. Format and failures: docs/bitmap-file.md.
+// File work; each takes bmp_mutex, sleeps and logs its own failure. Format, states and what a crash
+// leaves: docs/bitmap-file.md.
+//   save   0 | -ENOMEM | -EINVAL (the file lives on the node itself) | -EIO, a write's error; after
+//          a failure past -ENOMEM the dirty flag is 1
+//   load   0 (also when the file is ignored) | -ENOMEM (bitmap untouched) | -EIO (no file, no
+//          bitmap file) | a read's error; whenever the file is not taken every extent counts as
+//          changed
 int zorv_block_save_bmp(zorv_filter* f, u32 type);
 int zorv_block_save_dirty_bmps(zorv_filter* f);
 int zorv_block_load_bmp(zorv_filter* f, u32 type);

@@ -147,8 +147,8 @@ int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
     kernel::vfree(f.diff_bmp);
     f.incr_bmp = f.diff_bmp = nullptr;
   });
-  f.incr_bmp = static_cast<u8*>(kernel::vzalloc(bytes));
-  if (f.incr_bmp != nullptr) f.diff_bmp = static_cast<u8*>(kernel::vzalloc(bytes));
+  f.incr_bmp = static_cast<u8*>(kernel::vmalloc(bytes));
+  if (f.incr_bmp != nullptr) f.diff_bmp = static_cast<u8*>(kernel::vmalloc(bytes));
   if (f.incr_bmp == nullptr || f.diff_bmp == nullptr) {
     zorv_log(LOG_ERROR, "%s(): Failed to allocate %d+%d bytes of memory for bitmaps", op,
              f.incr_bmp_size, f.diff_bmp_size);
@@ -156,7 +156,10 @@ int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
   }
 
   set_bitmap_files(f, req->bmp_dir);
-  // An unusable file leaves its bitmap all set, which is what an unknown past means.
+  // An unusable file leaves its bitmap all set, which is what an unknown past means; so does a
+  // load that could not even begin.
+  std::memset(f.incr_bmp, 0xFF, bytes);
+  std::memset(f.diff_bmp, 0xFF, bytes);
   (void)zorv_block_load_bmp(&f, ZORV_BMP_DIFFERENTIAL);
   (void)zorv_block_load_bmp(&f, ZORV_BMP_INCREMENTAL);
 

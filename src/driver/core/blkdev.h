@@ -8,6 +8,7 @@
 
 #include <atomic>
 
+#include "driver/bitmap/marks.h"
 #include "driver/core/lock.h"
 #include "driver/core/types.h"
 #include "driver/datablock/blkbmp.h"
@@ -48,13 +49,10 @@ struct zorv_filter {
   // 1: the bitmap holds changes that its file does not. Written under bmp_lock, also read without.
   std::atomic<u32> incr_bmp_dirty{0};
   std::atomic<u32> diff_bmp_dirty{0};
-  // Per bitmap type code, under bmp_lock: the order of writes behind the stale mark
-  // (bitmap/dirty.h).
-  struct mark_state {
-    std::atomic<u64> ticket{0};    // the last queued stale mark; 0: none since load
-    std::atomic<u32> saving{0};    // saves between taking their copy and their end
-    std::atomic<u64> given_up{0};  // ticket that a write has stopped waiting for
-  } marks[2];
+  // By bitmap type code, under bmp_lock: the order of writes behind the stale mark.
+  zorv_mark_state marks[2];
+  // Bit per type code: writes have to wait (bitmap/marks.h). Written under bmp_lock.
+  std::atomic<u32> marks_exposed{0};
 
   zorv_cowthread cowthread;
   zorv_cowqueue cowqueue;

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "driver/bitmap/bitmap.h"
+
+#include <algorithm>
+
+#include "driver/bitmap/dirty.h"
+#include "driver/core/log.h"
+
+namespace zorv {
+
+namespace {
+
+// Sets the extent's bit; returns whether the file's stale mark is to be queued.
+bool mark_one(zorv_filter* f, u32 type, u64 extent) REQUIRES(f->bmp_lock) {
+  const zorv_bmp_view bmp = zorv_bmp_of(f, type);
+  if (bmp.bits == nullptr) return false;
+  const auto mask = static_cast<u8>(1U << (extent & 7));
+  zorv_mark_state& m = f->marks[type];
+  if (m.load_marks != nullptr) m.load_marks[extent >> 3] |= mask;
+  const std::atomic_ref<u8> byte(bmp.bits[extent >> 3]);
+  if ((byte.load(std::memory_order_relaxed) & mask) != 0) return false;
+  byte.fetch_or(mask, std::memory_order_relaxed);
+  if (bmp.dirty->load(std::memory_order_relaxed) != 0) return false;
+  bmp.dirty->store(1, std::memory_order_relaxed);
+  m.noted = true;
+  (void)zorv_marks_update(f);  // a new change never lets a waiting write go
+  return true;
+}
+
+}  // namespace
+
+const char* zorv_bmp_type_name(u32 type) {
+  switch (type) {
+    case ZORV_BMP_INCREMENTAL:
+      return "Incremental";
+    case ZORV_BMP_DIFFERENTIAL:
+      return "Differential";
+    default:
+      return "Unknown";
+  }
+}
+
+void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors) {
+  if (sectors == 0) return;
+  const u32 shift = f->extent_shift - kernel::sector_shift;
+  const u64 first = sector >> shift;
+  const u64 last = std::min<u64>((sector + sectors - 1) >> shift, f->extent_cnt - 1);
+  for (u64 extent = first; extent <= last; ++extent) {
+    bool incr = false;
+    bool diff = false;
+    {
+      kernel::spin_guard guard(&f->bmp_lock);
+      incr = mark_one(f, ZORV_BMP_INCREMENTAL, extent);
+      diff = mark_one(f, ZORV_BMP_DIFFERENTIAL, extent);
+    }
+    if (incr) (void)zorv_sched_write_dirty_flag(f, ZORV_BMP_INCREMENTAL);
+    if (diff) (void)zorv_sched_write_dirty_flag(f, ZORV_BMP_DIFFERENTIAL);
+  }
+  // A file that may look current although its bitmap was never clean (it could not be read, say)
+  // has had no first new bit; its mark is queued by the first write.
+  if (zorv_marks_pending(f)) zorv_marks_settle(f);
+}
+
+bool zorv_bmp_all_clear(const u8* bits, u32 extent_cnt) {
+  const u32 whole = extent_cnt / 8;
+  if (std::any_of(bits, bits + whole, [](u8 b) { return b != 0; })) return false;
+  const u32 rest = (1U << extent_cnt % 8) - 1;
+  return rest == 0 || (bits[whole] & rest) == 0;
+}
+
+bool zorv_bmp_all_set(const u8* bits, u32 extent_cnt) {
+  const u32 whole = extent_cnt / 8;
+  if (std::any_of(bits, bits + whole, [](u8 b) { return b != 0xFF; })) return false;
+  const u32 rest = (1U << extent_cnt % 8) - 1;
+  return rest == 0 || (bits[whole] & rest) == rest;
+}
+
+}  // namespace zorv
