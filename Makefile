@@ -1,0 +1,52 @@
+# A thin front: the work is in CMakePresets.json and scripts/.
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+FORMATTED = $(shell git ls-files '*.cc' '*.h' '*.c')
+
+.PHONY: all demo test build bench install format check-format tidy soak fuzz clean deps-%
+
+all: build
+
+deps-%:
+	@scripts/install-deps.sh $*
+
+build: deps-build
+	@cmake --preset release >build-release.log 2>&1 || { cat build-release.log; exit 1; }
+	@cmake --build --preset release -j $(JOBS) >build-release.log 2>&1 || { cat build-release.log; exit 1; }
+	@rm -f build-release.log
+
+# The main job on a disk that it makes.
+demo: deps-demo build
+	@scripts/demo.sh build/release
+
+# Builds everything with warnings as errors and runs every test.
+test: deps-test
+	cmake --preset dev
+	cmake --build --preset dev -j $(JOBS)
+	ctest --preset dev -j $(JOBS)
+
+bench: deps-bench build
+	bench/run.sh build/release
+
+install: build
+	cmake --install build/release --prefix $(PREFIX)
+
+format:
+	clang-format -i $(FORMATTED)
+
+check-format:
+	clang-format --dry-run -Werror $(FORMATTED)
+
+tidy: deps-ci
+	cmake --preset dev
+	run-clang-tidy -quiet -p build/dev $(shell git ls-files 'src/*.cc') >tidy.log 2>&1 || { grep -E 'error|warning' tidy.log; exit 1; }
+	@rm -f tidy.log
+
+# The model test over thousands of seeds; SEEDS=N sets how many.
+soak: deps-test
+	cmake --preset dev
+	cmake --build --preset dev -j $(JOBS)
+	ZORV_SOAK_SEEDS=$(or $(SEEDS),2000) build/dev/tests/test_snap --gtest_filter='*model*'
+
+clean:
+	rm -rf build
