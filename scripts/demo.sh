@@ -123,7 +123,8 @@ run zctl info yesterday
 
 say "5. Proof: the snapshot still shows every byte of its instant, the disk does not"
 nbdcopy "$(uri yesterday)" "$work/again.img"
-echo "    snapshot: all $(same "$work/again.img") blocks that its file system holds are what they were"
+n=$(same "$work/again.img")
+echo "    snapshot: all $n blocks that its file system holds are what they were"
 e2fsck -fn "$work/again.img" >/dev/null 2>&1 || fail "the snapshot's file system is not clean"
 echo "    snapshot: e2fsck finds it clean; etc/note: \"$(debugfs -R 'cat etc/note' "$work/again.img" 2>/dev/null)\""
 nbdcopy "$(uri data)" "$work/now.img"
@@ -152,7 +153,8 @@ run zctl bmp show data incr
 run zctl add-snap data --chunk-size 64K --cow-dir "$work/cow" --name yesterday --minor 1
 run zctl resume yesterday
 nbdcopy "$(uri yesterday)" "$work/third.img"
-echo "    the resumed snapshot: all $(same "$work/third.img") blocks are what they were"
+n=$(same "$work/third.img")
+echo "    the resumed snapshot: all $n blocks are what they were"
 got=$(zctl --json bmp show data incr | python3 -c 'import json,sys
 print([(r["offset"], r["length"]) for r in json.load(sys.stdin)["ranges"]])')
 [ "$got" = "$want" ] || fail "the restart lost the bitmap: $got"
