@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// A filter's life: creation with every refusal, start, stop, removal, unload.
+#include "support/driver_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+
+namespace {
+
+struct filter_test : driver_test {
+  memory_disk disk{"d0", 1000000000};
+
+  int refused(zorv_add_filter_req req, const std::string& message) {
+    log.clear();
+    const int rc = command(ZORV_ADD_FILTER_NODE, &req);
+    EXPECT_TRUE(log.has("<3>ERROR: zorv_ioctl_add_filter_node(): " + message)) << log.errors();
+    return rc;
+  }
+  zorv_add_filter_req request(filter_options o = {}) {
+    if (o.bmp_dir.empty()) o.bmp_dir = dir.path();
+    return filter_request(disk.path(), o);
+  }
+};
+
+}  // namespace
+
+TEST_F(filter_test, creation_fills_the_record_and_leaves_the_node_stopped) {
+  auto req = request({.bmp_dir = dir.path() + "///"});
+  ASSERT_EQ(command(ZORV_ADD_FILTER_NODE, &req), 0) << log.errors();
+  EXPECT_EQ(req.minor, 0);
+  EXPECT_STREQ(req.name, "zorv0");
+  ASSERT_EQ(std::string(req.uuid).size(), 38U);
+  EXPECT_EQ(req.uuid[0], '{');
+  EXPECT_EQ(req.uuid[9], '-');
+  const auto i = info(0);
+  EXPECT_EQ(i.dev_type, ZORV_DEV_FILTER);
+  EXPECT_EQ(i.dev_size, 1000000000U);
+  EXPECT_EQ(i.extent_cnt, 15259U);
+  EXPECT_EQ(i.incr_bmp_size, 1908U);
+  EXPECT_EQ(i.started, 0U);
+  EXPECT_EQ(std::string(i.incr_bmp_fname), dir / "zorv0.incr");
+  EXPECT_EQ(std::string(i.diff_bmp_fname), dir / "zorv0.diff");
+  EXPECT_EQ(i.incr_bmp_full, 1U) << "no file yet: everything counts as changed";
+  EXPECT_EQ(proc("zorv/zorv0/dev_name"), "/dev/zorv/zorv0\n");
+  EXPECT_EQ(kernel::namespace_find("/dev/zorv/zorv0"), kernel::mkdev(100, 0));
+}
+
+TEST_F(filter_test, every_refusal_says_why_and_changes_nothing) {
+  write_file(dir / "file", {1, 2, 3});
+  memory_disk small{"small", 1 << 20, /*block_bytes=*/1024};
+  const auto with = [&](const std::string& hdd, filter_options o) {
+    o.bmp_dir = dir.path();
+    return filter_request(hdd, o);
+  };
+  const std::string d = disk.path();
+  struct {
+    zorv_add_filter_req req;
+    std::string message;
+    int rc;
+  } const table[] = {
+      {with("", {}), "Empty HDD name passed as input.", -EINVAL},
+      {with(dir / "nothing", {}), "Unable to lookup " + (dir / "nothing") + ": rc=0", -ENOENT},
+      {with("relative", {}), "Unable to lookup relative: rc=-22", -ENOENT},
+      {with(dir / "file", {}), (dir / "file") + " is not a block device.", -EINVAL},
+      {with(d, {.extent_size = 0}), "Extent size must be a power of 2", -EINVAL},
+      {with(d, {.extent_size = 12288}), "Extent size must be a power of 2", -EINVAL},
+      {with(small.path(), {.extent_size = 512}),
+       "Extent size must be a multiple of block size (1024B)", -EINVAL},
+      {with(small.path(), {.extent_size = 2048}),
+       "Extent size can't be smaller than page size (4096B)", -EINVAL},
+      {with(d, {.minor = 256}), "Minor number 256 is too big: max=255", -EINVAL},
+      {with(d, {.name = std::string(123, 'n')}), "Node name nnn", -EINVAL},
+  };
+  for (const auto& row : table) {
+    log.clear();
+    auto req = row.req;
+    EXPECT_EQ(command(ZORV_ADD_FILTER_NODE, &req), row.rc) << row.message;
+    EXPECT_TRUE(log.has("<3>ERROR: zorv_ioctl_add_filter_node(): " + row.message)) << log.errors();
+    EXPECT_EQ(std::memcmp(&req, &row.req, sizeof(req)), 0) << "a failed command changes no record";
+  }
+  const u32 first = add_filter(d, {.minor = 7});
+  EXPECT_EQ(first, 7U);
+  EXPECT_EQ(refused(with(d, {}), "Found a duplicate zorv7 node going to the same HDD device " + d),
+            -EINVAL);
+  memory_disk other{"d1", 1 << 20};
+  EXPECT_EQ(refused(with(other.path(), {.minor = 7}), "Device minor number 7 is already taken"),
+            -EINVAL);
+  {
+    client busy(kernel::open_by_devnum(other.dev(), kernel::FMODE_READ));
+    EXPECT_EQ(refused(with(other.path(), {}), "Can't attach to an open HDD device"), -EBUSY);
+  }
+  other.set_mounted(true);
+  EXPECT_EQ(refused(with(other.path(), {}), "Can't attach to mounted HDD device"), -EBUSY);
+  other.set_mounted(false);
+  EXPECT_EQ(add_filter(other.path()), 0U);
+}
+
+TEST_F(filter_test, more_extents_than_32_bits_count_are_refused) {
+  memory_disk huge{"huge", (1ULL << 44)};  // 16 TiB: 2^32 extents of 4096 bytes
+  auto req = filter_request(huge.path(), {.extent_size = 4096, .bmp_dir = dir.path()});
+  EXPECT_EQ(refused(req, "Extent size 4096 is too small for such a large volume"), -EINVAL);
+}
+
+TEST_F(filter_test, the_table_fills_up_and_frees_again) {
+  unload();
+  ASSERT_EQ(kernel::module_param_set("zorv_max_blk_minor", "2"), 0);
+  load();
+  std::vector<std::unique_ptr<memory_disk>> disks;
+  for (int i = 0; i < 4; ++i)
+    disks.push_back(std::make_unique<memory_disk>("t" + std::to_string(i), 1 << 20));
+  for (u32 i = 0; i < 3; ++i) EXPECT_EQ(add_filter(disks[i]->path()), i);
+  auto req = filter_request(disks[3]->path(), {.bmp_dir = dir.path()});
+  EXPECT_EQ(refused(req, "All 3 of ZORV minor nodes have already been used up."), -ENOSPC);
+  EXPECT_EQ(del(1), 0);
+  EXPECT_EQ(add_filter(disks[3]->path()), 1U);
+  unload();
+}
+
+TEST_F(filter_test, start_stop_and_delete_follow_the_states) {
+  const u32 m = add_filter(disk.path());
+  EXPECT_TRUE(kernel::is_err(kernel::open_by_devnum(kernel::mkdev(100, m), kernel::FMODE_READ)));
+  EXPECT_TRUE(log.has("zorv(100, 0) hasn't been started yet."));
+  EXPECT_EQ(stop(m), 0) << "stopping a stopped node";
+  EXPECT_EQ(start(m), 0);
+  EXPECT_EQ(start(m), -EALREADY);
+  EXPECT_TRUE(log.has("zorv_block_start_device(): zorv(100, 0) has already been started"));
+  {
+    client one(m), two(m);
+    EXPECT_EQ(info(m).use_cnt, 2U);
+    one.close();
+    EXPECT_EQ(stop(m), -EBUSY);
+    EXPECT_EQ(del(m), -EBUSY);
+    EXPECT_TRUE(log.has("zorv_block_stop_device(): zorv(100, 0) is still being used."));
+  }
+  EXPECT_EQ(del(m), 0) << "a started node that nobody uses is stopped first";
+  EXPECT_EQ(kernel::namespace_find("/dev/zorv/zorv0"), 0U);
+  for (u32 number : {ZORV_START_NODE, ZORV_STOP_NODE, ZORV_DEL_NODE}) {
+    for (u32 minor : {m, 4096U, 0xffffffffU}) EXPECT_EQ(node(number, minor), -EINVAL);
+  }
+  EXPECT_TRUE(log.has("Nothing is known about zorv(100, 4096)"));
+  EXPECT_EQ(disk.openers(), 0);
+}
+
+TEST_F(filter_test, a_taken_name_moves_the_device_node_and_removal_leaves_it) {
+  memory_disk other{"d1", 1 << 20};
+  const u32 a = add_filter(disk.path(), {.name = "data"});
+  const u32 b = add_filter(other.path(), {.name = "data"});
+  EXPECT_EQ(kernel::namespace_find("/dev/zorv/data"), kernel::mkdev(100, b));
+  EXPECT_EQ(del(a), 0);
+  EXPECT_EQ(kernel::namespace_find("/dev/zorv/data"), kernel::mkdev(100, b));
+}
+
+// Every call of every kind that creation makes fails once: the command fails cleanly or, where the
+// step is allowed to fail, succeeds; either way the next creation and the unload succeed.
+TEST_F(filter_test, failing_the_nth_call_of_creation_leaves_no_trace) {
+  using site = kernel::fault_site;
+  for (site where : {site::alloc, site::file_open, site::file_read, site::node_make,
+                     site::proc_create, site::user_copy}) {
+    for (u64 n = 1; n < 200; ++n) {
+      auto req = request();
+      kernel::fault_arm(where, n, 1, ENOMEM);
+      const int rc = command(ZORV_ADD_FILTER_NODE, &req);
+      const bool reached = kernel::fault_calls(where) >= n;
+      kernel::fault_disarm_all();
+      if (rc != 0) {
+        EXPECT_EQ(disk.openers(), zorv_blkdev_arr[0] != nullptr ? 1 : 0);
+        EXPECT_TRUE(rc == -ENOMEM || rc == -EIO || rc == -EINVAL || rc == -EFAULT || rc == -ENOENT)
+            << rc;
+      }
+      // The copy back may fail after the node is there.
+      if (zorv_blkdev_arr[0] != nullptr) EXPECT_EQ(del(0), 0);
+      ASSERT_EQ(disk.openers(), 0) << "site " << static_cast<u32>(where) << " call " << n;
+      if (!reached) break;
+    }
+  }
+  EXPECT_EQ(add_filter(disk.path()), 0U);
+}
+
+TEST_F(filter_test, a_writer_of_the_table_gets_in_while_clients_keep_it_busy) {
+  const u32 m = add_started_filter(disk.path());
+  std::atomic<bool> stop_clients{false};
+  std::vector<std::thread> clients;
+  for (int t = 0; t < 3; ++t) {
+    clients.emplace_back([&, t] {
+      client c(m);
+      while (!stop_clients) ASSERT_EQ(c.fill(static_cast<u64>(t) << 20, 4096, 1), 0);
+    });
+  }
+  memory_disk other{"d1", 1 << 20};
+  for (int i = 0; i < 5; ++i) {
+    const auto begin = std::chrono::steady_clock::now();
+    const u32 b = add_filter(other.path());
+    EXPECT_EQ(del(b), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+  }
+  stop_clients = true;
+  for (auto& t : clients) t.join();
+}
+
+TEST_F(filter_test, unload_takes_every_node_down_and_keeps_the_bitmaps) {
+  memory_disk other{"d1", 1 << 20};
+  const u32 m = add_started_filter(disk.path());
+  add_filter(other.path());
+  {
+    client c(m);
+    EXPECT_EQ(c.fill(0, 4096, 5), 0);
+  }
+  unload();
+  EXPECT_EQ(disk.openers(), 0);
+  EXPECT_TRUE(log.has("zorv_cleanup(): The driver is being unloaded."));
+  load();
+  add_filter(disk.path());
+  EXPECT_EQ(changed(0, ZORV_BMP_INCREMENTAL), std::vector<u32>{0});
+}
