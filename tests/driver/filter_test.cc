@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // A filter's life: creation with every refusal, start, stop, removal, unload.
+#include "kernel/module.h"
 #include "support/driver_fixture.h"
 
 using namespace zorv;
@@ -93,6 +94,7 @@ TEST_F(filter_test, every_refusal_says_why_and_changes_nothing) {
   EXPECT_EQ(refused(with(other.path(), {}), "Can't attach to mounted HDD device"), -EBUSY);
   other.set_mounted(false);
   EXPECT_EQ(add_filter(other.path()), 0U);
+  unload();
 }
 
 TEST_F(filter_test, more_extents_than_32_bits_count_are_refused) {
@@ -138,7 +140,7 @@ TEST_F(filter_test, start_stop_and_delete_follow_the_states) {
     for (u32 minor : {m, 4096U, 0xffffffffU}) EXPECT_EQ(node(number, minor), -EINVAL);
   }
   EXPECT_TRUE(log.has("Nothing is known about zorv(100, 4096)"));
-  EXPECT_EQ(disk.openers(), 0);
+  EXPECT_EQ(disk.bdev()->bd_openers.load(), 0);
 }
 
 TEST_F(filter_test, a_taken_name_moves_the_device_node_and_removal_leaves_it) {
@@ -148,6 +150,7 @@ TEST_F(filter_test, a_taken_name_moves_the_device_node_and_removal_leaves_it) {
   EXPECT_EQ(kernel::namespace_find("/dev/zorv/data"), kernel::mkdev(100, b));
   EXPECT_EQ(del(a), 0);
   EXPECT_EQ(kernel::namespace_find("/dev/zorv/data"), kernel::mkdev(100, b));
+  unload();
 }
 
 // Every call of every kind that creation makes fails once: the command fails cleanly or, where the
@@ -163,13 +166,14 @@ TEST_F(filter_test, failing_the_nth_call_of_creation_leaves_no_trace) {
       const bool reached = kernel::fault_calls(where) >= n;
       kernel::fault_disarm_all();
       if (rc != 0) {
-        EXPECT_EQ(disk.openers(), zorv_blkdev_arr[0] != nullptr ? 1 : 0);
+        EXPECT_EQ(disk.bdev()->bd_openers.load(), zorv_blkdev_arr[0] != nullptr ? 1 : 0);
         EXPECT_TRUE(rc == -ENOMEM || rc == -EIO || rc == -EINVAL || rc == -EFAULT || rc == -ENOENT)
             << rc;
       }
       // The copy back may fail after the node is there.
       if (zorv_blkdev_arr[0] != nullptr) EXPECT_EQ(del(0), 0);
-      ASSERT_EQ(disk.openers(), 0) << "site " << static_cast<u32>(where) << " call " << n;
+      ASSERT_EQ(disk.bdev()->bd_openers.load(), 0)
+          << "site " << static_cast<u32>(where) << " call " << n;
       if (!reached) break;
     }
   }
@@ -206,9 +210,10 @@ TEST_F(filter_test, unload_takes_every_node_down_and_keeps_the_bitmaps) {
     EXPECT_EQ(c.fill(0, 4096, 5), 0);
   }
   unload();
-  EXPECT_EQ(disk.openers(), 0);
+  EXPECT_EQ(disk.bdev()->bd_openers.load(), 0);
   EXPECT_TRUE(log.has("zorv_cleanup(): The driver is being unloaded."));
   load();
   add_filter(disk.path());
   EXPECT_EQ(changed(0, ZORV_BMP_INCREMENTAL), std::vector<u32>{0});
+  unload();
 }

@@ -310,10 +310,7 @@ void release_disk(zorv_blkdev* dev) {
   kernel::gendisk* disk = dev->disk;
   if (disk == nullptr) return;
   kernel::del_gendisk(disk);
-  if (disk->queue != nullptr) {
-    kernel::blk_cleanup_queue(disk->queue);
-    disk->queue = nullptr;
-  }
+  if (disk->queue != nullptr) kernel::blk_cleanup_queue(disk->queue);
   kernel::put_disk(disk);
   dev->disk = nullptr;
 }
