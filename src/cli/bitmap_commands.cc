@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The change bitmaps of a filter.
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <map>
+
+#include "cli/bitmap_file.h"
+#include "cli/cli.h"
+#include "cli/nodes.h"
+#include "cli/ranges.h"
+
+namespace zorv::cli {
+namespace {
+
+const std::map<std::string, std::uint32_t> type_codes = {{"incr", ZORV_BMP_INCREMENTAL},
+                                                         {"diff", ZORV_BMP_DIFFERENTIAL}};
+
+struct bitmap_args {
+  std::string node;
+  std::string type;
+  std::string file;
+  bool given_file = false;
+};
+
+using bitmap = std::vector<unsigned char>;
+
+std::size_t bitmap_bytes(const zorv_info_req& info, std::uint32_t type) {
+  return type == ZORV_BMP_INCREMENTAL ? info.incr_bmp_size : info.diff_bmp_size;
+}
+
+zorv_bmp_range_req range_req(std::uint32_t minor, std::uint32_t type, bitmap* bits) {
+  zorv_bmp_range_req req{};
+  req.minor = minor;
+  req.type = type;
+  if (bits == nullptr) return req;
+  req.size = static_cast<std::uint32_t>(bits->size());
+  req.data = reinterpret_cast<std::uint64_t>(bits->data());
+  return req;
+}
+
+json head(const zorv_info_req& info, const bitmap_args& args) {
+  return {{"minor", info.minor}, {"type", args.type}};
+}
+
+// Signals that would end this process wait until the bitmap is safe.
+class signals_later {
+ public:
+  signals_later() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, signal);
+    sigprocmask(SIG_BLOCK, &set, &old_);
+  }
+  ~signals_later() { sigprocmask(SIG_SETMASK, &old_, nullptr); }
+  signals_later(const signals_later&) = delete;
+  signals_later& operator=(const signals_later&) = delete;
+
+ private:
+  sigset_t old_{};
+};
+
+answer get(session& s, const bitmap_args& args, std::uint32_t number, bool as_json) {
+  const zorv_info_req info = filter_info(s, args.node);
+  const std::uint32_t type = type_codes.at(args.type);
+  bitmap bits(bitmap_bytes(info, type));
+  zorv_bmp_range_req req = range_req(info.minor, type, &bits);
+  json document = head(info, args);
+  document["size"] = bits.size();
+  if (args.file.empty() && as_json) {
+    s.command(number, &req);
+    document["data"] = base64(bits);
+    return {std::move(document), ""};
+  }
+  bitmap_sink sink(args.file);
+  const signals_later guard;
+  s.command(number, &req);
+  try {
+    sink.write(bits);
+  } catch (const failure& e) {
+    if (number != ZORV_GET_AND_CLR_BMP) throw;
+    // These bits are nowhere else any more.
+    req = range_req(info.minor, type, &bits);
+    const bool back = s.try_command(ZORV_MERGE_BMP, &req) == 0;
+    throw failure(
+        e.exit_status, e.number,
+        std::string(e.what()) + (back ? "; the bitmap was merged back"
+                                      : "; THE BITMAP IS LOST, it could not be merged back"));
+  }
+  document["file"] = args.file;
+  return {std::move(document), ""};
+}
+
+answer put(session& s, const bitmap_args& args, std::uint32_t number, const char* done) {
+  const zorv_info_req info = filter_info(s, args.node);
+  const std::uint32_t type = type_codes.at(args.type);
+  bitmap bits;
+  zorv_bmp_range_req req = range_req(info.minor, type, nullptr);
+  if (args.given_file) {
+    bits = read_bitmap(args.file, bitmap_bytes(info, type));
+    req = range_req(info.minor, type, &bits);
+  }
+  s.command(number, &req);
+  return {head(info, args), std::string(done) + " " + args.type + " of " + args.node + "\n"};
+}
+
+answer plain(session& s, const bitmap_args& args, std::uint32_t number, const char* done) {
+  zorv_bmp_req req{};
+  req.minor = find_node(s, args.node);
+  req.type = type_codes.at(args.type);
+  s.command(number, &req);
+  return {{{"minor", req.minor}, {"type", args.type}},
+          std::string(done) + " " + args.type + " of " + args.node + "\n"};
+}
+
+answer show(session& s, const bitmap_args& args) {
+  const zorv_info_req info = filter_info(s, args.node);
+  const std::uint32_t type = type_codes.at(args.type);
+  bitmap bits(bitmap_bytes(info, type));
+  zorv_bmp_range_req req = range_req(info.minor, type, &bits);
+  s.command(ZORV_GET_BMP, &req);
+  json document = head(info, args);
+  document["extent_size"] = info.extent_size;
+  return show_ranges(set_ranges(bits, info.extent_size, info.dev_size), info.dev_size,
+                     std::move(document));
+}
+
+std::shared_ptr<bitmap_args> add(CLI::App* parent, invocation* inv, const std::string& name,
+                                 const std::string& help, CLI::App** command,
+                                 const std::function<answer(session&, const bitmap_args&)>& run) {
+  auto args = std::make_shared<bitmap_args>();
+  *command =
+      add_command(parent, inv, name, help, [args, run](session& s) { return run(s, *args); });
+  (*command)->add_option("NODE", args->node, "the filter node")->required();
+  (*command)
+      ->add_option("TYPE", args->type, "incr (incremental) or diff (differential)")
+      ->required()
+      ->check(CLI::IsMember({"incr", "diff"}));
+  return args;
+}
+
+void add_get(CLI::App* bmp, invocation* inv, const char* name, std::uint32_t number,
+             const char* help) {
+  CLI::App* command = nullptr;
+  auto args = add(bmp, inv, name, help, &command, [number, inv](session& s, const bitmap_args& a) {
+    return get(s, a, number, inv->as_json);
+  });
+  command->add_option("-o,--output", args->file, "write to FILE; default: standard output")
+      ->type_name("FILE");
+}
+
+void add_put(CLI::App* bmp, invocation* inv, const char* name, std::uint32_t number,
+             const char* done, const char* help) {
+  CLI::App* command = nullptr;
+  auto args = add(bmp, inv, name, help, &command, [number, done](session& s, const bitmap_args& a) {
+    return put(s, a, number, done);
+  });
+  const bool all_without = number == ZORV_SET_BMP;
+  command
+      ->add_option_function<std::string>(
+          "FILE",
+          [args](const std::string& file) {
+            args->file = file;
+            args->given_file = true;
+          },
+          all_without ? "a raw bitmap, - for standard input; without it every extent is set"
+                      : "a raw bitmap, - for standard input")
+      ->required(!all_without);
+}
+
+}  // namespace
+
+void add_bitmap_commands(CLI::App* app, invocation* inv) {
+  CLI::App* bmp = app->add_subcommand("bmp", "the change bitmaps of a filter");
+  bmp->require_subcommand(1);
+  bmp->fallthrough();
+  add_get(bmp, inv, "get", ZORV_GET_BMP, "read a bitmap");
+  add_get(bmp, inv, "get-clear", ZORV_GET_AND_CLR_BMP,
+          "read a bitmap and clear it, no change lost in between");
+  add_put(bmp, inv, "set", ZORV_SET_BMP, "set", "replace a bitmap");
+  add_put(bmp, inv, "merge", ZORV_MERGE_BMP, "merged into",
+          "add the set bits of a file to a bitmap");
+  static constexpr struct {
+    const char* name;
+    std::uint32_t number;
+    const char* help;
+    const char* done;
+  } simple[] = {
+      {"clear", ZORV_CLR_BMP, "mark every extent as unchanged", "cleared"},
+      {"save", ZORV_SAVE_BMP, "write a bitmap to its file", "saved"},
+      {"load", ZORV_LOAD_BMP, "read a bitmap from its file", "loaded"},
+  };
+  CLI::App* command = nullptr;
+  for (const auto& c : simple) {
+    add(bmp, inv, c.name, c.help, &command,
+        [&c](session& s, const bitmap_args& a) { return plain(s, a, c.number, c.done); });
+  }
+  add(bmp, inv, "show", "list the changed ranges: offset and length in bytes", &command, show);
+}
+
+}  // namespace zorv::cli

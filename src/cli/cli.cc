@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "cli/cli.h"
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <iostream>
+#include <string_view>
+
+namespace zorv::cli {
+namespace {
+
+constexpr char footer[] =
+    "NODE is a node's name or its minor. SIZE is a number of bytes, or one with K, M, G or T\n"
+    "behind it (powers of 1024).\n"
+    "Exit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon.";
+
+// "EBUSY", or the number itself where it has no name.
+std::string errno_name(int number) {
+  const char* name = ::strerrorname_np(number);
+  return name != nullptr ? name : std::to_string(number);
+}
+
+std::string dump(const json& document) {
+  return document.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+int report(const invocation& inv, const failure& e) {
+  const std::string where = inv.command.empty() ? "" : inv.command + ": ";
+  if (inv.as_json) {
+    json error = {{"status", static_cast<int>(e.exit_status)}, {"message", e.what()}};
+    if (!inv.command.empty()) error["command"] = inv.command;
+    if (e.number != 0) {
+      error["errno"] = e.number;
+      error["errno_name"] = errno_name(e.number);
+    }
+    std::cout << dump({{"error", error}}) << std::flush;
+  } else {
+    std::cerr << "zorvctl: " << where << e.what();
+    if (e.number != 0) std::cerr << " (" << errno_name(e.number) << ", " << e.number << ")";
+    std::cerr << "\n";
+  }
+  return e.exit_status;
+}
+
+// Help goes to standard output whatever --json says: it is what was asked for.
+int report_parse(const CLI::App& app, invocation inv, const CLI::ParseError& e, int argc,
+                 const char* const* argv) {
+  if (e.get_exit_code() == 0) return app.exit(e);
+  for (int i = 1; i < argc; ++i) inv.as_json = inv.as_json || std::strcmp(argv[i], "--json") == 0;
+  report(inv, failure(status_usage, 0, e.what()));
+  if (!inv.as_json) std::cerr << "Try zorvctl --help.\n";
+  return status_usage;
+}
+
+int run_action(const invocation& inv) {
+  try {
+    session s(inv.socket);
+    const answer result = inv.action(s);
+    std::cout << (inv.as_json ? dump(result.document) : result.text) << std::flush;
+    if (!std::cout) throw failure(status_refused, EIO, "cannot write to standard output");
+    return status_done;
+  } catch (const failure& e) {
+    return report(inv, e);
+  } catch (const std::exception& e) {
+    return report(inv, failure(status_refused, 0, e.what()));
+  }
+}
+
+}  // namespace
+
+session::session(const std::string& socket) {
+  char path[ZORV_PATH_LEN] = {};
+  if (!socket.empty()) {
+    socket.copy(path, sizeof path - 1);
+  } else if (zorv_default_socket(path, sizeof path) != 0) {
+    throw failure(status_no_daemon, errno, "the default socket's path is too long");
+  }
+  handle_.reset(zorv_open(path));
+  if (handle_ == nullptr) {
+    throw failure(status_no_daemon, errno, std::string("no zorvd answers on ") + path);
+  }
+}
+
+void session::check(long result, const char* what) const {
+  if (result >= 0) return;
+  const int number = errno;
+  if (number == ECONNRESET || number == ECONNREFUSED) {
+    throw failure(status_no_daemon, number, "zorvd went away");
+  }
+  std::string text = zorv_last_error(handle_.get());
+  if (text.empty()) text = std::string(what) + ": " + std::strerror(number);
+  throw failure(status_refused, number, text);
+}
+
+CLI::App* add_command(CLI::App* parent, invocation* inv, const std::string& name,
+                      const std::string& help, std::function<answer(session&)> action) {
+  CLI::App* command = parent->add_subcommand(name, help);
+  const std::string prefix = parent->get_parent() == nullptr ? "" : parent->get_name() + " ";
+  command->callback([=, action = std::move(action)] {
+    inv->command = prefix + name;
+    inv->action = action;
+  });
+  return command;
+}
+
+int run(int argc, const char* const* argv) {
+  std::signal(SIGPIPE, SIG_IGN);
+  invocation inv;
+  CLI::App app("Controls zorvd: disks, filter and snapshot nodes, change bitmaps.", "zorvctl");
+  app.set_version_flag("--version", std::string("zorvctl ") + ZORV_VERSION);
+  app.add_option("--socket", inv.socket, "the daemon's control socket")->type_name("PATH");
+  app.add_flag("--json", inv.as_json, "answer with one JSON document, errors too");
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.footer(footer);
+  add_host_commands(&app, &inv);
+  add_node_commands(&app, &inv);
+  add_show_commands(&app, &inv);
+  add_bitmap_commands(&app, &inv);
+  add_datablock_commands(&app, &inv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return report_parse(app, inv, e, argc, argv);
+  }
+  return run_action(inv);
+}
+
+}  // namespace zorv::cli

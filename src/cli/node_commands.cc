@@ -1,0 +1,231 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Making nodes, and taking them through their life.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <ctime>
+#include <limits>
+
+#include "cli/cli.h"
+#include "cli/nodes.h"
+#include "cli/text.h"
+
+namespace zorv::cli {
+namespace {
+
+constexpr std::uint64_t max_u32 = std::numeric_limits<std::uint32_t>::max();
+
+struct new_node {
+  std::string device;  // a filter's disk, a snap's filter
+  std::string unit_size;
+  std::string bmp_dir;
+  std::string cow_dir, cow_bmp, cow_data;
+  std::int32_t minor = -1;
+  std::string name;
+  std::string uuid;
+};
+
+answer added(const char* kind, std::uint32_t minor, const std::string& name,
+             const std::string& uuid, json document) {
+  document["name"] = name;
+  document["uuid"] = uuid;
+  return {std::move(document), std::string("added ") + kind + " " + name + ", minor " +
+                                   std::to_string(minor) + ", uuid " + uuid + "\n"};
+}
+
+answer add_filter(session& s, const new_node& given) {
+  zorv_add_filter_req req{};
+  // A word without a slash is an attached image.
+  const bool image = given.device.find('/') == std::string::npos;
+  fill(req.hdd_name, image ? "/dev/image/" + given.device : absolute_path(given.device), "DEVICE");
+  req.minor = given.minor;
+  req.extent_size = static_cast<std::uint32_t>(parse_size(given.unit_size, max_u32));
+  fill(req.bmp_dir, absolute_path(given.bmp_dir), "--bmp-dir");
+  fill(req.uuid, given.uuid, "--uuid");
+  fill(req.name, given.name, "--name");
+  s.command(ZORV_ADD_FILTER_NODE, &req);
+  return added("filter", static_cast<std::uint32_t>(req.minor), field(req.name), field(req.uuid),
+               {{"minor", req.minor},
+                {"hdd_name", field(req.hdd_name)},
+                {"extent_size", req.extent_size},
+                {"bmp_dir", field(req.bmp_dir)}});
+}
+
+// A name for the COW files of a snap that was given none: its filter's and the time.
+std::string snap_file_stem(const std::string& filter) {
+  const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  std::tm utc{};
+  ::gmtime_r(&now, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
+  return filter + "-" + text;
+}
+
+// DIR/STEM, or DIR/STEM-2, -3, ...: one whose files are not there yet. A stem that the user chose
+// is taken as it is, so that the same names come back after a restart.
+std::string snap_file_base(const new_node& given, const zorv_info_req& filter) {
+  const std::string dir = absolute_path(given.cow_dir) + "/";
+  if (!given.name.empty()) return dir + given.name;
+  const std::string stem = dir + snap_file_stem(field(filter.name));
+  for (int i = 1;; ++i) {
+    const std::string base = i == 1 ? stem : stem + "-" + std::to_string(i);
+    if (::access((base + ".cowbmp").c_str(), F_OK) != 0 &&
+        ::access((base + ".cowdata").c_str(), F_OK) != 0) {
+      return base;
+    }
+  }
+}
+
+answer add_snap(session& s, const new_node& given) {
+  const zorv_info_req filter = node_info(s, given.device);
+  zorv_add_snap_req req{};
+  req.filter_minor = filter.minor;
+  req.snap_minor = given.minor;
+  req.chunk_size = static_cast<std::uint32_t>(parse_size(given.unit_size, max_u32));
+  if (given.cow_dir.empty()) {
+    fill(req.cow_bmp_fname, absolute_path(given.cow_bmp), "--cow-bmp");
+    fill(req.cow_data_fname, absolute_path(given.cow_data), "--cow-data");
+  } else {
+    const std::string base = snap_file_base(given, filter);
+    fill(req.cow_bmp_fname, base + ".cowbmp", "the COW bitmap file's path");
+    fill(req.cow_data_fname, base + ".cowdata", "the COW data file's path");
+  }
+  fill(req.uuid, given.uuid, "--uuid");
+  fill(req.name, given.name, "--name");
+  s.command(ZORV_ADD_SNAP_NODE, &req);
+  return added("snap", static_cast<std::uint32_t>(req.snap_minor), field(req.name), field(req.uuid),
+               {{"filter_minor", req.filter_minor},
+                {"snap_minor", req.snap_minor},
+                {"chunk_size", req.chunk_size},
+                {"cow_bmp_fname", field(req.cow_bmp_fname)},
+                {"cow_data_fname", field(req.cow_data_fname)}});
+}
+
+answer node_command(session& s, std::uint32_t number, const std::string& node, const char* done) {
+  zorv_node_req req{};
+  req.minor = find_node(s, node);
+  s.command(number, &req);
+  return {{{"minor", req.minor}}, std::string(done) + " " + node + "\n"};
+}
+
+struct resume_values {
+  std::string node;
+  std::uint32_t valid = 1, stop_pending = 0, del_pending = 0;
+};
+
+answer resume(session& s, const resume_values& given) {
+  zorv_resume_snap_req req{};
+  req.snap_minor = find_node(s, given.node);
+  req.snap_valid = given.valid;
+  req.stop_pending = given.stop_pending;
+  req.del_pending = given.del_pending;
+  s.command(ZORV_RESUME_SNAP, &req);
+  return {{{"snap_minor", req.snap_minor},
+           {"snap_valid", req.snap_valid},
+           {"stop_pending", req.stop_pending},
+           {"del_pending", req.del_pending}},
+          "resumed " + given.node + "\n"};
+}
+
+void add_common_options(CLI::App* command, const std::shared_ptr<new_node>& node) {
+  command->add_option("--minor", node->minor, "minor of the new node; default: the lowest free one")
+      ->type_name("N")
+      ->check(CLI::NonNegativeNumber);
+  command->add_option("--name", node->name, "name of the new node; default: zorvN of its minor")
+      ->type_name("NAME");
+  command->add_option("--uuid", node->uuid, "identifier of the new node; default: a random one")
+      ->type_name("UUID");
+}
+
+void add_add_filter(CLI::App* app, invocation* inv) {
+  auto node = std::make_shared<new_node>();
+  CLI::App* command = add_command(app, inv, "add-filter", "put a filter node over a disk",
+                                  [node](session& s) { return add_filter(s, *node); });
+  command
+      ->add_option("DEVICE", node->device,
+                   "an attached image (its name, or /dev/image/NAME) or a host block device's path")
+      ->required();
+  command->add_option("--extent-size", node->unit_size, "bytes per bit of the change bitmaps")
+      ->type_name("SIZE")
+      ->required();
+  command->add_option("--bmp-dir", node->bmp_dir, "directory of the bitmap files")
+      ->type_name("DIR")
+      ->required();
+  add_common_options(command, node);
+}
+
+void add_add_snap(CLI::App* app, invocation* inv) {
+  auto node = std::make_shared<new_node>();
+  CLI::App* command =
+      add_command(app, inv, "add-snap", "make a snapshot node of a filter", [node](session& s) {
+        if (node->cow_dir.empty() && node->cow_bmp.empty()) {
+          throw failure(status_usage, 0, "give --cow-dir, or --cow-bmp and --cow-data");
+        }
+        return add_snap(s, *node);
+      });
+  command->add_option("FILTER", node->device, "the filter node")->required();
+  command->add_option("--chunk-size", node->unit_size, "bytes that are copied at once")
+      ->type_name("SIZE")
+      ->required();
+  CLI::Option* dir =
+      command
+          ->add_option("--cow-dir", node->cow_dir,
+                       "directory for both COW files; they are named after --name, or after the "
+                       "filter and the time")
+          ->type_name("DIR");
+  CLI::Option* bmp = command->add_option("--cow-bmp", node->cow_bmp, "the COW bitmap file")
+                         ->type_name("FILE")
+                         ->excludes(dir);
+  CLI::Option* data = command->add_option("--cow-data", node->cow_data, "the COW data file")
+                          ->type_name("FILE")
+                          ->excludes(dir);
+  bmp->needs(data);
+  data->needs(bmp);
+  add_common_options(command, node);
+}
+
+void add_resume(CLI::App* app, invocation* inv) {
+  auto values = std::make_shared<resume_values>();
+  CLI::App* command =
+      add_command(app, inv, "resume", "start a stopped snap on its existing COW files",
+                  [values](session& s) { return resume(s, *values); });
+  command->add_option("SNAP", values->node, "the snap node")->required();
+  const auto flag = [&](const char* name, std::uint32_t* to, const char* help) {
+    command->add_option(name, *to, help)
+        ->type_name("0|1")
+        ->check(CLI::Range(0U, 1U))
+        ->capture_default_str();
+  };
+  flag("--valid", &values->valid, "whether the snapshot is whole");
+  flag("--stop-pending", &values->stop_pending, "whether a stop was postponed");
+  flag("--del-pending", &values->del_pending, "whether a deletion was postponed");
+}
+
+}  // namespace
+
+void add_node_commands(CLI::App* app, invocation* inv) {
+  add_add_filter(app, inv);
+  add_add_snap(app, inv);
+  static constexpr struct {
+    const char* name;
+    std::uint32_t number;
+    const char* help;
+    const char* done;
+  } simple[] = {
+      {"start", ZORV_START_NODE, "start a node: a filter is served, a snapshot is taken",
+       "started"},
+      {"stop", ZORV_STOP_NODE, "stop a node that nobody has open", "stopped"},
+      {"del", ZORV_DEL_NODE, "remove a node; its files stay", "deleted"},
+  };
+  for (const auto& c : simple) {
+    auto node = std::make_shared<std::string>();
+    add_command(app, inv, c.name, c.help,
+                [node, &c](session& s) { return node_command(s, c.number, *node, c.done); })
+        ->add_option("NODE", *node, "name or minor")
+        ->required();
+  }
+  add_resume(app, inv);
+}
+
+}  // namespace zorv::cli

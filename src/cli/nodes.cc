@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "cli/nodes.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <fstream>
+
+#include "cli/text.h"
+
+namespace zorv::cli {
+namespace {
+
+// Whole decimal text, or nothing.
+template <class T>
+std::optional<T> number(std::string_view text) {
+  while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  T value = 0;
+  const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || rest != text.data() + text.size() || text.empty()) return {};
+  return value;
+}
+
+std::vector<std::uint32_t> minors_of_type(session& s, std::uint32_t dev_type) {
+  zorv_device_list_req req{};
+  req.dev_type = dev_type;
+  s.command(ZORV_GET_DEVICE_LIST, &req);
+  return {req.minors, req.minors + std::min<std::uint32_t>(req.count, ZORV_LIST_LEN)};
+}
+
+std::optional<std::uint64_t> status_number(session& s, std::uint32_t minor, const char* entry) {
+  char* text = nullptr;
+  const std::string path = "zorv/zorv" + std::to_string(minor) + "/" + entry;
+  if (zorv_proc_read(s.handle(), path.c_str(), &text) < 0) return {};
+  const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
+  return number<std::uint64_t>(text);
+}
+
+}  // namespace
+
+std::uint32_t find_node(session& s, const std::string& node) {
+  const bool digits = node.find_first_not_of("0123456789") == std::string::npos;
+  if (digits && !node.empty()) {
+    const auto minor = number<std::uint32_t>(node);
+    if (!minor) throw failure(status_usage, 0, node + " is too large for a minor");
+    return *minor;
+  }
+  std::optional<std::uint32_t> found;
+  for (const zorv_info_req& info : all_nodes(s, 0)) {
+    if (field(info.name) != node) continue;
+    if (found) {
+      throw failure(status_refused, EEXIST,
+                    "several nodes are named " + node + "; give the minor instead");
+    }
+    found = info.minor;
+  }
+  if (!found) throw failure(status_refused, ENOENT, "there is no node named " + node);
+  return *found;
+}
+
+zorv_info_req node_info(session& s, std::uint32_t minor) {
+  zorv_info_req info{};
+  info.minor = minor;
+  s.command(ZORV_GET_INFO, &info);
+  return info;
+}
+
+zorv_info_req node_info(session& s, const std::string& node) {
+  return node_info(s, find_node(s, node));
+}
+
+zorv_info_req filter_info(session& s, const std::string& node) {
+  zorv_info_req info = node_info(s, node);
+  if (info.dev_type != ZORV_DEV_FILTER) {
+    throw failure(status_refused, EINVAL, field(info.name) + " is not a filter");
+  }
+  return info;
+}
+
+std::vector<zorv_info_req> all_nodes(session& s, std::uint32_t dev_type) {
+  std::vector<zorv_info_req> nodes;
+  for (const std::uint32_t type : {ZORV_DEV_FILTER, ZORV_DEV_SNAP}) {
+    if (dev_type != 0 && dev_type != type) continue;
+    for (const std::uint32_t minor : minors_of_type(s, type)) {
+      zorv_info_req info{};
+      info.minor = minor;
+      const int error = s.try_command(ZORV_GET_INFO, &info);
+      if (error == EINVAL) continue;
+      if (error != 0) s.check(-1, "ZORV_GET_INFO");
+      nodes.push_back(info);
+    }
+  }
+  return nodes;
+}
+
+json info_document(const zorv_info_req& info) {
+  json doc = {{"minor", info.minor},     {"dev_type", info.dev_type}, {"dev_size", info.dev_size},
+              {"started", info.started}, {"use_cnt", info.use_cnt},   {"uuid", field(info.uuid)},
+              {"name", field(info.name)}};
+  if (info.dev_type == ZORV_DEV_FILTER) {
+    doc["hdd_name"] = field(info.hdd_name);
+    doc["extent_size"] = info.extent_size;
+    doc["extent_cnt"] = info.extent_cnt;
+    const auto cnt = std::min<std::uint32_t>(info.snap_cnt, ZORV_LIST_LEN);
+    doc["snap_minors"] = std::vector<std::uint32_t>(info.snap_minors, info.snap_minors + cnt);
+    doc["snap_cnt"] = info.snap_cnt;
+    doc["incr_bmp_size"] = info.incr_bmp_size;
+    doc["diff_bmp_size"] = info.diff_bmp_size;
+    doc["incr_bmp_fname"] = field(info.incr_bmp_fname);
+    doc["diff_bmp_fname"] = field(info.diff_bmp_fname);
+    doc["incr_bmp_clear"] = info.incr_bmp_clear;
+    doc["diff_bmp_clear"] = info.diff_bmp_clear;
+    doc["incr_bmp_full"] = info.incr_bmp_full;
+    doc["diff_bmp_full"] = info.diff_bmp_full;
+  } else {
+    doc["snap_valid"] = info.snap_valid;
+    doc["stop_pending"] = info.stop_pending;
+    doc["del_pending"] = info.del_pending;
+    doc["chunk_size"] = info.chunk_size;
+    doc["chunk_cnt"] = info.chunk_cnt;
+    doc["cow_bmp_size"] = info.cow_bmp_size;
+    doc["cow_data_size"] = info.cow_data_size;
+    doc["cow_bmp_fname"] = field(info.cow_bmp_fname);
+    doc["cow_data_fname"] = field(info.cow_data_fname);
+  }
+  return doc;
+}
+
+cow_progress snap_progress(const zorv_info_req& info) {
+  cow_progress progress;
+  struct stat st {};
+  if (::stat(field(info.cow_data_fname).c_str(), &st) == 0) {
+    progress.allocated_bytes = static_cast<std::uint64_t>(st.st_blocks) * 512;
+  }
+  std::ifstream file(field(info.cow_bmp_fname), std::ios::binary);
+  if (!file) return progress;
+  std::uint64_t chunks = 0;
+  std::vector<char> bytes(1 << 20);
+  do {
+    file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    for (std::streamsize i = 0; i < file.gcount(); ++i) {
+      chunks += static_cast<unsigned>(std::popcount(static_cast<unsigned char>(bytes[i])));
+    }
+  } while (file);
+  if (file.eof()) progress.copied_bytes = chunks * info.chunk_size;
+  return progress;
+}
+
+std::optional<std::uint64_t> queue_length(session& s, std::uint32_t filter_minor) {
+  return status_number(s, filter_minor, "cowqueue_len");
+}
+
+std::optional<std::uint32_t> filter_of(session& s, std::uint32_t snap_minor) {
+  const auto minor = status_number(s, snap_minor, "filter_minor");
+  if (!minor) return {};
+  return static_cast<std::uint32_t>(*minor);
+}
+
+std::string node_uri(session& s, const zorv_info_req& info) {
+  zorv_daemon daemon{};
+  s.check(zorv_daemon_info(s.handle(), &daemon), "the daemon's sockets");
+  return "nbd+unix:///" + percent_encode(field(info.name)) +
+         "?socket=" + percent_encode(field(daemon.nbd_socket));
+}
+
+}  // namespace zorv::cli

@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// What a person wants to know about nodes.
+#include <CLI/CLI.hpp>
+#include <bit>
+
+#include "cli/cli.h"
+#include "cli/nodes.h"
+#include "cli/text.h"
+
+namespace zorv::cli {
+namespace {
+
+std::string snap_state(const zorv_info_req& info) {
+  std::string state = info.started != 0 ? (info.snap_valid != 0 ? "valid" : "INVALID") : "stopped";
+  if (info.del_pending != 0) {
+    state += ", delete pending";
+  } else if (info.stop_pending != 0) {
+    state += ", stop pending";
+  }
+  return state;
+}
+
+std::string state_of(const zorv_info_req& info) {
+  if (info.dev_type == ZORV_DEV_SNAP) return snap_state(info);
+  return info.started != 0 ? "started" : "stopped";
+}
+
+std::string size_or_dash(const std::optional<std::uint64_t>& bytes) {
+  return bytes ? show_size(*bytes) : "-";
+}
+
+// The fields that the record does not have.
+json full_document(session& s, const zorv_info_req& info) {
+  json document = info_document(info);
+  if (info.dev_type == ZORV_DEV_FILTER) {
+    if (const auto length = queue_length(s, info.minor)) document["cowqueue_len"] = *length;
+    return document;
+  }
+  if (const auto filter = filter_of(s, info.minor)) document["filter_minor"] = *filter;
+  const cow_progress progress = snap_progress(info);
+  if (progress.copied_bytes) document["copied_bytes"] = *progress.copied_bytes;
+  if (progress.allocated_bytes) document["cow_data_allocated"] = *progress.allocated_bytes;
+  return document;
+}
+
+answer list(session& s, const std::string& which) {
+  const std::uint32_t type = which.empty()       ? 0
+                             : which == "filter" ? ZORV_DEV_FILTER
+                                                 : ZORV_DEV_SNAP;
+  table rows({">MINOR", "NAME", "TYPE", "STATE", ">SIZE", ">UNIT", ">OPEN", ">COPIED", ">COWFILE",
+              ">QUEUE", "OVER"});
+  json documents = json::array();
+  for (const zorv_info_req& info : all_nodes(s, type)) {
+    json document = full_document(s, info);
+    const bool filter = info.dev_type == ZORV_DEV_FILTER;
+    const cow_progress progress = filter ? cow_progress{} : snap_progress(info);
+    const std::string over = filter ? field(info.hdd_name)
+                             : document.contains("filter_minor")
+                                 ? "minor " + document["filter_minor"].dump()
+                                 : "-";
+    rows.row({std::to_string(info.minor), field(info.name), filter ? "filter" : "snap",
+              state_of(info), show_size(info.dev_size),
+              show_size(filter ? info.extent_size : info.chunk_size), std::to_string(info.use_cnt),
+              size_or_dash(progress.copied_bytes), size_or_dash(progress.allocated_bytes),
+              document.contains("cowqueue_len") ? document["cowqueue_len"].dump() : "-", over});
+    documents.push_back(std::move(document));
+  }
+  return {std::move(documents), documents.empty() ? "no nodes\n" : rows.text()};
+}
+
+// "3 of 16384 extents changed"
+std::string bitmap_line(session& s, const zorv_info_req& info, std::uint32_t type) {
+  const bool incr = type == ZORV_BMP_INCREMENTAL;
+  const bool clear = (incr ? info.incr_bmp_clear : info.diff_bmp_clear) != 0;
+  const bool full = (incr ? info.incr_bmp_full : info.diff_bmp_full) != 0;
+  if (clear) return "nothing changed";
+  if (full) return "everything changed";
+  std::vector<unsigned char> bits(incr ? info.incr_bmp_size : info.diff_bmp_size);
+  zorv_bmp_range_req req{};
+  req.minor = info.minor;
+  req.type = type;
+  req.size = static_cast<std::uint32_t>(bits.size());
+  req.data = reinterpret_cast<std::uint64_t>(bits.data());
+  s.command(ZORV_GET_BMP, &req);
+  std::uint32_t changed = 0;
+  for (std::uint32_t bit = 0; bit < info.extent_cnt; ++bit) {
+    changed += bits[bit / 8] >> bit % 8 & 1U;
+  }
+  return std::to_string(changed) + " of " + std::to_string(info.extent_cnt) + " extents changed";
+}
+
+std::string line(const char* label, const std::string& value) {
+  std::string text = std::string("  ") + label;
+  text.resize(16, ' ');
+  return text + value + "\n";
+}
+
+std::string filter_text(session& s, const zorv_info_req& info) {
+  std::string snaps;
+  for (std::uint32_t i = 0; i < info.snap_cnt && i < ZORV_LIST_LEN; ++i) {
+    snaps += (i == 0 ? "" : " ") + std::to_string(info.snap_minors[i]);
+  }
+  return line("disk", field(info.hdd_name)) +
+         line("extents", std::to_string(info.extent_cnt) + " of " + show_size(info.extent_size)) +
+         line("incremental", bitmap_line(s, info, ZORV_BMP_INCREMENTAL)) +
+         line("", field(info.incr_bmp_fname)) +
+         line("differential", bitmap_line(s, info, ZORV_BMP_DIFFERENTIAL)) +
+         line("", field(info.diff_bmp_fname)) +
+         line("snaps", snaps.empty() ? "none" : "minors " + snaps) +
+         line("queue", queue_length(s, info.minor).value_or(0) == 0
+                           ? "empty"
+                           : std::to_string(*queue_length(s, info.minor)) + " requests");
+}
+
+std::string snap_text(session& s, const zorv_info_req& info) {
+  const auto filter = filter_of(s, info.minor);
+  const cow_progress progress = snap_progress(info);
+  return line("filter", filter ? "minor " + std::to_string(*filter) : "-") +
+         line("chunks", std::to_string(info.chunk_cnt) + " of " + show_size(info.chunk_size)) +
+         line("copied", size_or_dash(progress.copied_bytes)) +
+         line("COW data", field(info.cow_data_fname)) +
+         line("", size_or_dash(progress.allocated_bytes) + " on disk, " +
+                      show_size(info.cow_data_size) + " long") +
+         line("COW bitmap", field(info.cow_bmp_fname));
+}
+
+answer info(session& s, const std::string& node) {
+  const zorv_info_req record = node_info(s, node);
+  json document = full_document(s, record);
+  const std::string uri = node_uri(s, record);
+  document["uri"] = uri;
+  const bool filter = record.dev_type == ZORV_DEV_FILTER;
+  std::string text =
+      field(record.name) + ": " + (filter ? "filter" : "snap") + ", minor " +
+      std::to_string(record.minor) + "\n" + line("uuid", field(record.uuid)) +
+      line("state", state_of(record) + ", open " + std::to_string(record.use_cnt) +
+                        (record.use_cnt == 1 ? " time" : " times")) +
+      line("size", show_size(record.dev_size) + " (" + std::to_string(record.dev_size) + " bytes)");
+  text += filter ? filter_text(s, record) : snap_text(s, record);
+  text += line("uri", uri);
+  return {std::move(document), std::move(text)};
+}
+
+answer uri(session& s, const std::string& node) {
+  const zorv_info_req record = node_info(s, node);
+  const std::string text = node_uri(s, record);
+  return {{{"minor", record.minor}, {"name", field(record.name)}, {"uri", text}}, text + "\n"};
+}
+
+}  // namespace
+
+void add_show_commands(CLI::App* app, invocation* inv) {
+  auto which = std::make_shared<std::string>();
+  add_command(app, inv, "list", "list nodes", [which](session& s) { return list(s, *which); })
+      ->add_option("TYPE", *which, "filter or snap; default: both")
+      ->check(CLI::IsMember({"filter", "snap"}));
+  auto node = std::make_shared<std::string>();
+  add_command(app, inv, "info", "tell everything about a node",
+              [node](session& s) { return info(s, *node); })
+      ->add_option("NODE", *node, "name or minor")
+      ->required();
+  add_command(app, inv, "uri", "print the address under which NBD clients open a node",
+              [node](session& s) { return uri(s, *node); })
+      ->add_option("NODE", *node, "name or minor")
+      ->required();
+}
+
+}  // namespace zorv::cli

@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "host/control/server.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <list>
+#include <system_error>
+#include <thread>
+
+#include "host/control/session.h"
+#include "host/log.h"
+
+namespace zorv {
+
+// One accepting thread and one thread per client. The accepting thread alone touches `clients`,
+// until stop() has joined it.
+struct control_server::impl {
+  struct client {
+    std::thread thread;
+    std::atomic<bool> ended{false};
+  };
+
+  control_options options;
+  unique_fd listener;
+  unique_fd stop_event;
+  std::thread acceptor;
+  std::list<client> clients;
+  std::atomic<std::uint64_t> buffer_bytes{0};
+
+  void accept_loop();
+  void serve(unique_fd fd);
+  void reap();
+};
+
+control_server::control_server() : impl_(std::make_unique<impl>()) {}
+control_server::~control_server() { stop(); }
+
+int control_server::start(const control_options& options, std::string* error) {
+  impl_->options = options;
+  impl_->stop_event = unique_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!impl_->stop_event) {
+    const int rc = -errno;
+    *error = std::string("no event descriptor: ") + std::strerror(-rc);
+    return rc;
+  }
+  const int rc = unix_listen(options.socket_path, &impl_->listener, error);
+  if (rc != 0) return rc;
+  try {
+    impl_->acceptor = std::thread([this] { impl_->accept_loop(); });
+  } catch (const std::system_error& e) {
+    impl_->listener.reset();
+    ::unlink(options.socket_path.c_str());
+    *error = std::string("no thread for the control socket: ") + e.what();
+    return -EAGAIN;
+  }
+  return 0;
+}
+
+void control_server::stop() {
+  if (!impl_->listener) return;
+  const std::uint64_t one = 1;
+  while (::write(impl_->stop_event.get(), &one, sizeof one) < 0 && errno == EINTR) {
+  }
+  impl_->acceptor.join();
+  ::unlink(impl_->options.socket_path.c_str());
+  impl_->listener.reset();
+  for (impl::client& c : impl_->clients) c.thread.join();
+  impl_->clients.clear();
+}
+
+void control_server::impl::accept_loop() {
+  pollfd fds[2] = {{listener.get(), POLLIN, 0}, {stop_event.get(), POLLIN, 0}};
+  for (;;) {
+    const int n = ::poll(fds, 2, -1);
+    if (n < 0 && errno != EINTR) {
+      host_log(log_level::error,
+               std::string("the control socket is lost: ") + std::strerror(errno));
+      return;
+    }
+    if (n <= 0) continue;
+    if (fds[1].revents != 0) return;
+    unique_fd fd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    reap();
+    if (fd) {
+      serve(std::move(fd));
+    } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+      // The connection stays pending; ask again when something may have been freed.
+      ::poll(fds + 1, 1, 100);
+    }
+  }
+}
+
+void control_server::impl::serve(unique_fd fd) {
+  if (clients.size() >= options.max_connections) {
+    control_session(std::move(fd), stop_event.get(), options, &buffer_bytes)
+        .refuse(-EBUSY, "too many connections to the control socket");
+    return;
+  }
+  client& c = clients.emplace_back();
+  auto session =
+      std::make_unique<control_session>(std::move(fd), stop_event.get(), options, &buffer_bytes);
+  try {
+    c.thread = std::thread([&c, s = std::move(session)]() mutable {
+      try {
+        s->run();
+      } catch (const std::exception& e) {
+        host_log(log_level::error, std::string("a control connection ends: ") + e.what());
+      }
+      s.reset();
+      c.ended = true;
+    });
+  } catch (const std::system_error&) {
+    clients.pop_back();  // the session went with the failed thread, and closed
+  }
+}
+
+void control_server::impl::reap() {
+  for (auto it = clients.begin(); it != clients.end();) {
+    if (it->ended) {
+      it->thread.join();
+      it = clients.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+}  // namespace zorv

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The control socket: commands of the driver and requests to the host, one thread per client.
+// docs/control-protocol.md describes the messages.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace zorv {
+
+struct control_options {
+  std::string socket_path;  // mode 0600; a stale socket is replaced
+  std::string run_dir;      // told to clients that ask
+  std::string nbd_socket_path;
+  unsigned max_connections = 64;
+  std::uint64_t max_buffer_bytes = 1ULL << 30;  // announced by all clients' messages together
+  unsigned stall_ms = 30'000;  // a message that a peer began, or a reply, gets this long and 1 s
+                               // per MiB
+};
+
+class control_server {
+ public:
+  control_server();
+  ~control_server();
+  control_server(const control_server&) = delete;
+  control_server& operator=(const control_server&) = delete;
+
+  //   returns  0 | negative errno, with one sentence in *error
+  [[nodiscard]] int start(const control_options& options, std::string* error);
+  // Stops accepting, lets commands in progress finish and answers them, closes every connection
+  // and removes the socket. Safe to call again.
+  void stop();
+
+ private:
+  struct impl;
+  std::unique_ptr<impl> impl_;
+};
+
+}  // namespace zorv

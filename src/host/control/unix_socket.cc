@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "host/control/unix_socket.h"
+
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace zorv {
+namespace {
+
+// Whether a process answers at the address.
+bool is_served(const sockaddr_un& addr) {
+  const unique_fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!probe) return true;
+  return ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ||
+         errno != ECONNREFUSED;
+}
+
+// Removes a socket that nobody serves.
+int remove_stale(const std::string& path, const sockaddr_un& addr, std::string* error) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return errno == ENOENT ? 0 : -errno;
+  if (!S_ISSOCK(st.st_mode)) {
+    *error = path + " is in the way: it is no socket";
+    return -EEXIST;
+  }
+  if (is_served(addr)) {
+    *error = path + " is served by another process";
+    return -EADDRINUSE;
+  }
+  return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : -errno;
+}
+
+}  // namespace
+
+void unique_fd::reset() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+int unix_listen(const std::string& path, unique_fd* out, std::string* error) {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr.sun_path) {
+    *error = path + " is too long for a socket: at most " +
+             std::to_string(sizeof addr.sun_path - 1) + " bytes";
+    return -ENAMETOOLONG;
+  }
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  int rc = remove_stale(path, addr, error);
+  if (rc != 0) {
+    if (error->empty()) *error = path + ": " + std::strerror(-rc);
+    return rc;
+  }
+  unique_fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  // The mode of the descriptor is the mode that bind gives the name, less the umask.
+  if (!fd || ::fchmod(fd.get(), 0600) != 0 ||
+      ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+    rc = -errno;
+  } else if (::chmod(path.c_str(), 0600) != 0 || ::listen(fd.get(), SOMAXCONN) != 0) {
+    rc = -errno;
+    ::unlink(path.c_str());
+  }
+  if (rc != 0) {
+    *error = "cannot listen on " + path + ": " + std::strerror(-rc);
+    return rc;
+  }
+  *out = std::move(fd);
+  return 0;
+}
+
+io stream::wait(short events, bool until_stop, time_point deadline) {
+  for (;;) {
+    int timeout_ms = -1;
+    if (deadline != no_deadline) {
+      const auto left = deadline - std::chrono::steady_clock::now();
+      const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+      if (ms <= 0) return io::timed_out;
+      timeout_ms = static_cast<int>(std::min<long long>(ms, 1 << 30));
+    }
+    pollfd fds[2] = {{fd_.get(), events, 0}, {stop_fd_, POLLIN, 0}};
+    const int n = ::poll(fds, until_stop ? 2 : 1, timeout_ms);
+    if (n < 0 && errno != EINTR) return io::reset;
+    if (n <= 0) continue;
+    if (until_stop && fds[1].revents != 0) return io::stopped;
+    if (fds[0].revents != 0) return io::done;
+  }
+}
+
+io stream::wait_readable(time_point deadline) { return wait(POLLIN, true, deadline); }
+
+io stream::receive(void* to, std::size_t bytes, time_point deadline) {
+  auto* at = static_cast<char*>(to);
+  while (bytes > 0) {
+    const ssize_t n = ::recv(fd_.get(), at, bytes, 0);
+    if (n == 0) return io::end;
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EAGAIN) {
+      const io ready = wait(POLLIN, true, deadline);
+      if (ready != io::done) return ready;
+      continue;
+    }
+    if (n < 0) return io::reset;
+    at += n;
+    bytes -= static_cast<std::size_t>(n);
+  }
+  return io::done;
+}
+
+io stream::send(iovec* parts, int count, time_point deadline) {
+  while (count > 0) {
+    if (parts->iov_len == 0) {
+      ++parts;
+      --count;
+      continue;
+    }
+    msghdr msg{};
+    msg.msg_iov = parts;
+    msg.msg_iovlen = static_cast<std::size_t>(count);
+    const ssize_t n = ::sendmsg(fd_.get(), &msg, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EAGAIN) {
+      const io ready = wait(POLLOUT, false, deadline);
+      if (ready != io::done) return ready;
+      continue;
+    }
+    if (n < 0) return io::reset;
+    auto sent = static_cast<std::size_t>(n);
+    while (count > 0 && sent >= parts->iov_len) {
+      sent -= parts->iov_len;
+      ++parts;
+      --count;
+    }
+    if (count > 0) {
+      parts->iov_base = static_cast<char*>(parts->iov_base) + sent;
+      parts->iov_len -= sent;
+    }
+  }
+  return io::done;
+}
+
+bool stream::has_unread() const {
+  int bytes = 0;
+  return ::ioctl(fd_.get(), SIOCOUTQ, &bytes) == 0 && bytes > 0;
+}
+
+}  // namespace zorv

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Unix stream sockets with deadlines and a way to be told to stop.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <utility>
+
+struct iovec;
+
+namespace zorv {
+
+// Owns a file descriptor.
+class unique_fd {
+ public:
+  unique_fd() = default;
+  explicit unique_fd(int fd) : fd_(fd) {}
+  ~unique_fd() { reset(); }
+  unique_fd(unique_fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  unique_fd& operator=(unique_fd&& other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+  }
+  void reset();
+  [[nodiscard]] int get() const { return fd_; }
+  [[nodiscard]] explicit operator bool() const { return fd_ >= 0; }
+
+ private:
+  int fd_ = -1;
+};
+
+// A listening socket, close-on-exec, non-blocking, mode 0600 from its first moment. A socket that
+// a dead process left at the path is replaced; one that somebody serves, or anything that is no
+// socket, is not touched.
+//   returns  0 | -EADDRINUSE, -EEXIST (no socket), -ENAMETOOLONG, the errors of bind(2)
+//   error    one sentence for a person
+[[nodiscard]] int unix_listen(const std::string& path, unique_fd* out, std::string* error);
+
+using time_point = std::chrono::steady_clock::time_point;
+constexpr time_point no_deadline = time_point::max();
+
+enum class io { done, end, reset, stopped, timed_out };
+
+// A connected, non-blocking socket. stop_fd becomes readable when the owner wants to end.
+class stream {
+ public:
+  stream(unique_fd fd, int stop_fd) : fd_(std::move(fd)), stop_fd_(stop_fd) {}
+
+  // Waits until there is something to read: data or the end.
+  [[nodiscard]] io wait_readable(time_point deadline);
+  // Reads exactly that much. end: the peer closed before the first byte or in the middle.
+  [[nodiscard]] io receive(void* to, std::size_t bytes, time_point deadline);
+  // Sends all parts. Not cut short by a stop: what was begun is delivered or times out.
+  [[nodiscard]] io send(iovec* parts, int count, time_point deadline);
+  // Whether the peer has not read everything that was sent.
+  [[nodiscard]] bool has_unread() const;
+
+ private:
+  [[nodiscard]] io wait(short events, bool until_stop, time_point deadline);
+
+  unique_fd fd_;
+  int stop_fd_;
+};
+
+}  // namespace zorv

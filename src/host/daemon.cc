@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Start: run directory and its lock, parameters, driver, images, NBD server, control socket. The
+// control socket comes last: when it is there, everything is. The end is the same in reverse.
+#include "host/daemon.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <system_error>
+
+#include "driver/core/blkdev.h"
+#include "driver/core/module.h"
+#include "host/control/server.h"
+#include "host/control/unix_socket.h"
+#include "host/disk/disk.h"
+#include "host/log.h"
+#include "host/nbd/server.h"
+#include "kernel/module.h"
+#include "kernel/printk.h"
+#include "kernel/task.h"
+
+namespace zorv {
+namespace {
+
+bool fail(const std::string& text) {
+  host_log(log_level::error, text);
+  return false;
+}
+
+// The signals that end the daemon, blocked everywhere and waited for in one place. A peer that
+// hangs up and a file at its size limit are errors of one call, not of the process.
+sigset_t take_signals() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  return set;
+}
+
+// The run directory, ours alone: one daemon per directory, told apart by a lock that dies with
+// its holder.
+bool claim_run_dir(const std::string& dir, unique_fd* lock) {
+  std::error_code error;
+  std::filesystem::create_directories(dir, error);
+  if (error) return fail("cannot make the run directory " + dir + ": " + error.message());
+  const std::string path = dir + "/zorvd.lock";
+  *lock = unique_fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!*lock) return fail("cannot use the run directory " + dir + ": " + std::strerror(errno));
+  if (::flock(lock->get(), LOCK_EX | LOCK_NB) != 0) {
+    char pid[32] = {};
+    const bool known = ::pread(lock->get(), pid, sizeof pid - 1, 0) > 0;
+    return fail("another zorvd" + (known ? " (process " + std::string(pid) + ")" : std::string()) +
+                " serves the run directory " + dir);
+  }
+  const std::string pid = std::to_string(::getpid());
+  if (::ftruncate(lock->get(), 0) != 0 ||
+      ::pwrite(lock->get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+    return fail("cannot write " + path + ": " + std::strerror(errno));
+  }
+  return true;
+}
+
+bool set_parameters(const daemon_options& options) {
+  for (const auto& [name, value] : options.parameters) {
+    const int rc = kernel::module_param_set(name, value);
+    if (rc == -ENOENT) return fail("there is no parameter " + name);
+    if (rc != 0) return fail("parameter " + name + ": " + value + " is no 32-bit decimal number");
+  }
+  if (zorv_max_blk_minor < 0 || static_cast<kernel::u32>(zorv_max_blk_minor) > kernel::minor_mask) {
+    return fail("parameter zorv_max_blk_minor: " + std::to_string(zorv_max_blk_minor) +
+                " is not within 0 to " + std::to_string(kernel::minor_mask));
+  }
+  return true;
+}
+
+bool attach_disks(const daemon_options& options) {
+  for (const disk_option& disk : options.disks) {
+    std::string error;
+    std::string name;
+    const int rc =
+        image_attach(std::filesystem::absolute(disk.image).string(), disk.name,
+                     disk.read_only ? access::read_only : access::read_write, &error, &name);
+    if (rc != 0) return fail("cannot attach " + disk.image + ": " + error);
+    host_log(log_level::info, "attached " + disk.image + " as /dev/image/" + name);
+  }
+  return true;
+}
+
+// What is up, taken down in reverse. The front ends go first, so that no node is open and no
+// command runs when the driver unloads.
+class services {
+ public:
+  bool start(const daemon_options& options);
+  // 0, or the error of the step that could not be completed.
+  [[nodiscard]] int stop();
+
+ private:
+  bool loaded_ = false;
+  nbd_server nbd_;
+  control_server control_;
+};
+
+bool services::start(const daemon_options& options) {
+  host_block_init();
+  int rc = zorv_init();
+  if (rc != 0) return fail(std::string("the driver does not load: ") + std::strerror(-rc));
+  loaded_ = true;
+  if (!attach_disks(options)) return false;
+  std::string error;
+  nbd_options nbd;
+  nbd.socket_path = options.run_dir + "/nbd.sock";
+  rc = nbd_.start(nbd, &error);
+  if (rc != 0) return fail("the NBD server does not start: " + error);
+  control_options control;
+  control.socket_path = options.run_dir + "/control.sock";
+  control.run_dir = options.run_dir;
+  control.nbd_socket_path = nbd.socket_path;
+  rc = control_.start(control, &error);
+  if (rc != 0) return fail("the control socket does not start: " + error);
+  return true;
+}
+
+int services::stop() {
+  nbd_.stop();
+  control_.stop();
+  int rc = 0;
+  if (loaded_) {
+    if (kernel::module_refcount() != 0) host_log(log_level::error, "a node is still open");
+    rc = zorv_cleanup();
+    if (rc != 0) host_log(log_level::error, std::string("unload: ") + std::strerror(-rc));
+  }
+  image_detach_all();
+  for (const attached_disk& disk : image_list()) {
+    host_log(log_level::error, "/dev/image/" + disk.name + " is still open");
+    if (rc == 0) rc = -EBUSY;
+  }
+  kernel::join_exited_threads();
+  return rc;
+}
+
+}  // namespace
+
+int run_daemon(const daemon_options& given) {
+  const sigset_t signals = take_signals();
+  kernel::set_printk_sink(host_log_sink);
+  // What the driver writes holds disk contents: nobody else's to read.
+  ::umask(0077);
+  daemon_options options = given;
+  std::error_code ignored;
+  options.run_dir = std::filesystem::absolute(given.run_dir, ignored).lexically_normal().string();
+  while (options.run_dir.size() > 1 && options.run_dir.back() == '/') options.run_dir.pop_back();
+  unique_fd lock;
+  if (!claim_run_dir(options.run_dir, &lock) || !set_parameters(options)) return 1;
+  services all;
+  const bool serving = all.start(options);
+  if (serving) {
+    host_log(log_level::info, "serving " + options.run_dir);
+    int signal = 0;
+    while (sigwait(&signals, &signal) != 0) {
+    }
+    host_log(log_level::info, std::string(signal == SIGINT ? "SIGINT" : "SIGTERM") + ": stopping");
+  }
+  const int rc = all.stop();
+  if (serving && rc == 0) host_log(log_level::info, "stopped");
+  return serving && rc == 0 ? 0 : 1;
+}
+
+}  // namespace zorv
