@@ -11,8 +11,9 @@
 
 namespace zorv {
 
-constexpr kernel::u32 image_major = 240;  // "/dev/image/NAME"
-constexpr kernel::u32 memory_major = 241;
+// Above every major that a host has, so that no host block device is taken for one of these.
+constexpr kernel::u32 image_major = 3840;  // "/dev/image/NAME"
+constexpr kernel::u32 memory_major = 3841;
 
 struct attached_disk {
   std::string name;

@@ -1,0 +1,305 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Block devices of the host as disks. One is brought in when its number is first opened and goes
+// away when the last opener closes it, so that the host holds it no longer than we use it.
+//
+// The host lets one holder have a device for itself: a mounted file system, a volume manager, swap,
+// or us. Where another has it, the device is brought in all the same and says so, because the
+// refusal, and its reason, are the driver's to give.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <new>
+#include <sstream>
+
+#include "driver/core/types.h"
+#include "host/disk/disk.h"
+#include "host/disk/engine.h"
+#include "kernel/printk.h"
+#include "kernel/uaccess.h"
+
+namespace zorv {
+
+using kernel::block_device;
+using kernel::fmode_t;
+using kernel::gendisk;
+
+namespace {
+
+struct host_disk {
+  std::string path;
+  devt dev = 0;
+  int fd = -1;
+  bool read_only = false;
+  bool shared = false;  // somebody else holds it
+  s32 openers = 0;
+  bool added = false;
+  std::unique_ptr<file_engine> engine;
+  gendisk* disk = nullptr;
+
+  ~host_disk();
+};
+
+struct host_table {
+  std::mutex lock;
+  std::map<devt, std::unique_ptr<host_disk>> disks;
+};
+
+host_table& table() {
+  static host_table& t = *new host_table;  // outlives whoever still has a disk open at exit
+  return t;
+}
+
+// The disk behind an opened device, null when it went away between the look-up and the opening.
+host_disk* find_locked(const gendisk* disk, devt dev) {
+  const auto at = table().disks.find(dev);
+  return at != table().disks.end() && at->second->disk == disk ? at->second.get() : nullptr;
+}
+
+host_disk* find_locked(const block_device* bdev) {
+  return find_locked(bdev->bd_disk, bdev->bd_dev);
+}
+
+int host_open(block_device* bdev, fmode_t mode) {
+  const std::lock_guard guard(table().lock);
+  host_disk* h = find_locked(bdev);
+  if (h == nullptr) return -ENXIO;
+  if ((mode & kernel::FMODE_WRITE) != 0 && h->read_only) {
+    if (h->openers == 0) table().disks.erase(h->dev);
+    return -EROFS;
+  }
+  ++h->openers;
+  return 0;
+}
+
+int host_release(gendisk* disk, fmode_t) {
+  const std::lock_guard guard(table().lock);
+  host_disk* h = find_locked(disk, kernel::mkdev(disk->major, disk->first_minor));
+  if (h != nullptr && --h->openers == 0) table().disks.erase(h->dev);
+  return 0;
+}
+
+// While somebody has the device open, its entry stays.
+host_disk* opened(const block_device* bdev) {
+  const std::lock_guard guard(table().lock);
+  return find_locked(bdev);
+}
+
+int host_result(int rc) { return rc == 0 ? 0 : -errno; }
+
+// Asks the host for a value and hands it to the caller.
+template <class T>
+int get_value(int fd, u32 command, u64 argument) {
+  T value{};
+  if (::ioctl(fd, command, &value) != 0) return -errno;
+  return kernel::copy_to_user(argument, &value, sizeof value) == 0 ? 0 : -EFAULT;
+}
+
+template <class T>
+int set_value(int fd, u32 command, u64 argument) {
+  T value{};
+  if (kernel::copy_from_user(&value, argument, sizeof value) != 0) return -EFAULT;
+  return host_result(::ioctl(fd, command, &value));
+}
+
+// Only commands whose argument is known here can be translated to our memory. The others would
+// also change contents (discard, zero out) behind the back of the bitmaps.
+int host_ioctl(block_device* bdev, fmode_t, u32 command, u64 argument) {
+  const host_disk* h = opened(bdev);
+  if (h == nullptr) return -ENXIO;
+  switch (command) {
+    case BLKROSET:
+      return set_value<int>(h->fd, command, argument);
+    case BLKROGET:
+    case BLKSSZGET:
+      return get_value<int>(h->fd, command, argument);
+    case BLKBSZGET:
+      return get_value<int>(h->fd, BLKBSZGET, argument);
+    case BLKBSZSET:
+      return set_value<int>(h->fd, BLKBSZSET, argument);
+    case BLKGETSIZE:
+      return get_value<unsigned long>(h->fd, command, argument);
+    case BLKRAGET:
+      return get_value<long>(h->fd, command, argument);
+    case BLKFLSBUF:
+      return host_result(::ioctl(h->fd, BLKFLSBUF, 0));
+    case BLKRASET:
+      return host_result(::ioctl(h->fd, BLKRASET, argument));
+    default:
+      return -ENOTTY;
+  }
+}
+
+int host_flush_cache(block_device* bdev) {
+  host_disk* h = opened(bdev);
+  return h == nullptr ? -ENXIO : h->engine->sync();
+}
+
+int host_invalidate(block_device* bdev) {
+  const host_disk* h = opened(bdev);
+  return h == nullptr ? -ENXIO : -::posix_fadvise(h->fd, 0, 0, POSIX_FADV_DONTNEED);
+}
+
+// Whether a file system on the device is mounted where this process can see it.
+int host_mounted(block_device* bdev) {
+  char number[32];
+  std::snprintf(number, sizeof number, "%u:%u", kernel::major_of(bdev->bd_dev),
+                kernel::minor_of(bdev->bd_dev));
+  std::ifstream mounts("/proc/self/mountinfo");
+  std::string line;
+  while (std::getline(mounts, line)) {
+    std::istringstream fields(line);
+    std::string id, parent, dev;
+    if (fields >> id >> parent >> dev && dev == number) return 1;
+  }
+  return 0;
+}
+
+const kernel::block_device_operations host_bdops = {
+    .open = host_open,
+    .release = host_release,
+    .ioctl = host_ioctl,
+    .flush_cache = host_flush_cache,
+    .invalidate = host_invalidate,
+    .mounted = host_mounted,
+    .freeze = nullptr,
+    .thaw = nullptr,
+};
+
+host_disk::~host_disk() {
+  if (added) kernel::del_gendisk(disk);
+  if (disk != nullptr) {
+    if (disk->queue != nullptr) kernel::blk_cleanup_queue(disk->queue);
+    kernel::put_disk(disk);
+  }
+  engine.reset();
+  if (fd >= 0) ::close(fd);
+}
+
+// "/dev/sda1" of 8:1, by what the host says of the number; empty when it has no such device.
+std::string node_of(devt dev) {
+  char path[64];
+  std::snprintf(path, sizeof path, "/sys/dev/block/%u:%u/uevent", kernel::major_of(dev),
+                kernel::minor_of(dev));
+  static constexpr std::string_view key = "DEVNAME=";
+  std::ifstream uevent(path);
+  std::string line;
+  while (std::getline(uevent, line)) {
+    if (line.rfind(key, 0) == 0) return "/dev/" + line.substr(key.size());
+  }
+  return "";
+}
+
+// Opens with the best access that there is: alone, then beside others; to write, then to read.
+int open_node(host_disk* h) {
+  static constexpr struct {
+    int flags;
+    bool read_only, shared;
+  } ways[] = {
+      {O_RDWR | O_EXCL, false, false},
+      {O_RDONLY | O_EXCL, true, false},
+      {O_RDWR, false, true},
+      {O_RDONLY, true, true},
+  };
+  int error = 0;
+  for (const auto& way : ways) {
+    // Beside others only where that is what was in the way.
+    if (way.shared && error != -EBUSY) break;
+    h->fd = ::open(h->path.c_str(), way.flags | O_CLOEXEC);
+    if (h->fd >= 0) {
+      h->read_only = way.read_only;
+      h->shared = way.shared;
+      return 0;
+    }
+    error = -errno;
+    if (error != -EBUSY && error != -EROFS && error != -EACCES && error != -EPERM) break;
+  }
+  return error;
+}
+
+// The number may have gone to another device since the name was found.
+bool is_device(int fd, devt dev) {
+  struct stat st {};
+  return ::fstat(fd, &st) == 0 && S_ISBLK(st.st_mode) &&
+         st.st_rdev == makedev(kernel::major_of(dev), kernel::minor_of(dev));
+}
+
+void take_limits(int fd, kernel::request_queue* q) {
+  unsigned value = 0;
+  int logical = 0;
+  long read_ahead_sectors = 0;
+  if (::ioctl(fd, BLKSSZGET, &logical) == 0) {
+    q->limits.logical_block_bytes = static_cast<u32>(logical);
+  }
+  if (::ioctl(fd, BLKPBSZGET, &value) == 0) q->limits.physical_block_bytes = value;
+  if (::ioctl(fd, BLKIOMIN, &value) == 0) q->limits.io_min_bytes = value;
+  if (::ioctl(fd, BLKIOOPT, &value) == 0) q->limits.io_opt_bytes = value;
+  if (::ioctl(fd, BLKRAGET, &read_ahead_sectors) == 0) {
+    q->ra_pages = static_cast<u32>(read_ahead_sectors * kernel::sector_size / kernel::page_size);
+  }
+}
+
+int add_host_disk(host_disk* h) {
+  u64 size_bytes = 0;
+  if (::ioctl(h->fd, BLKGETSIZE64, &size_bytes) != 0) return -errno;
+  if (size_bytes < kernel::sector_size) return -ENOMEDIUM;
+  h->engine = file_engine::create(h->fd, engine_backing::block_device, h->path.c_str());
+  if (h->engine == nullptr) return -ENOMEM;
+  if ((h->disk = kernel::alloc_disk(1)) == nullptr) return -ENOMEM;
+  if ((h->disk->queue = kernel::blk_alloc_queue(kernel::GFP_KERNEL)) == nullptr) return -ENOMEM;
+  h->engine->attach(h->disk->queue);
+  take_limits(h->fd, h->disk->queue);
+  h->disk->major = kernel::major_of(h->dev);
+  h->disk->first_minor = kernel::minor_of(h->dev);
+  copy_text_n(h->disk->disk_name, sizeof h->disk->disk_name,
+              h->path.substr(h->path.rfind('/') + 1).c_str());
+  h->disk->fops = &host_bdops;
+  h->disk->private_data = h;
+  kernel::set_capacity(h->disk, size_bytes >> kernel::sector_shift);
+  kernel::set_disk_ro(h->disk, h->read_only ? 1 : 0);
+  kernel::add_disk(h->disk);
+  h->disk->bdev->bd_other_openers.store(h->shared ? 1 : 0);
+  h->added = true;
+  return 0;
+}
+
+bool bring_in(devt dev) {
+  auto h = std::make_unique<host_disk>();
+  h->dev = dev;
+  h->path = node_of(dev);
+  if (h->path.empty()) return false;
+  int rc = open_node(h.get());
+  if (rc == 0 && !is_device(h->fd, dev)) rc = -ENXIO;
+  if (rc == 0) rc = add_host_disk(h.get());
+  if (rc != 0) {
+    kernel::printk("<3>zorvd: %s cannot be used: %s\n", h->path.c_str(), std::strerror(-rc));
+    return false;
+  }
+  table().disks.emplace(dev, std::move(h));
+  return true;
+}
+
+bool probe(devt dev) {
+  const std::lock_guard guard(table().lock);
+  if (table().disks.count(dev) != 0) return true;
+  try {
+    return bring_in(dev);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+void host_block_init() { kernel::blk_register_probe(probe); }
+
+}  // namespace zorv
