@@ -102,8 +102,9 @@ constexpr command_row commands[] = {
     row<zorv_ioctl_merge_bmp>(ZORV_MERGE_BMP, "ZORV_MERGE_BMP", lock_table::yes),
     row<zorv_ioctl_get_bmp>(ZORV_GET_BMP, "ZORV_GET_BMP", lock_table::yes),
     row<zorv_ioctl_get_and_clr_bmp>(ZORV_GET_AND_CLR_BMP, "ZORV_GET_AND_CLR_BMP", lock_table::yes),
-    {ZORV_GET_DATABLOCK_BMP, "ZORV_GET_DATABLOCK_BMP", lock_table::yes, nullptr},
-    {ZORV_TEST_DATABLOCK, "ZORV_TEST_DATABLOCK", lock_table::no, nullptr},
+    row<zorv_ioctl_get_datablock_bmp>(ZORV_GET_DATABLOCK_BMP, "ZORV_GET_DATABLOCK_BMP",
+                                      lock_table::yes),
+    row<zorv_ioctl_test_datablock>(ZORV_TEST_DATABLOCK, "ZORV_TEST_DATABLOCK", lock_table::no),
     {ZORV_RESUME_SNAP, "ZORV_RESUME_SNAP", lock_table::no, nullptr},
 };
 
