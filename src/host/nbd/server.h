@@ -5,12 +5,16 @@
 #include <memory>
 #include <string>
 
+#include "host/nbd/export.h"
+
 namespace zorv {
 
 struct nbd_options {
   std::string socket_path;  // created with mode 0600; a stale socket is replaced
   unsigned max_connections = 64;
   std::size_t max_inflight_bytes = 16U << 20;  // per client
+  unsigned handshake_limit_ms = 30000;         // from connecting to the first request
+  nbd_export_source* exports = nullptr;        // null: the driver's started nodes
 };
 
 class nbd_server {
