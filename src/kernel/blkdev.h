@@ -35,7 +35,7 @@ using unplug_fn = void (*)(request_queue*);
 // A queue's own list of plugged bios is for disks that collect (blk_plug_bio); a node has none.
 struct request_queue {
   make_request_fn make_request = nullptr;
-  unplug_fn unplug = nullptr;
+  std::atomic<unplug_fn> unplug{nullptr};  // none after blk_cleanup_queue
   void* queuedata = nullptr;
   queue_limits limits;
   u32 ra_pages = 32;

@@ -139,12 +139,13 @@ bio* blk_take_plugged(request_queue* q) {
 }
 
 void blk_unplug(request_queue* q) {
-  if (q->unplug != nullptr) q->unplug(q);
+  if (const unplug_fn unplug = q->unplug.load(std::memory_order_relaxed)) unplug(q);
 }
 
 void blk_cleanup_queue(request_queue* q) {
   might_sleep("blk_cleanup_queue");
   cancel_timer(q);
+  q->unplug.store(nullptr);
   for (bio* b = blk_take_plugged(q); b != nullptr;) {
     bio* next = b->bi_next;
     bio_endio(b, -EIO);

@@ -1,0 +1,297 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Bios from allocation to their end, opening, plugging, freezing, and the disk that tests use.
+#include "kernel/blkdev.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <numeric>
+#include <thread>
+#include <vector>
+
+#include "host/disk/memory.h"
+#include "kernel/fault.h"
+#include "support/driver_fixture.h"
+
+using namespace kernel;
+using zorv::memory_disk;
+using zorv_test::bytes;
+using zorv_test::client;
+using zorv_test::eventually;
+using zorv_test::log_capture;
+using zorv_test::pending_io;
+
+namespace {
+
+struct blkdev_test : testing::Test {
+  memory_disk disk{"kernel_test", 8 << 20};
+  client c{open_by_devnum(disk.dev(), FMODE_READ | FMODE_WRITE)};
+  ~blkdev_test() override { fault_disarm_all(); }
+};
+
+struct ended {
+  int calls = 0;
+  int error = 1;
+  u32 irq_depth = 0;
+};
+
+void note_end(bio* b, int error) {
+  auto* e = static_cast<ended*>(b->bi_private);
+  ++e->calls;
+  e->error = error;
+  e->irq_depth = current()->irq_depth;
+}
+
+int count_freezes, count_thaws, freeze_result;
+
+}  // namespace
+
+TEST_F(blkdev_test, a_bio_holds_what_it_was_made_for_and_a_clone_shares_it) {
+  bytes memory(page_size);
+  bio* b = bio_alloc(GFP_KERNEL, 3);
+  EXPECT_EQ(bio_add_page(b, page_at(memory.data()), 4096, 0), 4096U);
+  EXPECT_EQ(bio_add_page(b, page_at(memory.data()), 512, 3584), 512U);
+  EXPECT_EQ(bio_add_page(b, page_at(memory.data()), 1024, 3584), 0U) << "beyond the page";
+  EXPECT_EQ(bio_add_page(b, page_at(memory.data()), 512, 0), 512U);
+  EXPECT_EQ(bio_add_page(b, page_at(memory.data()), 512, 0), 0U) << "no room";
+  EXPECT_EQ(bio_sectors(b), 10U);
+  b->bi_sector = 77;
+  b->bi_rw = WRITE | REQ_FUA;
+  b->bi_bdev = disk.bdev();
+  b->bi_end_io = note_end;
+  bio* clone = bio_clone(b, GFP_NOIO);
+  EXPECT_EQ(clone->bi_sector, 77U);
+  EXPECT_EQ(clone->bi_size, b->bi_size);
+  EXPECT_EQ(clone->bi_rw, b->bi_rw);
+  EXPECT_EQ(clone->bi_bdev, b->bi_bdev);
+  EXPECT_EQ(clone->bi_io_vec[1].bv_offset, 3584U);
+  EXPECT_EQ(clone->bi_vcnt, 3);
+  EXPECT_EQ(clone->bi_end_io, nullptr) << "an end is not inherited";
+  bio_put(b);
+  bio_put(clone);
+  EXPECT_EQ(bio_alloc(GFP_KERNEL, bio_max_segments + 1), nullptr);
+}
+
+TEST_F(blkdev_test, bios_outlast_a_shortage_of_memory_as_far_as_their_reserve_goes) {
+  fault_arm(fault_site::alloc, 1, -1, ENOMEM);
+  std::vector<bio*> taken;
+  while (bio* b = bio_alloc(GFP_ATOMIC, 4)) taken.push_back(b);
+  EXPECT_GE(taken.size(), 2U);
+  std::thread waiter([] { bio_put(bio_alloc(GFP_NOIO, 4)); });
+  for (bio* b : taken) bio_put(b);
+  waiter.join();
+}
+
+TEST_F(blkdev_test, a_bio_ends_once_in_completion_context_with_its_error) {
+  log_capture log;
+  const auto send = [this](u32 rw, u64 sector, u32 sectors) {
+    static u8 memory[page_size];
+    ended e;
+    bio_vec vec;
+    bio b;
+    bio_init(&b, &vec, 1);
+    if (sectors != 0) bio_add_page(&b, page_at(memory), sectors * sector_size, 0);
+    b.bi_sector = sector;
+    b.bi_bdev = disk.bdev();
+    b.bi_private = &e;
+    b.bi_end_io = note_end;
+    submit_bio(rw, &b);
+    EXPECT_EQ(e.calls, 1);
+    EXPECT_EQ(e.irq_depth, 1U);
+    EXPECT_EQ(b.bi_uptodate.load(), e.error == 0);
+    return e.error;
+  };
+  const u64 end = (8 << 20) / sector_size;
+  EXPECT_EQ(send(READ, end - 8, 8), 0);
+  EXPECT_EQ(send(WRITE, end - 7, 8), -EIO);
+  EXPECT_TRUE(log.has("attempt to access beyond end of device"));
+  EXPECT_EQ(send(READ, ~u64{0} - 3, 8), -EIO) << "the sum wraps";
+  EXPECT_EQ(send(WRITE | REQ_FLUSH, end + 1, 0), 0) << "a flush is nowhere";
+  fault_arm(fault_site::bio_read, 1, 1, ENODATA);
+  EXPECT_EQ(send(READ, 0, 1), -ENODATA);
+  disk.fail(4096, 4096, memory_disk::direction::write, -ENOSPC, 1);
+  EXPECT_EQ(send(READ, 8, 1), 0);
+  EXPECT_EQ(send(WRITE, 7, 1), 0);
+  EXPECT_EQ(send(WRITE, 7, 2), -ENOSPC);
+  EXPECT_EQ(send(WRITE, 7, 2), 0);
+  EXPECT_EQ(current()->irq_depth, 0U);
+}
+
+TEST_F(blkdev_test, nothing_plugged_waits_for_an_unplug_that_nobody_calls) {
+  disk.plug(true);
+  for (int i = 0; i < 3; ++i) {
+    bytes block(4096, static_cast<u8>(i));
+    bio_vec vec;
+    bio b;
+    bio_init(&b, &vec, 1);
+    bio_add_page(&b, page_at(block.data()), 4096, 0);
+    b.bi_bdev = disk.bdev();
+    std::atomic<bool> done{false};
+    b.bi_private = &done;
+    b.bi_end_io = [](bio* x, int) { static_cast<std::atomic<bool>*>(x->bi_private)->store(true); };
+    submit_bio(WRITE, &b);
+    ASSERT_TRUE(eventually([&] { return done.load(); }, 5000));
+  }
+  EXPECT_EQ(disk.unplugs(), 3U);
+}
+
+TEST_F(blkdev_test, an_unplug_serves_everything_in_order_of_arrival) {
+  disk.plug(true);
+  disk.serve(memory_disk::serving::held);
+  auto io = c.start_write(0, bytes(3 << 20, 1));  // three bios and an unplug
+  ASSERT_TRUE(eventually([&] { return disk.held_count() == 3; }));
+  const auto held = disk.held();
+  EXPECT_EQ(held[0].offset_bytes, 0U);
+  EXPECT_EQ(held[2].offset_bytes, 2U << 20);
+  EXPECT_EQ(held[1].length_bytes, 1U << 20);
+  disk.release(2);
+  disk.release(0, -ENOSPC);
+  EXPECT_FALSE(io->done());
+  disk.release_all();
+  EXPECT_EQ(io->wait(), -ENOSPC);
+  EXPECT_EQ(disk.peek(0, 1)[0], 0) << "refused";
+  EXPECT_EQ(disk.peek(2 << 20, 1)[0], 1);
+}
+
+TEST_F(blkdev_test, data_comes_back_from_wherever_and_whenever_it_was_written) {
+  disk.serve(memory_disk::serving::by_worker);
+  std::vector<std::thread> writers;
+  for (u8 t = 0; t < 4; ++t) {
+    writers.emplace_back([&, t] {
+      client mine(open_by_devnum(disk.dev(), FMODE_WRITE));
+      bytes data(70000 / 512 * 512);
+      std::iota(data.begin(), data.end(), t);
+      for (u64 i = 0; i < 20; ++i) {
+        const u64 at = (t * 20 + i) * 100352;
+        ASSERT_EQ(mine.write(at, data), 0);
+        ASSERT_EQ(mine.get(at, data.size()), data);
+      }
+    });
+  }
+  for (auto& w : writers) w.join();
+  EXPECT_EQ(disk.bdev()->bd_openers.load(), 1);
+}
+
+TEST_F(blkdev_test, a_power_cut_loses_what_was_not_flushed) {
+  ASSERT_EQ(c.fill(0, 16384, 1), 0);
+  disk.remember_unsynced();
+  ASSERT_EQ(c.fill(0, 4096, 2), 0);
+  ASSERT_EQ(c.flush(), 0);
+  ASSERT_EQ(c.fill(0, 12288, 3), 0);
+  ASSERT_EQ(c.write(4096, bytes(4096, 4), REQ_FUA), 0);
+  disk.power_cut([](u64 sector) { return sector == 16; });
+  EXPECT_EQ(c.fill(0, 512, 9), -EIO) << "the power is off";
+  disk.power_on();
+  EXPECT_EQ(disk.peek(0, 4096), bytes(4096, 2)) << "flushed";
+  EXPECT_EQ(disk.peek(4096, 4096), bytes(4096, 4)) << "forced through";
+  EXPECT_EQ(disk.peek(8192, 512), bytes(512, 3)) << "a lucky sector";
+  EXPECT_EQ(disk.peek(8704, 512), bytes(512, 1)) << "lost";
+}
+
+TEST_F(blkdev_test, a_freeze_waits_for_what_was_admitted_and_admits_nobody) {
+  disk.serve(memory_disk::serving::held);
+  auto before = c.start_write(0, bytes(4096, 1));
+  std::atomic<bool> frozen{false};
+  super_block* token = nullptr;
+  std::thread freezer([&] {
+    token = freeze_bdev(disk.bdev());
+    frozen.store(true);
+  });
+  ASSERT_TRUE(eventually([&] {
+    if (!blkdev_try_enter(disk.bdev())) return true;
+    blkdev_exit(disk.bdev());
+    return false;
+  }));
+  EXPECT_FALSE(frozen.load()) << "one request is under way";
+  disk.release_all();
+  freezer.join();
+  EXPECT_EQ(before->wait(), 0);
+  disk.serve(memory_disk::serving::at_once);
+  std::thread late([&] { EXPECT_EQ(c.fill(4096, 4096, 2), 0); });
+  EXPECT_EQ(freeze_bdev(disk.bdev()), token) << "nests";
+  thaw_bdev(disk.bdev(), token);
+  EXPECT_FALSE(blkdev_try_enter(disk.bdev())) << "one freeze is left";
+  EXPECT_EQ(disk.writes(), 1U);
+  thaw_bdev(disk.bdev(), token);
+  late.join();
+  EXPECT_EQ(disk.writes(), 2U);
+}
+
+TEST_F(blkdev_test, requests_and_freezes_take_turns) {
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> writers;
+  for (int i = 0; i < 3; ++i) {
+    writers.emplace_back([&] {
+      while (!stop.load()) EXPECT_EQ(c.fill(0, 4096, 1), 0);
+    });
+  }
+  for (int i = 0; i < 100; ++i) {
+    super_block* token = freeze_bdev(disk.bdev());
+    const u64 writes = disk.writes();
+    yield();
+    EXPECT_EQ(disk.writes(), writes) << "a write came through";
+    thaw_bdev(disk.bdev(), token);
+    ASSERT_TRUE(eventually([&] { return disk.writes() != writes; }));
+  }
+  stop.store(true);
+  for (auto& w : writers) w.join();
+}
+
+TEST_F(blkdev_test, the_host_file_system_is_frozen_first_and_thawed_last) {
+  static const block_device_operations ops{
+      .freeze = [](block_device*) { return ++count_freezes, freeze_result; },
+      .thaw =
+          [](block_device* b) {
+            ++count_thaws;
+            EXPECT_TRUE(blkdev_try_enter(b)) << "a thaw may write";
+            blkdev_exit(b);
+          },
+  };
+  disk.disk()->fops = &ops;
+  freeze_result = -EBUSY;
+  EXPECT_EQ(ptr_err(freeze_bdev(disk.bdev())), -EBUSY);
+  EXPECT_EQ(c.fill(0, 512, 1), 0) << "not frozen after a failure";
+  freeze_result = 0;
+  super_block* outer = freeze_bdev(disk.bdev());
+  super_block* inner = freeze_bdev(disk.bdev());
+  thaw_bdev(disk.bdev(), inner);
+  EXPECT_EQ(count_thaws, 0);
+  thaw_bdev(disk.bdev(), outer);
+  EXPECT_EQ(count_freezes, 2);
+  EXPECT_EQ(count_thaws, 1);
+}
+
+TEST(disks, are_found_by_number_and_counted) {
+  EXPECT_EQ(ptr_err(open_by_devnum(mkdev(zorv::memory_major, 99999), FMODE_READ)), -ENXIO);
+  for (const auto& [size, block] : std::vector<std::pair<u64, u32>>{
+           {1000000000, 512}, {1 << 20, 4096}, {(1 << 20) + 1024, 1024}, {1000001, 512}}) {
+    EXPECT_EQ(memory_disk("sized", size).bdev()->bd_block_bytes, block) << size;
+  }
+  auto disk = std::make_unique<memory_disk>("counted", 1 << 20);
+  disk->set_mounted(true);
+  EXPECT_NE(get_super(disk->bdev()), nullptr);
+  client a(open_by_devnum(disk->dev(), FMODE_READ)), b(open_by_devnum(disk->dev(), FMODE_READ));
+  EXPECT_EQ(disk->bdev()->bd_openers.load(), 2);
+  EXPECT_FALSE(del_gendisk_unused(disk->disk()));
+  EXPECT_EQ(a.fill(0, 512, 1), 0);
+  b.close();
+  disk.reset();
+  // Who still has the disk open keeps a device that answers nothing.
+  log_capture log;
+  EXPECT_EQ(a.fill(0, 512, 1), -EIO);
+  EXPECT_TRUE(log.has("Trying to access nonexistent block-device counted (0)"));
+  EXPECT_EQ(ptr_err(open_by_devnum(a.bdev()->bd_dev, FMODE_READ)), -ENXIO);
+}
+
+TEST(majors, are_taken_once) {
+  const int major = register_blkdev(0, "kernel_test");
+  ASSERT_GT(major, 0);
+  const auto taken = static_cast<u32>(major);
+  EXPECT_EQ(register_blkdev(taken, "other"), -EBUSY);
+  unregister_blkdev(taken, "other");  // not the owner
+  EXPECT_EQ(register_blkdev(taken, "other"), -EBUSY);
+  unregister_blkdev(taken, "kernel_test");
+  EXPECT_EQ(register_blkdev(taken, "other"), 0);
+  unregister_blkdev(taken, "other");
+  EXPECT_EQ(register_blkdev(4096, "big"), -EINVAL);
+}

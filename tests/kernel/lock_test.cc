@@ -1,0 +1,220 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Spin locks, waiting and waking, threads and the clock, under contention.
+#include "kernel/lock.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "kernel/fault.h"
+#include "kernel/task.h"
+#include "kernel/time.h"
+#include "support/driver_fixture.h"
+
+using namespace kernel;
+using zorv_test::eventually;
+
+namespace {
+
+template <class Body>
+void in_threads(unsigned count, Body body) {
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < count; ++i) threads.emplace_back([=] { body(i); });
+  for (auto& t : threads) t.join();
+}
+
+}  // namespace
+
+TEST(spinlock, holders_exclude_each_other) {
+  spinlock_t lock;
+  u64 plain = 0;
+  in_threads(4, [&](unsigned) {
+    for (int i = 0; i < 20000; ++i) {
+      spin_guard guard(&lock);
+      ++plain;
+    }
+  });
+  EXPECT_EQ(plain, 80000U);
+  EXPECT_EQ(current()->spin_depth, 0U);
+}
+
+TEST(sleeping_deathtest, is_a_bug_under_a_spin_lock_and_in_completion_context) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        spinlock_t lock;
+        spin_guard guard(&lock);
+        yield();
+      },
+      "BUG: yield may sleep.*1 spin locks held");
+  EXPECT_DEATH(
+      {
+        bio b;
+        b.bi_end_io = [](bio*, int) {
+          completion c;
+          wait_for_completion(&c);
+        };
+        bio_endio(&b, 0);
+      },
+      "BUG: wait_for_completion may sleep.*in completion context");
+  EXPECT_DEATH(
+      {
+        spinlock_t lock;
+        bio b;
+        spin_guard guard(&lock);
+        bio_endio(&b, 0);
+      },
+      "BUG: bio_endio called");
+}
+
+// A hand-over between two tasks: a lost wake-up hangs it.
+TEST(wait_queue, no_wake_up_is_lost) {
+  wait_queue_head q;
+  std::atomic<int> turn{0};
+  in_threads(2, [&](unsigned me) {
+    for (int i = 0; i < 5000; ++i) {
+      wait_event(&q, [&] { return turn.load() % 2 == static_cast<int>(me); });
+      turn.fetch_add(1);
+      wake_up(&q);
+    }
+  });
+  EXPECT_EQ(turn.load(), 10000);
+}
+
+TEST(wait_queue, wakes_all_plain_waiters_and_as_many_exclusive_ones_as_asked) {
+  wait_queue_head q;
+  std::atomic<u32> sleeping{0}, woken_plain{0}, woken_exclusive{0};
+  const auto sleeper = [&](bool exclusive) {
+    wait_queue_entry e;
+    (exclusive ? add_wait_queue_exclusive : add_wait_queue)(&q, &e);
+    set_current_state(TASK_UNINTERRUPTIBLE);
+    sleeping.fetch_add(1);
+    schedule();
+    (exclusive ? woken_exclusive : woken_plain).fetch_add(1);
+    remove_wait_queue(&q, &e);
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 6; ++i) threads.emplace_back(sleeper, i % 2 == 0);
+  ASSERT_TRUE(eventually([&] { return sleeping.load() == 6; }));
+  wake_up_nr(&q, TASK_INTERRUPTIBLE, 0);  // none sleeps that way
+  wake_up(&q);
+  ASSERT_TRUE(eventually([&] { return woken_plain.load() == 3 && woken_exclusive.load() == 1; }));
+  // Whoever has been woken and not yet left the queue takes nobody else's wake-up.
+  wake_up_nr(&q, TASK_NORMAL, 2);
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(woken_exclusive.load(), 3U);
+}
+
+TEST(completion, may_die_as_soon_as_its_waiter_goes_on) {
+  std::atomic<completion*> handed{nullptr};
+  constexpr int rounds = 5000;
+  std::thread completer([&] {
+    for (int i = 0; i < rounds; ++i) {
+      completion* c = nullptr;
+      while ((c = handed.exchange(nullptr)) == nullptr) yield();
+      complete(c);
+    }
+  });
+  for (int i = 0; i < rounds; ++i) {
+    auto c = std::make_unique<completion>();
+    handed.store(c.get());
+    wait_for_completion(c.get());
+  }
+  completer.join();
+}
+
+TEST(semaphore, lets_in_as_many_as_it_counts) {
+  semaphore s;
+  sema_init(&s, 2);
+  std::atomic<int> inside{0}, most{0};
+  in_threads(4, [&](unsigned) {
+    for (int i = 0; i < 2000; ++i) {
+      down(&s);
+      const int n = inside.fetch_add(1) + 1;
+      int seen = most.load();
+      while (n > seen && !most.compare_exchange_weak(seen, n)) {
+      }
+      if (i % 16 == 0) yield();
+      inside.fetch_sub(1);
+      up(&s);
+    }
+  });
+  EXPECT_EQ(most.load(), 2);
+  EXPECT_EQ(inside.load(), 0);
+}
+
+TEST(clock, sleepers_notice_when_it_is_turned) {
+  wait_queue_head q;
+  EXPECT_FALSE(wait_event_timeout(
+      &q, [] { return false; }, 5));
+  std::atomic<bool> timed_out{false};
+  std::thread sleeper([&] {
+    timed_out.store(!wait_event_timeout(
+        &q, [] { return false; }, 60000));
+  });
+  const u64 before = jiffies();
+  turn_clock(60001);
+  sleeper.join();
+  EXPECT_TRUE(timed_out.load());
+  EXPECT_GE(jiffies() - before, 60001U);
+  EXPECT_LT(jiffies() - before, 100000U);
+}
+
+TEST(clock, a_woken_sleeper_learns_what_is_left) {
+  set_current_state(TASK_UNINTERRUPTIBLE);
+  EXPECT_EQ(schedule_timeout(0), 0);
+  EXPECT_EQ(current()->state.load(), TASK_RUNNING);
+  wait_queue_head q;
+  std::atomic<bool> flag{false};
+  std::thread waker([&] {
+    flag.store(true);
+    wake_up(&q);
+  });
+  EXPECT_TRUE(wait_event_timeout(
+      &q, [&] { return flag.load(); }, 3600 * HZ));
+  waker.join();
+}
+
+TEST(time_compare, survives_the_wrap) {
+  constexpr u64 top = ~u64{0};
+  static_assert(time_after(5, top) && !time_after(top, 5) && !time_after(7, 7));
+  static_assert(time_after_eq(7, 7) && time_after_eq(5, top) && !time_after_eq(top, 5));
+}
+
+namespace {
+
+struct thread_report {
+  completion done;
+  s32 pid = 0;
+  char comm[64] = {};
+};
+
+int report_thread(void* arg) {
+  auto* r = static_cast<thread_report*>(arg);
+  daemonize("a name of a thread that is longer than what the host would keep of it");
+  r->pid = current()->pid;
+  std::memcpy(r->comm, current()->comm, sizeof(r->comm));
+  return complete_and_exit(&r->done, 0);
+}
+
+}  // namespace
+
+TEST(kernel_thread, has_a_name_and_an_id_and_ends_with_its_completion) {
+  for (int i = 0; i < 50; ++i) {
+    thread_report r;
+    const int pid = kernel_thread(report_thread, &r, clone_fs | clone_files | clone_sighand);
+    ASSERT_GT(pid, 0);
+    wait_for_completion(&r.done);
+    EXPECT_EQ(pid, r.pid);
+    EXPECT_STREQ(r.comm, "a name of a thread that is longer than what the host would keep");
+  }
+  join_exited_threads();
+  fault_arm(fault_site::thread_create, 1, 1, EAGAIN);
+  thread_report r;
+  EXPECT_EQ(kernel_thread(report_thread, &r, 0), -EAGAIN);
+  fault_disarm_all();
+}

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Memory that can fail, pools that wait, and the fault switches.
+#include "kernel/mem.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "kernel/fault.h"
+#include "kernel/module.h"
+#include "support/driver_fixture.h"
+
+using namespace kernel;
+using zorv_test::eventually;
+
+namespace {
+
+struct mem_test : testing::Test {
+  ~mem_test() override { fault_disarm_all(); }
+};
+
+struct pool_test : mem_test {
+  kmem_cache* cache = kmem_cache_create("pool_test", 48, 8);
+  mempool* pool = mempool_create(4, cache);
+  ~pool_test() override {
+    fault_disarm_all();
+    mempool_destroy(pool);
+    kmem_cache_destroy(cache);
+    EXPECT_FALSE(kmem_cache_exists("pool_test"));
+  }
+};
+
+}  // namespace
+
+TEST_F(mem_test, a_switch_fails_the_calls_it_was_set_to) {
+  fault_arm(fault_site::alloc, 2, 2, ENOMEM);
+  std::vector<bool> got;
+  for (int i = 0; i < 5; ++i) {
+    kbuf<u8> p(static_cast<u8*>(kmalloc(16, GFP_KERNEL)));
+    got.push_back(p != nullptr);
+  }
+  EXPECT_EQ(got, (std::vector<bool>{true, false, false, true, true}));
+  EXPECT_EQ(fault_calls(fault_site::alloc), 5U);
+  EXPECT_EQ(fault_check(fault_site::file_open), 0) << "other sites are not touched";
+
+  fault_arm(fault_site::alloc, 1, 0, ENOMEM);  // counts only
+  vbuf<u8>(static_cast<u8*>(vmalloc(1)));
+  EXPECT_EQ(fault_calls(fault_site::alloc), 1U);
+
+  fault_arm(fault_site::alloc, 1, -1, ENOMEM);
+  EXPECT_EQ(kmalloc(1, GFP_KERNEL), nullptr);
+  EXPECT_EQ(vzalloc(1), nullptr);
+  EXPECT_EQ(alloc_page(GFP_KERNEL), nullptr);
+  EXPECT_EQ(kmem_cache_create("none", 8, 8), nullptr);
+  EXPECT_EQ(alloc_disk(1), nullptr);
+  EXPECT_EQ(blk_alloc_queue(GFP_KERNEL), nullptr);
+  fault_disarm(fault_site::alloc);
+  EXPECT_EQ(fault_armed.load(), 0U);
+}
+
+TEST_F(mem_test, blocks_are_aligned_and_zeroed_as_promised) {
+  for (std::size_t bytes : {std::size_t{1}, std::size_t{page_size} + 1, std::size_t{8} << 20}) {
+    vbuf<u8> v(static_cast<u8*>(vzalloc(bytes)));
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(v.get()) % page_size, 0U);
+    EXPECT_EQ(v[0] | v[bytes / 2] | v[bytes - 1], 0);
+    std::memset(v.get(), 0xff, bytes);
+  }
+  EXPECT_EQ(vmalloc(SIZE_MAX - 4), nullptr);
+  page* p = alloc_page(GFP_KERNEL | GFP_ZERO);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % page_size, 0U);
+  EXPECT_EQ(page_address(p)[page_size - 1], std::byte{0});
+  free_page(p);
+}
+
+TEST_F(pool_test, the_reserve_lasts_when_memory_does_not) {
+  EXPECT_TRUE(kmem_cache_exists("pool_test"));
+  fault_arm(fault_site::alloc, 1, -1, ENOMEM);
+  void* objects[4];
+  for (void*& o : objects) ASSERT_NE(o = mempool_alloc(pool, GFP_ATOMIC), nullptr);
+  EXPECT_EQ(mempool_alloc(pool, GFP_ATOMIC), nullptr) << "an atomic caller does not wait";
+  EXPECT_EQ(mempool_create(4, cache), nullptr);
+
+  std::atomic<bool> waiting{false};
+  void* late = nullptr;
+  std::thread waiter([&] {
+    waiting.store(true);
+    late = mempool_alloc(pool, GFP_NOIO);
+  });
+  ASSERT_TRUE(eventually([&] { return waiting.load(); }));
+  mempool_free(pool, objects[0]);
+  waiter.join();
+  EXPECT_EQ(late, objects[0]);
+  mempool_free(pool, late);
+  for (int i = 1; i < 4; ++i) mempool_free(pool, objects[i]);
+}
+
+// More takers than there are objects: a lost wake-up would leave one waiting for ever.
+TEST_F(pool_test, everybody_who_waits_is_served) {
+  fault_arm(fault_site::alloc, 1, -1, ENOMEM);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 6; ++t) {
+    threads.emplace_back([this] {
+      for (int i = 0; i < 500; ++i) {
+        void* a = mempool_alloc(pool, GFP_NOIO);
+        std::memset(a, i, 48);
+        mempool_free(pool, a);
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+}
+
+namespace {
+int tested_value;
+module_param tested_param("kernel_tests_value", &tested_value, 7, "for this test");
+}  // namespace
+
+TEST(module_param, takes_whole_decimal_numbers_only) {
+  EXPECT_EQ(tested_value, 7);
+  EXPECT_EQ(module_param_set("kernel_tests_value", "-12"), 0);
+  EXPECT_EQ(tested_value, -12);
+  for (const char* bad : {"", "1x", " 1", "0x10", "2147483648"}) {
+    EXPECT_EQ(module_param_set("kernel_tests_value", bad), -EINVAL) << bad;
+  }
+  EXPECT_EQ(tested_value, -12);
+  EXPECT_EQ(module_param_set("kernel_tests", "1"), -ENOENT);
+  module_params_reset();
+  EXPECT_EQ(tested_value, 7);
+}
