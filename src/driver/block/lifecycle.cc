@@ -62,7 +62,7 @@ void take_snapshot(zorv_blkdev* filter, zorv_blkdev* snap) {
       if (r.snap_minor == static_cast<s32>(snap->s.snap_minor)) r.snap_minor = -1;
     }
   }
-  snap->s.snap_valid.store(1);
+  snap->s.snap_valid.store(zorv_snap_valid_at_start(snap, "zorv_block_start_device"));
   snap->started.store(1);
 }
 

@@ -75,6 +75,9 @@ struct zorv_snap {
   // Read: the COW thread while it uses the files and the COW bitmap of a started snap (`started`
   // tested inside). Write: start, stop and resume while they set these up or take them away.
   rzrwlock file_lock;
+  // Where the files live, from creation; tells which nodes the COW thread may have to wait for.
+  devt cow_bmp_dev = 0;
+  devt cow_data_dev = 0;
   zorv_file* cow_data_file = nullptr;  // open while started
   zorv_file* cow_bmp_file = nullptr;
   zorv_cowbmp cowbmp;

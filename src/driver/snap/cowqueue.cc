@@ -8,6 +8,7 @@
 #include <cassert>
 
 #include "driver/core/log.h"
+#include "kernel/blkdev.h"
 #include "kernel/mem.h"
 
 namespace zorv {
@@ -67,6 +68,7 @@ cow_request* alloc_request(s32 snap_minor, kernel::bio* bio, gfp_t flags) {
   auto* r = new (memory) cow_request;
   r->snap_minor = snap_minor;
   r->bio = bio;
+  r->dev = bio->bi_bdev->bd_dev;
   r->first_sector = bio->bi_sector;
   r->last_sector = bio->bi_sector + kernel::bio_sectors(bio) - 1;
   r->is_write = kernel::bio_is_write(bio);

@@ -29,6 +29,7 @@ struct cow_request {
   kernel::list_of<cow_block> blocks;  // ascending
   s32 snap_minor = -1;                // newest started snap when queued; negative: none; under lock
   kernel::bio* bio = nullptr;
+  devt dev = 0;  // the node that the bio was sent to
   sector_t first_sector = 0;
   sector_t last_sector = 0;  // inclusive
   bool is_write = false;

@@ -18,9 +18,14 @@ struct zorv_cowthread {
   std::atomic<s32> pid{0};  // 0: no thread
   zorv_filter* filter = nullptr;
   kernel::completion done;
+  kernel::completion ready;  // the thread has its working set, or has found that it cannot get it
+  int ready_rc = 0;
 };
 
-// 0 | -EINVAL (null record) | -EALREADY | the negative code of thread creation
+// The thread, running and with its working set. pid is set only once it serves the queue, so that
+// no request is ever queued for a thread that will not come.
+//   returns  0 | -EINVAL (null record) | -EALREADY | the negative code of thread creation |
+//            -ENOMEM (no working set; no thread is left)
 int zorv_cowthread_start(zorv_cowthread* t, const char* name, zorv_filter* filter);
 // Drains the queue, then ends the thread. 0 (also without a thread) | -EINVAL (null record)
 int zorv_cowthread_shutdown(zorv_cowthread* t);

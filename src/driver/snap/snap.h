@@ -8,12 +8,20 @@ namespace zorv {
 
 // Creates both files anew at their full length, sparse, with their names synced, and an empty COW
 // bitmap. On failure what was opened stays for zorv_snap_close_files.
-//   locks    the snap's dev_mutex and file_lock (write)
-//   returns  0 | -EIO | -ENOMEM
-[[nodiscard]] int zorv_snap_open_files(zorv_blkdev* snap);
+//   locks    the table for reading, the snap's dev_mutex and file_lock (write)
+//   returns  0 | -EIO | -ENOMEM | -EINVAL (both files are the same) | -EBUSY (a started snap has
+//   it)
+[[nodiscard]] int zorv_snap_open_files(zorv_blkdev* snap) REQUIRES_SHARED(zorv_blkdev_rwlock);
 // Destroys the COW bitmap and the datablock bitmap and closes the files; accepts any half of it.
 //   locks    the snap's dev_mutex and file_lock (write)
 void zorv_snap_close_files(zorv_blkdev* snap);
+
+// What snap_valid is at the instant of a start: 1, or 0 (logged) without a COW thread, which would
+// leave every write that needs a copy waiting.
+[[nodiscard]] u32 zorv_snap_valid_at_start(const zorv_blkdev* snap, const char* op);
+// Builds the datablock map of a started snap, read through its own block device.
+//   locks    none of the filter's or the snap's
+void zorv_snap_build_datablock_map(u32 snap_minor);
 
 // The frame of a start and of a resume, in this order: take both mutexes, look at the snap's
 // state, pin the filter, do the work, release. While pinned the filter stays started; its

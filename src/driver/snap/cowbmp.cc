@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "driver/snap/cowbmp.h"
+
+#include <atomic>
+
+#include "driver/core/log.h"
+#include "kernel/mem.h"
+
+namespace zorv {
+
+namespace {
+
+constexpr u32 page_shift = 15;  // bits to pages
+constexpr u32 page_bits = 1U << page_shift;
+constexpr u64 max_bits = 1ULL << 31;  // chunk numbers are signed 32-bit
+
+s32 pages_for(u64 nbits) {
+  return nbits == 0 ? 0 : static_cast<s32>(((nbits - 1) >> page_shift) + 1);
+}
+
+// One slot more than none, so that an empty bitmap has a table too.
+u8** alloc_table(s32 npages) {
+  const std::size_t slots = npages > 0 ? static_cast<std::size_t>(npages) : 1;
+  return static_cast<u8**>(kernel::vzalloc(slots * sizeof(u8*)));
+}
+
+void free_pages_locked(zorv_cowbmp* b) REQUIRES(b->lock) {
+  if (b->pages == nullptr) return;
+  for (s32 i = 0; i < b->npages; ++i) kernel::kfree(b->pages[i]);
+  kernel::vfree(b->pages);
+  b->pages = nullptr;
+  b->nbits = 0;
+  b->npages = 0;
+}
+
+std::atomic_ref<u8> byte_of(u8* page, s32 bit) {
+  return std::atomic_ref<u8>(page[(static_cast<u32>(bit) & (page_bits - 1)) >> 3]);
+}
+u8 mask_of(s32 bit) { return static_cast<u8>(1U << (static_cast<u32>(bit) & 7)); }
+
+bool covers_locked(const zorv_cowbmp* b, s32 bit) REQUIRES_SHARED(b->lock) {
+  return bit >= 0 && static_cast<u64>(bit) < b->nbits;
+}
+
+// Sets the bit in its page; a bit that was clear is written through, with its whole byte as it
+// stands, so that the file keeps the bits set before it.
+int set_in_page(u8* page, s32 bit, zorv_file* file) {
+  const u8 mask = mask_of(bit);
+  const u8 before = byte_of(page, bit).fetch_or(mask);
+  if ((before & mask) != 0) return 0;
+  const u8 byte = before | mask;
+  if (zorv_fwrite(file, static_cast<u64>(bit) >> 3, &byte, 1) < 1) {
+    zorv_log(LOG_ERROR, "%s(): Failed to update changed byte in file.", "zorv_cowbmp_set_bit");
+    return -EIO;
+  }
+  return 0;
+}
+
+int uninitialized(const char* op) {
+  zorv_log(LOG_ERROR, "%s(): Uninitialized COW bitmap.", op);
+  return -EINVAL;
+}
+
+int out_of_range(const char* op, s32 bit) {
+  zorv_log(LOG_ERROR, "%s(): COW bitmap has no chunk %d.", op, bit);
+  return -EINVAL;
+}
+
+bool all_zero(const u8* p, int bytes) {
+  for (int i = 0; i < bytes; ++i) {
+    if (p[i] != 0) return false;
+  }
+  return true;
+}
+
+// Fills the slots of a fresh table from the file; pages that hold no bit stay absent.
+int read_pages_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes, const char* path)
+    REQUIRES(b->lock) {
+  kernel::kbuf<u8> spare;
+  for (s32 i = 0; i < b->npages; ++i) {
+    if (spare == nullptr) {
+      spare.reset(static_cast<u8*>(kernel::kzalloc(kernel::page_size, kernel::GFP_KERNEL)));
+      if (spare == nullptr) {
+        zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_cowbmp_load");
+        return -ENOMEM;
+      }
+    }
+    const u64 offset = static_cast<u64>(i) * kernel::page_size;
+    const u64 rest = size_bytes - offset;
+    const int length = rest < kernel::page_size ? static_cast<int>(rest) : kernel::page_size;
+    const int rc = zorv_fread(file, offset, spare.get(), length);
+    if (rc != length) {
+      zorv_log(LOG_ERROR, "%s(): Failed to read %d bytes from %s: rc=%d", "zorv_cowbmp_load",
+               length, path, rc);
+      return -EIO;
+    }
+    if (!all_zero(spare.get(), length)) b->pages[i] = spare.release();
+  }
+  return 0;
+}
+
+int load_locked(zorv_cowbmp* b, const char* path) REQUIRES(b->lock) {
+  zorv_file_ptr file(zorv_fopen(path, kernel::FO_RDONLY | kernel::FO_LARGEFILE, 0600));
+  if (file == nullptr) return -EIO;
+  const u64 size_bytes = kernel::file_size(file->filp);
+  free_pages_locked(b);
+  if (size_bytes > max_bits / 8) {
+    zorv_log(LOG_ERROR, "%s(): %s is too long for a COW bitmap: %lld bytes", "zorv_cowbmp_load",
+             path, static_cast<long long>(size_bytes));
+    return -EINVAL;
+  }
+  b->nbits = size_bytes * 8;
+  b->npages = pages_for(b->nbits);
+  b->pages = alloc_table(b->npages);
+  if (b->pages == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_cowbmp_load");
+    return -ENOMEM;
+  }
+  return read_pages_locked(b, file.get(), size_bytes, path);
+}
+
+}  // namespace
+
+int zorv_cowbmp_init(zorv_cowbmp* b, u64 nbits) {
+  zorv_log(2, "%s(): Allocating COW bitmap for %lld chunks", __func__,
+           static_cast<long long>(nbits));
+  rzwrite_guard guard(&b->lock);
+  free_pages_locked(b);
+  u8** table = alloc_table(pages_for(nbits));
+  if (table == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
+    return -ENOMEM;
+  }
+  b->nbits = nbits;
+  b->npages = pages_for(nbits);
+  b->pages = table;
+  return 0;
+}
+
+int zorv_cowbmp_load(zorv_cowbmp* b, const char* path) {
+  if (path == nullptr || path[0] == '\0' || b == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Internal error: invalid params.", __func__);
+    return -EINVAL;
+  }
+  zorv_log(2, "%s(): Loading COW bitmap from %s", __func__, path);
+  rzwrite_guard guard(&b->lock);
+  const int rc = load_locked(b, path);
+  if (rc != 0) free_pages_locked(b);
+  return rc;
+}
+
+int zorv_cowbmp_test_bit(zorv_cowbmp* b, s32 bit) {
+  if (b == nullptr) return uninitialized(__func__);
+  int rc;
+  {
+    rzread_guard guard(&b->lock);
+    if (b->pages == nullptr) {
+      rc = -ENODATA;
+    } else if (!covers_locked(b, bit)) {
+      rc = -ERANGE;
+    } else {
+      u8* page = b->pages[bit >> page_shift];
+      rc = page != nullptr && (byte_of(page, bit).load() & mask_of(bit)) != 0 ? 1 : 0;
+    }
+  }
+  if (rc == -ENODATA) return uninitialized(__func__);
+  if (rc == -ERANGE) return out_of_range(__func__, bit);
+  return rc;
+}
+
+int zorv_cowbmp_set_bit(zorv_cowbmp* b, s32 bit, gfp_t flags, zorv_file* file) {
+  if (b == nullptr) return uninitialized(__func__);
+  {
+    rzread_guard guard(&b->lock);
+    if (b->pages == nullptr) return uninitialized(__func__);
+    if (!covers_locked(b, bit)) return out_of_range(__func__, bit);
+    if (u8* page = b->pages[bit >> page_shift]) return set_in_page(page, bit, file);
+  }
+  kernel::kbuf<u8> fresh(static_cast<u8*>(kernel::kzalloc(kernel::page_size, flags)));
+  if (fresh == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
+    return -ENOMEM;
+  }
+  rzwrite_guard guard(&b->lock);
+  if (b->pages == nullptr) return uninitialized(__func__);  // destroyed meanwhile
+  if (!covers_locked(b, bit)) return out_of_range(__func__, bit);
+  u8*& slot = b->pages[bit >> page_shift];
+  if (slot == nullptr) slot = fresh.release();
+  return set_in_page(slot, bit, file);
+}
+
+int zorv_cowbmp_destroy(zorv_cowbmp* b) {
+  if (b == nullptr) return 0;
+  rzwrite_guard guard(&b->lock);
+  free_pages_locked(b);
+  return 0;
+}
+
+}  // namespace zorv

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Copying a group of chunks from the HDD into a snap's COW data file.
+//
+// The order is what a power cut may not break: data, sync, bits, sync. Only then do the writes that
+// wait for the chunks find them copied. Whatever fails makes the snap and the older ones invalid;
+// the writes then go without them.
+//
+// The last chunk may reach beyond the end of the HDD. What the HDD does not have is not read; the
+// file is as long as all chunks and reads as zero there.
+#include <algorithm>
+
+#include "driver/core/log.h"
+#include "driver/io/aio.h"
+#include "driver/snap/cowwork.h"
+
+namespace zorv {
+
+namespace {
+
+constexpr u32 page_sectors = kernel::page_size >> kernel::sector_shift;
+
+struct read_state {
+  std::atomic<u32> left{1};  // bios in flight, and their submitter
+  kernel::completion done;
+};
+
+void zorv_end_cow_read_sync(kernel::bio* bio, int) {
+  auto* state = static_cast<read_state*>(bio->bi_private);
+  if (state->left.fetch_sub(1) == 1) kernel::complete(&state->done);
+}
+
+// Pages that are copied together: [first, first + count) of the group, at most group_pages.
+struct slice {
+  u64 first;
+  u32 count;
+};
+
+void locate_pages(cow_worker* w, const slice& s) {
+  const zorv_snap& snap = w->group.snap->s;
+  const u64 pages_per_chunk = snap.chunk_size / kernel::page_size;
+  const u64 end = w->filter->dev_size >> kernel::sector_shift;
+  for (u32 k = 0; k < s.count; ++k) {
+    const u64 page = s.first + k;
+    const auto chunk = static_cast<u64>(w->group.chunks[page / pages_per_chunk]);
+    const u64 sector = (chunk << (snap.chunk_shift - kernel::sector_shift)) +
+                       page_sectors * (page % pages_per_chunk);
+    const u64 there = sector < end ? std::min<u64>(end - sector, page_sectors) : 0;
+    w->sectors[k] = sector;
+    w->lengths[k] = static_cast<u32>(there << kernel::sector_shift);
+  }
+}
+
+// Pages from k on that lie behind each other on the HDD, as far as one bio carries them.
+u32 run_length(const cow_worker* w, u32 k, u32 count) {
+  if (w->lengths[k] == 0) return 1;
+  u32 n = 1;
+  while (k + n < count && n < kernel::bio_max_segments && w->lengths[k + n] != 0 &&
+         w->sectors[k + n] == w->sectors[k] + u64{n} * page_sectors) {
+    ++n;
+  }
+  return n;
+}
+
+void fill_bio(cow_worker* w, u32 k, u32 pages) {
+  kernel::bio* b = &w->bios[k];
+  kernel::bio_init(b, &w->vecs[k], static_cast<u16>(pages));
+  b->bi_sector = w->sectors[k];
+  b->bi_bdev = w->filter->hdd_bdev;
+  b->bi_uptodate.store(true);
+  for (u32 i = k; i < k + pages; ++i) {
+    (void)kernel::bio_add_page(b, kernel::page_at(w->pages + u64{i} * kernel::page_size),
+                               w->lengths[i], 0);
+  }
+}
+
+void log_bad_block(const zorv_filter* f, sector_t sector) {
+  zorv_log(LOG_ERROR, "%s(): Failed to read %d-byte block #%d from %s", "cow_chunks",
+           kernel::page_size, static_cast<s32>(sector / page_sectors), f->hdd_name);
+}
+
+// Names the blocks of a run that could not be read as one.
+void report_bad_run(cow_worker* w, u32 k, u32 pages) {
+  u32 named = 0;
+  for (u32 i = k; pages > 1 && i < k + pages; ++i) {
+    fill_bio(w, i, 1);
+    if (cow_read_and_wait(w->filter, &w->bios[i]) == 0) continue;
+    log_bad_block(w->filter, w->sectors[i]);
+    ++named;
+  }
+  if (named == 0) log_bad_block(w->filter, w->sectors[k]);
+}
+
+//   returns  0 | -EIO (logged)
+int read_pages(cow_worker* w, const slice& s) {
+  zorv_filter* f = w->filter;
+  read_state state;
+  kernel::init_completion(&state.done);
+  for (u32 k = 0, n; k < s.count; k += n) {
+    n = run_length(w, k, s.count);
+    if (w->lengths[k] == 0) continue;
+    fill_bio(w, k, n);
+    w->bios[k].bi_private = &state;
+    w->bios[k].bi_end_io = zorv_end_cow_read_sync;
+    state.left.fetch_add(1);
+    kernel::bio* clone = zorv_aio_clone(&f->aio, &w->bios[k], 1, kernel::GFP_NOIO);
+    kernel::submit_bio(kernel::READ, clone != nullptr ? clone : &w->bios[k]);
+  }
+  kernel::blk_unplug(kernel::bdev_get_queue(f->hdd_bdev));
+  if (state.left.fetch_sub(1) != 1) kernel::wait_for_completion(&state.done);
+
+  int rc = 0;
+  for (u32 k = 0, n; k < s.count; k += n) {
+    n = run_length(w, k, s.count);
+    if (w->lengths[k] == 0 || w->bios[k].bi_uptodate.load()) continue;
+    report_bad_run(w, k, n);
+    rc = -EIO;
+  }
+  return rc;
+}
+
+// Writes the pages to where they lie on the HDD, adjacent ones at once.
+int write_cowed_pages(cow_worker* w, const slice& s) {
+  zorv_blkdev* t = w->group.snap;
+  for (u32 k = 0, n; k < s.count && snap_usable(t); k += n) {
+    kernel::cond_resched();
+    n = run_length(w, k, s.count);
+    u32 bytes = 0;
+    for (u32 i = k; i < k + n; ++i) bytes += w->lengths[i];
+    if (bytes == 0) continue;
+    const int rc = zorv_fwrite(t->s.cow_data_file, w->sectors[k] << kernel::sector_shift,
+                               w->pages + u64{k} * kernel::page_size, static_cast<int>(bytes));
+    if (rc != static_cast<int>(bytes)) return -EIO;
+  }
+  return 0;
+}
+
+// A sync that fails may have lost what it was for.
+int sync_file(zorv_file* file) {
+  if (file == nullptr) return 0;
+  const int rc = zorv_fsync(file);
+  if (rc != 0) {
+    zorv_log(LOG_ERROR, "%s(): Failed to sync %s: rc=%d", "cow_chunks", file->fname, rc);
+  }
+  return rc;
+}
+
+int mark_chunks_cowed(zorv_blkdev* t, const cow_group& g) {
+  for (u32 i = 0; i < g.count && snap_usable(t); ++i) {
+    const int rc =
+        zorv_cowbmp_set_bit(&t->s.cowbmp, g.chunks[i], kernel::GFP_NOIO, t->s.cow_bmp_file);
+    if (rc != 0) return rc;
+  }
+  return 0;
+}
+
+}  // namespace
+
+void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
+  const zorv_filter& f = snap->s.filter->f;
+  for (zorv_blkdev* s = snap; s != nullptr; s = f.snaps.prev_of(s->s.snap_link)) {
+    if (s->started.load() == 0) continue;
+    zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major, s->s.snap_minor);
+    s->s.snap_valid.store(0);
+    (void)zorv_ftruncate(s->s.cow_data_fname);
+  }
+}
+
+void cow_chunks(cow_worker* w) {
+  cow_group& g = w->group;
+  zorv_blkdev* t = g.snap;
+  rzread_guard files(&t->s.file_lock);  // its files stay open; a stop waits here
+  if (!snap_usable(t)) return;
+  std::sort(g.chunks, g.chunks + g.count);
+  const u64 pages = u64{g.count} * (t->s.chunk_size / kernel::page_size);
+  zorv_log(2, "%s(): COWing %d chunks (%d pages), snap_minor=%d, queue_cnt=%d", __func__, g.count,
+           static_cast<s32>(pages), t->s.snap_minor, w->filter->cowqueue.cnt.load());
+
+  for (u64 first = 0; first < pages && snap_usable(t); first += group_pages) {
+    const slice s{first, static_cast<u32>(std::min<u64>(pages - first, group_pages))};
+    locate_pages(w, s);
+    if (read_pages(w, s) != 0) zorv_snap_invalidate(t, __func__);
+    if (snap_usable(t) && write_cowed_pages(w, s) != 0) {
+      zorv_snap_invalidate(t, "write_cowed_page");
+    }
+  }
+  if (!snap_usable(t)) return;
+  if (sync_file(t->s.cow_data_file) != 0) {
+    zorv_snap_invalidate(t, __func__);
+    return;
+  }
+  if (mark_chunks_cowed(t, g) != 0) zorv_snap_invalidate(t, "mark_chunk_cowed");
+  if (snap_usable(t) && sync_file(t->s.cow_bmp_file) != 0) zorv_snap_invalidate(t, __func__);
+}
+
+}  // namespace zorv

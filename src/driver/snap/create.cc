@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// ADD_SNAP_NODE: a snap node over a filter, created and left stopped.
+//
+// The COW thread of a filter writes the COW files of its snaps while writes to the filter wait for
+// it. So no write to those files may come back to the filter's own queue: not directly, not by way
+// of a node that lies on the filter's node, and not by way of a node whose own snaps keep their
+// files there. Every node is followed to what its requests may have to wait for; the devices that
+// the files of existing snaps live on were noted when these were created, because a look-up may
+// read from a node and the table is held for writing here.
+#include "driver/block/block.h"
+#include "driver/core/log.h"
+#include "driver/io/request.h"
+#include "driver/proc/proc.h"
+
+namespace zorv {
+
+namespace {
+
+constexpr const char* op = "zorv_ioctl_add_snap_node";
+constexpr u32 max_snaps = 256;            // of one filter
+constexpr u64 max_chunks = 1ULL << 30;    // of one snap
+constexpr u32 max_chunk_size = 1U << 31;  // bytes
+constexpr devt first_real_dev = 1U << kernel::minor_bits;
+
+devt node_dev(u32 minor) { return kernel::mkdev(static_cast<u32>(zorv_blk_major), minor); }
+
+// The device the file lives on or will live on; refused on the very node that is snapped.
+int find_file_dev(const char* path, u32 filter_minor, devt* dev) {
+  *dev = zorv_get_file_devt(path);
+  if (*dev < first_real_dev) {
+    zorv_log(LOG_ERROR, "%s(): Failed to get ID of the device with %s", op, path);
+    return -EINVAL;
+  }
+  if (*dev == node_dev(filter_minor)) {
+    zorv_log(LOG_ERROR, "%s(): File %s can't be on the partition being snapped!", op, path);
+    return -EINVAL;
+  }
+  return 0;
+}
+
+// Whether a request to the device may have to wait for the filter. `visited` holds a mark per
+// minor; what has been looked at once need not be again.
+bool leads_to(devt dev, const zorv_blkdev* filter, u8* visited)
+    REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  if (kernel::major_of(dev) != static_cast<u32>(zorv_blk_major)) return false;
+  const zorv_blkdev* node = zorv_blkdev_find(kernel::minor_of(dev));
+  if (node == nullptr || visited[node->minor] != 0) return false;
+  if (node == filter) return true;
+  visited[node->minor] = 1;
+  if (node->dev_type == ZORV_DEV_SNAP) {
+    return leads_to(node_dev(node->s.filter->minor), filter, visited);
+  }
+  if (leads_to(node->f.hdd_dev, filter, visited)) return true;
+  const auto& snaps = node->f.snaps;
+  for (const zorv_blkdev* s = snaps.front(); s != nullptr; s = snaps.next_of(s->s.snap_link)) {
+    if (leads_to(s->s.cow_bmp_dev, filter, visited) ||
+        leads_to(s->s.cow_data_dev, filter, visited)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+int refuse_circle(const zorv_blkdev* filter, const char* path, devt dev)
+    REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  const auto slots = static_cast<std::size_t>(zorv_max_blk_minor) + 1;
+  kernel::kbuf<u8> visited(static_cast<u8*>(kernel::kzalloc(slots, kernel::GFP_KERNEL)));
+  if (visited == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failure", op);
+    return -ENOMEM;
+  }
+  if (!leads_to(dev, filter, visited.get())) return 0;
+  zorv_log(LOG_ERROR,
+           "%s(): File %s can't be on zorv(%d, %d): writing it would have to wait for zorv(%d, %d)",
+           op, path, kernel::major_of(dev), kernel::minor_of(dev), zorv_blk_major, filter->minor);
+  return -EINVAL;
+}
+
+int check_chunk_size(const zorv_blkdev* filter, u32 chunk_size) {
+  if (!is_power_of_2(chunk_size)) {
+    zorv_log(LOG_ERROR, "%s(): Chunk size must be a power of 2", op);
+    return -EINVAL;
+  }
+  if (chunk_size % kernel::page_size != 0) {
+    zorv_log(LOG_ERROR, "%s(): Chunk size must be a multiple of page size (%dB)", op,
+             kernel::page_size);
+    return -EINVAL;
+  }
+  const auto& snaps = filter->f.snaps;
+  for (const zorv_blkdev* s = snaps.front(); s != nullptr; s = snaps.next_of(s->s.snap_link)) {
+    if (s->s.chunk_size == chunk_size) continue;
+    zorv_log(LOG_ERROR,
+             "%s(): zorv(%d, %d) already has one snap with chunk size %d. All snaps must have "
+             "identical chunk sizes.",
+             op, zorv_blk_major, filter->minor, s->s.chunk_size);
+    return -EINVAL;
+  }
+  return 0;
+}
+
+// Raises the chunk size until chunk numbers fit; -EINVAL (logged) when no size does.
+int fit_chunk_size(const zorv_blkdev* filter, u32* chunk_size) {
+  const u64 dev_size = filter->f.dev_size;
+  const u32 requested = *chunk_size;
+  while (dev_size > *chunk_size * max_chunks && *chunk_size < max_chunk_size) *chunk_size *= 2;
+  if (*chunk_size == requested && dev_size <= requested * max_chunks) return 0;
+  zorv_log(LOG_ERROR, "%s(): Chunk size %d is too small for such a large volume %lld", op,
+           requested, static_cast<long long>(dev_size));
+  if (dev_size > *chunk_size * max_chunks) return -EINVAL;
+  zorv_log(LOG_ERROR, "%s(): We have automatically increased it to %d", op, *chunk_size);
+  return 0;
+}
+
+u32 count_snaps(const zorv_blkdev* filter) {
+  const auto& snaps = filter->f.snaps;
+  u32 n = 0;
+  for (const zorv_blkdev* s = snaps.front(); s != nullptr; s = snaps.next_of(s->s.snap_link)) ++n;
+  return n;
+}
+
+void fill_record(zorv_blkdev* dev, const zorv_add_snap_req* req, zorv_blkdev* filter, devt bmp_dev,
+                 devt data_dev) {
+  zorv_snap& s = dev->s;
+  dev->dev_type = ZORV_DEV_SNAP;
+  dev->minor = static_cast<u32>(req->snap_minor);
+  copy_text(dev->uuid, req->uuid);
+  copy_text(dev->name, req->name);
+  s.snap_minor = dev->minor;
+  s.chunk_size = req->chunk_size;
+  s.chunk_shift = log2_u32(req->chunk_size);
+  s.chunk_cnt = ((filter->f.dev_size - 1) >> s.chunk_shift) + 1;
+  s.filter = filter;
+  copy_text(s.cow_data_fname, req->cow_data_fname);
+  copy_text(s.cow_bmp_fname, req->cow_bmp_fname);
+  s.cow_bmp_dev = bmp_dev;
+  s.cow_data_dev = data_dev;
+  s.cow_data_size = s.chunk_cnt << s.chunk_shift;
+  s.cow_bmp_size = static_cast<u32>(((filter->f.dev_size - 1) >> s.chunk_shift >> 3) + 1);
+}
+
+//   req  its minor, name and chunk size are filled in
+int create(zorv_add_snap_req* req, zorv_blkdev* filter, devt bmp_dev, devt data_dev)
+    REQUIRES(zorv_blkdev_rwlock) {
+  zorv_blkdev* dev = kernel::knew<zorv_blkdev>(kernel::GFP_KERNEL);
+  if (dev == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failure", op);
+    return -ENOMEM;
+  }
+  scope_exit free_record([dev] { kernel::kdelete(dev); });
+  const int minor = zorv_blkdev_choose_minor(op, req->snap_minor);
+  if (minor < 0) return minor;
+  req->snap_minor = minor;
+  if (req->name[0] == '\0') std::snprintf(req->name, sizeof(req->name), "zorv%d", minor);
+  zorv_log(1, "%s(): Attaching snap zorv(%d, %d) to filter zorv(%d, %d)", op, zorv_blk_major, minor,
+           zorv_blk_major, filter->minor);
+
+  zorv_blkdev_arr[minor] = dev;
+  fill_record(dev, req, filter, bmp_dev, data_dev);
+  filter->f.snaps.push_back(&dev->s.snap_link);
+  dev->disk =
+      zorv_block_add_disk(dev, filter->f.dev_size, filter->f.hdd_bdev, zorv_unplug_snap, op);
+  if (dev->disk == nullptr) {
+    dev->s.snap_link.unlink();
+    zorv_blkdev_arr[minor] = nullptr;
+    return -ENOMEM;
+  }
+  free_record.cancel();
+  (void)zorv_proc_add_device(dev);
+  kernel::set_disk_ro(dev->disk, 1);
+  zorv_block_make_node(dev);
+  return 0;
+}
+
+}  // namespace
+
+int zorv_ioctl_add_snap_node(zorv_add_snap_req* req) {
+  zorv_log(1,
+           "%s(): Creating new snap node: snap_minor=%d, zorv_minor=%d, chunk_size=%d, "
+           "cow_bmp_fname=%s, cow_data_fname=%s",
+           op, req->snap_minor, req->filter_minor, req->chunk_size, req->cow_bmp_fname,
+           req->cow_data_fname);
+  char path[sizeof(zorv_blkdev::dev_name)];
+  if (!zorv_node_path(req->name, path)) {
+    zorv_log(LOG_ERROR,
+             "%s(): Node name %s is too long: the path of its device node must fit %zu characters",
+             op, req->name, sizeof(path) - 1);
+    return -EINVAL;
+  }
+  devt bmp_dev = 0;
+  devt data_dev = 0;
+  int rc = find_file_dev(req->cow_bmp_fname, req->filter_minor, &bmp_dev);
+  if (rc == 0) rc = find_file_dev(req->cow_data_fname, req->filter_minor, &data_dev);
+  if (rc != 0) return rc;
+  if (req->uuid[0] == '\0') zorv_make_uuid(req->uuid);
+
+  table_write_guard table;
+  zorv_blkdev* filter = zorv_blkdev_find(req->filter_minor);
+  if (filter == nullptr || filter->dev_type != ZORV_DEV_FILTER) {
+    zorv_log(LOG_ERROR, "%s(): Invalid filter node minor number %d passed.", op, req->filter_minor);
+    return -EINVAL;
+  }
+  if (count_snaps(filter) >= max_snaps) {
+    zorv_log(LOG_ERROR, "%s(): Too many snaps already associated with zorv(%d, %d).", op,
+             zorv_blk_major, filter->minor);
+    return -ENOSPC;
+  }
+  rc = check_chunk_size(filter, req->chunk_size);
+  if (rc == 0) rc = fit_chunk_size(filter, &req->chunk_size);
+  if (rc == 0) rc = refuse_circle(filter, req->cow_bmp_fname, bmp_dev);
+  if (rc == 0) rc = refuse_circle(filter, req->cow_data_fname, data_dev);
+  return rc != 0 ? rc : create(req, filter, bmp_dev, data_dev);
+}
+
+}  // namespace zorv
