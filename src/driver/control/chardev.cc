@@ -89,7 +89,7 @@ constexpr command_row row(u32 number, const char* name, lock_table table) {
 
 constexpr command_row commands[] = {
     row<zorv_ioctl_add_filter_node>(ZORV_ADD_FILTER_NODE, "ZORV_ADD_FILTER_NODE", lock_table::no),
-    {ZORV_ADD_SNAP_NODE, "ZORV_ADD_SNAP_NODE", lock_table::no, nullptr},
+    row<zorv_ioctl_add_snap_node>(ZORV_ADD_SNAP_NODE, "ZORV_ADD_SNAP_NODE", lock_table::no),
     row<zorv_ioctl_del_node>(ZORV_DEL_NODE, "ZORV_DEL_NODE", lock_table::no),
     row<zorv_ioctl_start_node>(ZORV_START_NODE, "ZORV_START_NODE", lock_table::no),
     row<zorv_ioctl_stop_node>(ZORV_STOP_NODE, "ZORV_STOP_NODE", lock_table::no),
@@ -105,7 +105,7 @@ constexpr command_row commands[] = {
     row<zorv_ioctl_get_datablock_bmp>(ZORV_GET_DATABLOCK_BMP, "ZORV_GET_DATABLOCK_BMP",
                                       lock_table::yes),
     row<zorv_ioctl_test_datablock>(ZORV_TEST_DATABLOCK, "ZORV_TEST_DATABLOCK", lock_table::no),
-    {ZORV_RESUME_SNAP, "ZORV_RESUME_SNAP", lock_table::no, nullptr},
+    row<zorv_ioctl_resume_snap>(ZORV_RESUME_SNAP, "ZORV_RESUME_SNAP", lock_table::no),
 };
 
 const command_row* find_command(u32 number) {
