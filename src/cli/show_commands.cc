@@ -65,7 +65,8 @@ answer list(session& s, const std::string& which) {
               document.contains("cowqueue_len") ? document["cowqueue_len"].dump() : "-", over});
     documents.push_back(std::move(document));
   }
-  return {std::move(documents), documents.empty() ? "no nodes\n" : rows.text()};
+  const std::string text = documents.empty() ? "no nodes\n" : rows.text();
+  return {std::move(documents), text};
 }
 
 // "3 of 16384 extents changed"

@@ -1,0 +1,346 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The control socket from both of its ends: what libzorv promises, and what a peer that keeps to
+// nothing gets.
+#include "zorv/control.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+
+#include "host/control/server.h"
+#include "host/control/unix_socket.h"
+#include "support/driver_fixture.h"
+#include "zorv/client.h"
+#include "zorv/wire.h"
+
+using namespace zorv;
+using namespace zorv_test;
+
+namespace {
+
+struct closer {
+  void operator()(zorv_handle* h) const { zorv_close(h); }
+};
+using handle = std::unique_ptr<zorv_handle, closer>;
+
+// A peer that sends what it likes.
+class raw_peer {
+ public:
+  explicit raw_peer(const std::string& path) : fd_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    EXPECT_EQ(::connect(fd_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    const timeval limit{.tv_sec = 10, .tv_usec = 0};
+    ::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  }
+  void send(const void* p, std::size_t n) {
+    EXPECT_EQ(::send(fd_.get(), p, n, MSG_NOSIGNAL), static_cast<ssize_t>(n));
+  }
+  // The reply's header; "text" receives its text. Result 0 and magic 0 when the peer closed.
+  zorv_ctl_reply reply(std::string* text) {
+    zorv_ctl_reply r{};
+    if (::recv(fd_.get(), &r, sizeof r, MSG_WAITALL) != static_cast<ssize_t>(sizeof r)) return {};
+    text->resize(r.record_bytes + r.buffer_bytes + r.text_bytes);
+    ::recv(fd_.get(), text->data(), text->size(), MSG_WAITALL);
+    text->erase(0, r.record_bytes + r.buffer_bytes);
+    return r;
+  }
+  bool closed() {
+    char c = 0;
+    return ::recv(fd_.get(), &c, 1, 0) <= 0 && errno != EAGAIN;
+  }
+  void close() { fd_.reset(); }
+
+ private:
+  unique_fd fd_;
+};
+
+zorv_ctl_request request(unsigned kind, u32 command) {
+  zorv_ctl_request r{};
+  r.magic = ZORV_CTL_MAGIC;
+  r.version = ZORV_CTL_VERSION;
+  r.kind = static_cast<uint16_t>(kind);
+  r.command = command;
+  return r;
+}
+
+struct control_test : driver_test {
+  memory_disk disk{"d0", 1 << 24};
+  control_options options;
+  std::string error;
+  control_server server;
+
+  void SetUp() override {
+    driver_test::SetUp();
+    options.socket_path = dir / "control.sock";
+    options.run_dir = dir.path();
+  }
+  void TearDown() override {
+    server.stop();
+    driver_test::TearDown();
+  }
+  void serve() { ASSERT_EQ(server.start(options, &error), 0) << error; }
+  handle open() { return handle(zorv_open(options.socket_path.c_str())); }
+
+  static int get(zorv_handle* h, u32 number, bytes* to) {
+    zorv_bmp_range_req req{};
+    req.type = ZORV_BMP_INCREMENTAL;
+    req.size = static_cast<u32>(to->size());
+    req.data = reinterpret_cast<u64>(to->data());
+    return zorv_ioctl(h, number, &req);
+  }
+};
+
+}  // namespace
+
+TEST_F(control_test, commands_work_as_with_ioctl) {
+  serve();
+  const handle h = open();
+  ASSERT_NE(h, nullptr);
+  auto add = filter_request(disk.path(), {.bmp_dir = dir.path()});
+  ASSERT_EQ(zorv_ioctl(h.get(), ZORV_ADD_FILTER_NODE, &add), 0) << zorv_last_error(h.get());
+  EXPECT_EQ(add.minor, 0);
+  EXPECT_STREQ(add.name, "zorv0");
+  EXPECT_EQ(std::strlen(add.uuid), 38U);
+
+  const zorv_info_req mine = info(0);
+  zorv_info_req theirs{};
+  ASSERT_EQ(zorv_ioctl(h.get(), ZORV_GET_INFO, &theirs), 0);
+  EXPECT_EQ(std::memcmp(&mine, &theirs, sizeof mine), 0);
+
+  bytes put(32, 0);
+  put[3] = 0x81;
+  ASSERT_EQ(get(h.get(), ZORV_SET_BMP, &put), 0);
+  bytes got(32, 7);
+  ASSERT_EQ(get(h.get(), ZORV_GET_BMP, &got), 0);
+  EXPECT_EQ(got, put);
+  ASSERT_EQ(get(h.get(), ZORV_GET_AND_CLR_BMP, &got), 0);
+  EXPECT_EQ(got, put);
+  EXPECT_TRUE(changed(0, ZORV_BMP_INCREMENTAL).empty());
+
+  zorv_node_req nobody{.minor = 77};
+  EXPECT_EQ(zorv_ioctl(h.get(), ZORV_START_NODE, &nobody), -1);
+  EXPECT_EQ(errno, EINVAL);
+  u32 any = 0;
+  EXPECT_EQ(zorv_ioctl(h.get(), 0x4004c301, &any), -1);
+  EXPECT_EQ(errno, ENOTTY);
+  EXPECT_EQ(zorv_ioctl(h.get(), 0x40044320, &any), -1);
+  EXPECT_EQ(errno, ENOTTY);
+}
+
+TEST_F(control_test, bad_addresses_are_EFAULT_and_clear_nothing) {
+  serve();
+  const handle h = open();
+  add_filter(disk.path());
+  const auto before = changed(0, ZORV_BMP_INCREMENTAL);
+  ASSERT_EQ(before.size(), 256U);
+  auto* read_only =
+      static_cast<char*>(::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(read_only, MAP_FAILED);
+  const u64 wild[] = {1, 4096, 1ULL << 46, 1ULL << 50, ~0ULL - 8, reinterpret_cast<u64>(read_only)};
+  for (const u64 addr : wild) {
+    SCOPED_TRACE(addr);
+    zorv_bmp_range_req req{.minor = 0, .type = ZORV_BMP_INCREMENTAL, .size = 32, .data = addr};
+    EXPECT_EQ(zorv_ioctl(h.get(), ZORV_GET_AND_CLR_BMP, &req), -1);
+    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(zorv_ioctl(h.get(), ZORV_GET_INFO, reinterpret_cast<void*>(addr)), -1);
+    EXPECT_EQ(errno, EFAULT);
+  }
+  EXPECT_EQ(zorv_ioctl(h.get(), ZORV_START_NODE, nullptr), -1);
+  EXPECT_EQ(errno, EFAULT);
+  zorv_bmp_range_req unreadable{.minor = 0, .type = 1, .size = 32, .data = 4096};
+  EXPECT_EQ(zorv_ioctl(h.get(), ZORV_MERGE_BMP, &unreadable), -1);
+  EXPECT_EQ(errno, EFAULT);
+  // No size is large enough to be a danger, and the driver's own reason comes back.
+  unreadable = {.minor = 0, .type = 1, .size = ~0U, .data = reinterpret_cast<u64>(read_only)};
+  EXPECT_EQ(zorv_ioctl(h.get(), ZORV_SET_BMP, &unreadable), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(changed(0, ZORV_BMP_INCREMENTAL), before);
+  ::munmap(read_only, 4096);
+}
+
+TEST_F(control_test, a_taken_bitmap_that_nobody_read_is_merged_back) {
+  serve();
+  add_filter(disk.path());
+  auto r = request(ZORV_CTL_IOCTL, ZORV_GET_AND_CLR_BMP);
+  zorv_bmp_range_req record{.minor = 0, .type = ZORV_BMP_INCREMENTAL, .size = 32, .data = 0x10000};
+  r.record_addr = 0x20000;
+  r.record_bytes = sizeof record;
+  r.flags = ZORV_CTL_BUFFER_OUT;
+  r.buffer_addr = record.data;
+  r.buffer_bytes = record.size;
+  {
+    raw_peer reads_it(options.socket_path);
+    reads_it.send(&r, sizeof r);
+    reads_it.send(&record, sizeof record);
+    std::string text;
+    EXPECT_EQ(reads_it.reply(&text).buffer_bytes, 32U);
+  }
+  EXPECT_TRUE(changed(0, ZORV_BMP_INCREMENTAL).empty());
+
+  bytes all(32, 0xff);
+  const handle h = open();
+  ASSERT_EQ(get(h.get(), ZORV_SET_BMP, &all), 0);
+  raw_peer dies(options.socket_path);
+  dies.send(&r, sizeof r);
+  dies.send(&record, sizeof record);
+  EXPECT_TRUE(eventually([&] { return changed(0, ZORV_BMP_INCREMENTAL).empty(); }));
+  dies.close();
+  EXPECT_TRUE(eventually([&] { return changed(0, ZORV_BMP_INCREMENTAL).size() == 256; }));
+}
+
+TEST_F(control_test, nonsense_gets_a_reason_and_the_end) {
+  serve();
+  const handle bystander = open();
+  const auto with = [](auto change) {
+    auto r = request(ZORV_CTL_IOCTL, ZORV_START_NODE);
+    change(&r);
+    return r;
+  };
+  const struct {
+    zorv_ctl_request r;
+    const char* reason;
+  } cases[] = {
+      {with([](auto* r) { r->magic = 0x20544547; }), "no request"},
+      {with([](auto* r) { r->version = 9; }), "version 9"},
+      {with([](auto* r) { r->kind = 3; }), "unknown kind"},
+      {with([](auto* r) { r->flags = 8; }), "unknown flags"},
+      {with([](auto* r) { r->reserved[1] = 1; }), "reserved"},
+      {with([](auto* r) { r->record_bytes = ~0U; }), "record is too long"},
+      {with([](auto* r) { r->flags = 1, r->buffer_bytes = ZORV_CTL_MAX_BUFFER + 1; }), "too long"},
+      {with([](auto* r) { r->buffer_bytes = 5; }), "without a direction"},
+      {with([](auto* r) { r->kind = ZORV_CTL_HOST, r->flags = 2, r->buffer_bytes = 5; }), "no buf"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reason);
+    raw_peer peer(options.socket_path);
+    peer.send(&c.r, sizeof c.r);
+    std::string text;
+    EXPECT_EQ(peer.reply(&text).result, -EPROTO);
+    EXPECT_NE(text.find(c.reason), std::string::npos) << text;
+    EXPECT_TRUE(peer.closed());
+  }
+  // Host requests with arguments that end too early or too late are refused; the client stays.
+  raw_peer peer(options.socket_path);
+  for (const std::string& arguments : {std::string(), std::string("\xff\xff\xff\xff", 4),
+                                       wire::writer().str("a").num(1).bytes()}) {
+    auto r = request(ZORV_CTL_HOST, ZORV_HOST_DETACH);
+    r.record_bytes = static_cast<u32>(arguments.size());
+    peer.send(&r, sizeof r);
+    peer.send(arguments.data(), arguments.size());
+    std::string text;
+    EXPECT_EQ(peer.reply(&text).result, -EBADMSG);
+  }
+  zorv_device_list_req list{.dev_type = ZORV_DEV_FILTER};
+  EXPECT_EQ(zorv_ioctl(bystander.get(), ZORV_GET_DEVICE_LIST, &list), 0);
+}
+
+TEST_F(control_test, a_peer_that_stalls_or_dies_in_the_middle_is_left_behind) {
+  options.stall_ms = 50;
+  serve();
+  const auto r = request(ZORV_CTL_IOCTL, ZORV_START_NODE);
+  raw_peer stalls(options.socket_path);
+  stalls.send(&r, sizeof r / 2);
+  std::string text;
+  EXPECT_EQ(stalls.reply(&text).result, -ETIMEDOUT);
+  EXPECT_TRUE(stalls.closed());
+  raw_peer dies(options.socket_path);
+  dies.send(&r, sizeof r - 1);
+  dies.close();
+  EXPECT_NE(open(), nullptr);
+}
+
+TEST_F(control_test, connections_and_buffers_are_bounded) {
+  options.max_connections = 2;
+  options.max_buffer_bytes = 1 << 20;
+  serve();
+  {
+    raw_peer first(options.socket_path);
+    auto r = request(ZORV_CTL_IOCTL, ZORV_GET_BMP);
+    r.flags = ZORV_CTL_BUFFER_OUT;
+    r.buffer_bytes = (1 << 20) + 1;
+    first.send(&r, sizeof r);
+    std::string text;
+    EXPECT_EQ(first.reply(&text).result, -ENOMEM);
+  }
+  const handle a = open();
+  zorv_daemon info{};
+  EXPECT_TRUE(eventually([&] { return zorv_daemon_info(a.get(), &info) == 0; }));
+  EXPECT_EQ(std::string(info.run_dir), dir.path());
+  // The first peer's place is free once its thread has ended.
+  handle b;
+  EXPECT_TRUE(eventually([&] {
+    b = open();
+    return zorv_daemon_info(b.get(), &info) == 0;
+  }));
+  const handle c = open();
+  EXPECT_EQ(zorv_daemon_info(c.get(), &info), -1);
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_NE(std::string(zorv_last_error(c.get())).find("too many"), std::string::npos);
+}
+
+TEST_F(control_test, a_handle_outlives_its_daemon) {
+  serve();
+  const handle h = open();
+  zorv_daemon info{};
+  ASSERT_EQ(zorv_daemon_info(h.get(), &info), 0);
+  server.stop();
+  EXPECT_EQ(zorv_daemon_info(h.get(), &info), -1);
+  EXPECT_EQ(errno, ECONNRESET);
+  EXPECT_EQ(zorv_daemon_info(h.get(), &info), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(zorv_open(options.socket_path.c_str()), nullptr);
+  control_server next;
+  ASSERT_EQ(next.start(options, &error), 0) << error;
+  EXPECT_EQ(zorv_daemon_info(h.get(), &info), 0);
+}
+
+TEST_F(control_test, a_command_in_progress_is_answered_before_the_end) {
+  serve();
+  add_started_filter(disk.path());
+  client writer(0);
+  disk.serve(memory_disk::serving::held);
+  const auto io = writer.start_write(0, bytes(4096, 1));
+  ASSERT_TRUE(eventually([&] { return disk.held_count() == 1; }));
+  int result = -100;
+  std::thread caller([&] {
+    const handle h = open();
+    zorv_node_req req{.minor = 0};
+    result = zorv_ioctl(h.get(), ZORV_STOP_NODE, &req) == 0 ? 0 : -errno;
+  });
+  caller.join();
+  EXPECT_EQ(result, -EBUSY);
+  disk.release_all();
+  EXPECT_EQ(io->wait(), 0);
+  disk.serve(memory_disk::serving::at_once);
+  const handle idle = open();
+  server.stop();
+}
+
+TEST(unix_socket, only_a_dead_socket_is_replaced) {
+  const temp_dir dir;
+  const std::string path = dir / "s";
+  std::string error;
+  {
+    unique_fd first;
+    ASSERT_EQ(unix_listen(path, &first, &error), 0) << error;
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600U);
+    unique_fd second;
+    EXPECT_EQ(unix_listen(path, &second, &error), -EADDRINUSE);
+  }
+  unique_fd again;
+  EXPECT_EQ(unix_listen(path, &again, &error), 0) << error;
+  write_file(dir / "file", {1});
+  EXPECT_EQ(unix_listen(dir / "file", &again, &error), -EEXIST);
+  EXPECT_EQ(read_file(dir / "file"), bytes{1});
+  EXPECT_EQ(unix_listen(dir / std::string(200, 'x'), &again, &error), -ENAMETOOLONG);
+}

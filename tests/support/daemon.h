@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The programs as their users run them: a zorvd in a folder of its own, and commands.
+#pragma once
+
+#include <sys/types.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "support/driver_fixture.h"
+
+namespace zorv_test {
+
+struct program_result {
+  int status;  // exit status, or 128 + the signal
+  std::string out;
+  std::string err;
+};
+// Runs a program to its end (20 s at most); input goes to its standard input.
+program_result run_program(const std::vector<std::string>& argv, const std::string& input = "");
+
+class daemon_process {
+ public:
+  // Starts `zorvd --run-dir DIR ARGS` and waits until it serves or has ended.
+  explicit daemon_process(std::vector<std::string> args = {}, std::string run_dir = "");
+  ~daemon_process();
+  daemon_process(const daemon_process&) = delete;
+  daemon_process& operator=(const daemon_process&) = delete;
+
+  [[nodiscard]] bool serving() const { return serving_; }
+  void signal(int number) const;
+  int wait();  // until it ends; its status as in program_result
+  int end(int number) {
+    signal(number);
+    return wait();
+  }
+  [[nodiscard]] pid_t pid() const { return pid_; }
+  [[nodiscard]] const std::string& run_dir() const { return run_dir_; }
+  [[nodiscard]] std::string control() const { return run_dir_ + "/control.sock"; }
+  [[nodiscard]] std::string uri(const std::string& node) const {
+    return "nbd+unix:///" + node + "?socket=" + run_dir_ + "/nbd.sock";
+  }
+  [[nodiscard]] std::string log() const;  // what it has written to standard error
+
+  // zorvctl against this daemon.
+  [[nodiscard]] program_result ctl(std::vector<std::string> args, const std::string& input = "");
+  // The same with --json: the document. Fails the test unless the status is the expected one.
+  nlohmann::json ctl_json(std::vector<std::string> args, int status = 0);
+  // Fails the test unless it succeeds; returns what it printed.
+  std::string must(std::vector<std::string> args);
+
+ private:
+  temp_dir dir_;
+  std::string run_dir_;
+  pid_t pid_ = -1;
+  bool serving_ = false;
+};
+
+// A sparse file.
+void make_image(const std::string& path, u64 size_bytes);
+
+}  // namespace zorv_test
