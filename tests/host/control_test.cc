@@ -302,28 +302,6 @@ TEST_F(control_test, a_handle_outlives_its_daemon) {
   EXPECT_EQ(zorv_daemon_info(h.get(), &info), 0);
 }
 
-TEST_F(control_test, a_command_in_progress_is_answered_before_the_end) {
-  serve();
-  add_started_filter(disk.path());
-  client writer(0);
-  disk.serve(memory_disk::serving::held);
-  const auto io = writer.start_write(0, bytes(4096, 1));
-  ASSERT_TRUE(eventually([&] { return disk.held_count() == 1; }));
-  int result = -100;
-  std::thread caller([&] {
-    const handle h = open();
-    zorv_node_req req{.minor = 0};
-    result = zorv_ioctl(h.get(), ZORV_STOP_NODE, &req) == 0 ? 0 : -errno;
-  });
-  caller.join();
-  EXPECT_EQ(result, -EBUSY);
-  disk.release_all();
-  EXPECT_EQ(io->wait(), 0);
-  disk.serve(memory_disk::serving::at_once);
-  const handle idle = open();
-  server.stop();
-}
-
 TEST(unix_socket, only_a_dead_socket_is_replaced) {
   const temp_dir dir;
   const std::string path = dir / "s";
