@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Files and names: where a path leads, what a power cut leaves.
+#include "kernel/fs.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <map>
+#include <random>
+
+#include "kernel/fault.h"
+#include "kernel/fs_internal.h"
+#include "support/driver_fixture.h"
+
+using namespace kernel;
+using zorv_test::bytes;
+using zorv_test::temp_dir;
+
+namespace {
+
+int look_up(const std::string& path, u32 flags = 0) {
+  nameidata nd;
+  const int rc = path_lookup(path.c_str(), flags, &nd);
+  if (rc == 0) path_put(&nd);
+  return rc;
+}
+
+int make_node(const std::string& dir, const std::string& name, devt dev) {
+  nameidata nd;
+  EXPECT_EQ(path_lookup((dir + "/" + name).c_str(), LOOKUP_PARENT, &nd), 0);
+  dentry* entry = lookup_one_len(name.c_str(), nd.path, name.size());
+  const int rc = vfs_mknod(nd.path, entry, S_IFBLK_ | 0600, dev);
+  dput(entry);
+  path_put(&nd);
+  return rc;
+}
+
+int remove_name(const std::string& path) {
+  nameidata nd;
+  EXPECT_EQ(path_lookup(path.c_str(), LOOKUP_PARENT, &nd), 0);
+  dentry* entry = lookup_one_len(nd.last.c_str(), nd.path, nd.last.size());
+  const int rc = vfs_unlink(nd.path, entry);
+  dput(entry);
+  path_put(&nd);
+  return rc;
+}
+
+// A file of the layer for one scope.
+struct open_file {
+  open_file(const std::string& path, u32 flags) : f(filp_open(path.c_str(), flags, 0600)) {
+    EXPECT_FALSE(is_err(f)) << path << ": " << ptr_err(f);
+  }
+  ~open_file() { EXPECT_EQ(filp_close(f), 0); }
+  void write(u64 offset, const bytes& data) const {
+    auto pos = static_cast<s64>(offset);
+    EXPECT_EQ(vfs_write(f, data.data(), data.size(), &pos), static_cast<s64>(data.size()));
+    EXPECT_EQ(pos, static_cast<s64>(offset + data.size()));
+  }
+  file* f;
+};
+
+void put_file(const std::string& path, const bytes& data) {
+  open_file f(path, FO_RDWR | FO_CREAT | FO_TRUNC);
+  f.write(0, data);
+}
+
+bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+}  // namespace
+
+TEST(fs, namespace_paths_are_found_however_they_are_spelled) {
+  ASSERT_EQ(make_node("/dev/zorv", "n1", mkdev(100, 7)), 0);
+  const struct {
+    const char* path;
+    int rc;
+  } table[] = {
+      {"/dev/zorv/n1", 0},
+      {"//dev/./zorv//n1", 0},
+      {"/dev/image/../zorv/n1", 0},
+      {"/dev/zorv", 0},
+      {"/dev/zorv/", 0},
+      {"/dev/zorv/n1/", -ENOTDIR},
+      {"/dev/zorv/n1/x", -ENOTDIR},
+      {"/dev/zorv/n2", -ENOENT},
+      {"/dev/zorv/n2/x", -ENOENT},
+      {"/dev/image/n1", -ENOENT},
+      {"/dev/zorvx", -ENOENT},
+      {"", -ENOENT},
+  };
+  for (const auto& t : table) EXPECT_EQ(look_up(t.path), t.rc) << t.path;
+  EXPECT_EQ(look_up("/" + std::string(5000, 'a')), -ENAMETOOLONG);
+
+  nameidata nd;
+  ASSERT_EQ(path_lookup("/dev/zorv/n1", LOOKUP_FOLLOW, &nd), 0);
+  EXPECT_TRUE(s_isblk(nd.path->d_inode()->i_mode));
+  EXPECT_EQ(nd.path->d_inode()->i_rdev, mkdev(100, 7));
+  EXPECT_EQ(nd.path->d_fs_dev, 0U);
+  path_put(&nd);
+  EXPECT_EQ(ptr_err(filp_open("/dev/zorv/n1", FO_RDWR, 0)), -ENXIO);
+  EXPECT_EQ(namespace_list("/dev/zorv"), std::vector<std::string>{"n1"});
+  EXPECT_EQ(namespace_find("/dev/zorv/n1"), mkdev(100, 7));
+
+  EXPECT_EQ(make_node("/dev/zorv", "n1", mkdev(100, 8)), -EEXIST);
+  EXPECT_EQ(remove_name("/dev/zorv/n1"), 0);
+  EXPECT_EQ(remove_name("/dev/zorv/n1"), -ENOENT);
+  EXPECT_EQ(namespace_find("/dev/zorv/n1"), 0U);
+}
+
+TEST(fs, parent_look_up_tells_the_last_component) {
+  temp_dir dir;
+  const struct {
+    std::string path, last;
+    last_type type;
+    bool trailing;
+  } table[] = {
+      {dir / "a", "a", LAST_NORM, false},     {dir / "a//", "a", LAST_NORM, true},
+      {dir / ".", ".", LAST_DOT, false},      {dir / "..", "..", LAST_DOTDOT, false},
+      {"/dev/zorv/x", "x", LAST_NORM, false}, {"/", "", LAST_ROOT, false},
+  };
+  for (const auto& t : table) {
+    nameidata nd;
+    ASSERT_EQ(path_lookup(t.path.c_str(), LOOKUP_PARENT, &nd), 0) << t.path;
+    EXPECT_EQ(nd.last, t.last) << t.path;
+    EXPECT_EQ(nd.type, t.type) << t.path;
+    EXPECT_EQ(nd.trailing, t.trailing) << t.path;
+    path_put(&nd);
+  }
+  put_file(dir / "file", {1});
+  EXPECT_EQ(look_up(dir / "file/x", LOOKUP_PARENT), -ENOTDIR);
+  EXPECT_EQ(look_up(dir / "none/x", LOOKUP_PARENT), -ENOENT);
+  EXPECT_EQ(make_node(dir.path(), "node", mkdev(1, 1)), -EPERM) << "host directories take none";
+}
+
+TEST(fs, host_paths_show_the_hosts_inode_and_device) {
+  temp_dir dir;
+  put_file(dir / "file", bytes(5, 1));
+  ASSERT_EQ(::symlink("/proc/self/stat", (dir / "link").c_str()), 0);
+  struct stat st;
+  ASSERT_EQ(::stat((dir / "file").c_str(), &st), 0);
+  nameidata nd;
+  ASSERT_EQ(path_lookup((dir / "file").c_str(), 0, &nd), 0);
+  EXPECT_EQ(nd.path->d_inode()->i_size, 5U);
+  EXPECT_EQ(nd.path->d_inode()->i_ino, st.st_ino);
+  const devt fs_dev = nd.path->d_fs_dev;
+  if (major(st.st_dev) != 0) {
+    EXPECT_EQ(fs_dev, mkdev(major(st.st_dev), minor(st.st_dev)));
+  }
+  path_put(&nd);
+
+  // The link lives here, what it leads to lives on no device at all.
+  EXPECT_EQ(fs_device_of((dir / "link").c_str(), false), fs_dev);
+  EXPECT_EQ(fs_device_of((dir / "link").c_str(), true), 0U);
+
+  set_fs_device_resolver([](u32, u32) { return mkdev(100, 3); });
+  EXPECT_EQ(fs_device_of((dir / "file").c_str(), true), fs_dev == 0 ? 0 : mkdev(100, 3));
+  EXPECT_EQ(fs_device_of("/proc", true), 0U) << "nothing to resolve";
+  set_fs_device_resolver(nullptr);
+}
+
+TEST(fs, a_fifo_in_place_of_a_file_holds_nobody) {
+  temp_dir dir;
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  for (const u32 flags : {FO_RDONLY, FO_WRONLY, FO_RDWR}) {
+    EXPECT_EQ(ptr_err(filp_open((dir / "fifo").c_str(), flags, 0)), -ENXIO);
+  }
+}
+
+TEST(fs, faults_reach_every_kind_of_call) {
+  temp_dir dir;
+  open_file f(dir / "file", FO_RDWR | FO_CREAT);
+  const auto with = [](fault_site site, auto call) {
+    fault_arm(site, 1, 1, EDQUOT);
+    const auto rc = call();
+    fault_disarm_all();
+    return static_cast<int>(rc);
+  };
+  s64 pos = 0;
+  char c = 0;
+  EXPECT_EQ(with(fault_site::file_open, [&] { return ptr_err(filp_open("/x", 0, 0)); }), -EDQUOT);
+  EXPECT_EQ(with(fault_site::file_read, [&] { return vfs_read(f.f, &c, 1, &pos); }), -EDQUOT);
+  EXPECT_EQ(with(fault_site::file_write, [&] { return vfs_write(f.f, &c, 1, &pos); }), -EDQUOT);
+  EXPECT_EQ(with(fault_site::file_sync, [&] { return vfs_fsync(f.f); }), -EDQUOT);
+  EXPECT_EQ(with(fault_site::file_sync, [&] { return fs_sync_parent((dir / "file").c_str()); }),
+            -EDQUOT);
+  EXPECT_EQ(with(fault_site::file_unlink, [&] { return remove_name(dir / "file"); }), -EDQUOT);
+  EXPECT_EQ(with(fault_site::node_make, [&] { return make_node("/dev/zorv", "n", 1); }), -EDQUOT);
+  EXPECT_EQ(file_size(f.f), 0U) << "a write that failed wrote nothing";
+}
+
+// Random writes, synced writes, syncs and truncations against the two arrays that matter: what
+// the file holds, and what stable storage holds of it.
+TEST(power_cut, leaves_what_was_synced_of_a_file) {
+  const u32 seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  temp_dir dir;
+  const std::string path = dir / "file";
+  put_file(path, bytes(9000, 0x55));
+  for (int round = 0; round < 40; round++) {
+    bytes durable = zorv_test::read_file(path);
+    bytes now = durable;
+    const auto apply = [](bytes* to, u64 at, const bytes& data) {
+      to->resize(std::max<std::size_t>(to->size(), at + data.size()));
+      std::copy(data.begin(), data.end(), to->begin() + static_cast<long>(at));
+    };
+    fault_record_unsynced_begin();
+    {
+      open_file plain(path, FO_RDWR), synced(path, FO_RDWR | FO_SYNC);
+      for (int step = 0; step < 25; step++) {
+        const u64 at = random() % 20000;
+        const bytes data(random() % 6000 + 1, static_cast<u8>(random()));
+        switch (random() % 8) {
+          case 0:
+            EXPECT_EQ(vfs_fsync(plain.f), 0);
+            durable = now;
+            break;
+          case 1:
+            open_file(path, FO_RDWR | FO_TRUNC);
+            now.clear();
+            break;
+          case 2:
+          case 3:
+            synced.write(at, data);
+            apply(&now, at, data);
+            apply(&durable, at, data);
+            break;
+          default:
+            plain.write(at, data);
+            apply(&now, at, data);
+        }
+      }
+      EXPECT_EQ(zorv_test::read_file(path), now);
+      fault_power_cut();
+    }
+    fault_record_unsynced_end();
+    ASSERT_EQ(zorv_test::read_file(path), durable) << "round " << round;
+  }
+}
+
+TEST(power_cut, leaves_the_names_that_their_directory_had) {
+  temp_dir dir;
+  put_file(dir / "old", bytes(5000, 1));
+  put_file(dir / "older", {2});
+  fault_record_unsynced_begin();
+  put_file(dir / "kept", {3});
+  EXPECT_EQ(remove_name(dir / "older"), 0);
+  EXPECT_EQ(fs_sync_parent((dir / "kept").c_str()), 0);
+  put_file(dir / "new", {4});
+  {
+    open_file f(dir / "new", FO_RDWR);
+    EXPECT_EQ(vfs_fsync(f.f), 0) << "the file is synced, its name is not";
+  }
+  EXPECT_EQ(remove_name(dir / "old"), 0);
+  put_file(dir / "old", {9});
+  fault_power_cut();
+  fault_record_unsynced_end();
+
+  EXPECT_FALSE(exists(dir / "new"));
+  EXPECT_FALSE(exists(dir / "older"));
+  EXPECT_EQ(zorv_test::read_file(dir / "old"), bytes(5000, 1));
+  ASSERT_TRUE(exists(dir / "kept"));
+  EXPECT_EQ(zorv_test::read_file(dir / "kept"), bytes{}) << "its contents were not synced";
+}
