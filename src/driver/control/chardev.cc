@@ -78,7 +78,7 @@ struct command_row {
   u32 number;
   const char* name;
   lock_table table;
-  int (*handler)(zorv_blkdev* dev, void* record);  // null: not part of this build
+  int (*handler)(zorv_blkdev* dev, void* record);
 };
 
 template <auto handler>
@@ -176,11 +176,8 @@ int zorv_char_ioctl(kernel::inode* /*inode*/, kernel::file* /*file*/, u32 comman
   const std::size_t bytes = command_bytes(command);
   if ((command & command_out) != 0 && !kernel::access_ok(argument, bytes)) return -EFAULT;
   if ((command & command_in) != 0 && !kernel::access_ok(argument, bytes)) return -EFAULT;
-  if (c == nullptr || c->handler == nullptr) {
+  if (c == nullptr) {
     zorv_log(LOG_ERROR, "%s(): Inappropriate ioctl cmd=%d", __func__, static_cast<int>(command));
-    if (c != nullptr) {
-      zorv_log(LOG_ERROR, "%s(): %s is not built into this driver", __func__, c->name);
-    }
     return -ENOTTY;
   }
 

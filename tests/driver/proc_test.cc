@@ -1,0 +1,235 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The status tree as a reader sees it.
+#include "driver/proc/proc.h"
+
+#include "driver/core/log.h"
+#include "support/driver_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+
+namespace {
+
+using texts = std::vector<std::pair<std::string, std::string>>;
+
+struct proc_test : driver_test {
+  memory_disk disk{"p0", 1000000000};
+
+  // Name and text of every entry of a directory, in its order; all of them must be 0444.
+  static texts show(const std::string& directory) {
+    std::vector<kernel::proc_listing> list;
+    EXPECT_EQ(kernel::proc_list(directory, &list), 0) << directory;
+    texts out;
+    for (const auto& e : list) {
+      EXPECT_EQ(e.mode, 0444U) << e.name;
+      out.emplace_back(e.name, proc(directory + "/" + e.name));
+    }
+    return out;
+  }
+  static bool there(const std::string& path) {
+    std::vector<kernel::proc_listing> list;
+    return kernel::proc_list(path, &list) == 0;
+  }
+};
+
+// A snap's record in a slot of the table and its directory, without the files of a real one.
+struct snap_record {
+  zorv_blkdev dev;
+
+  snap_record(u32 minor, zorv_blkdev* filter) {
+    dev.dev_type = ZORV_DEV_SNAP;
+    dev.minor = dev.s.snap_minor = minor;
+    dev.s.filter = filter;
+    const table_write_guard guard;
+    zorv_blkdev_arr[minor] = &dev;
+    if (filter != nullptr) filter->f.snaps.push_back(&dev.s.snap_link);
+    EXPECT_EQ(zorv_proc_add_device(&dev), 0);
+  }
+  ~snap_record() {
+    const table_write_guard guard;
+    zorv_proc_del_device(&dev);
+    dev.s.snap_link.unlink();
+    zorv_blkdev_arr[dev.minor] = nullptr;
+  }
+};
+
+zorv_blkdev* record_of(u32 minor) {
+  const table_read_guard guard;
+  return zorv_blkdev_find(minor);
+}
+
+}  // namespace
+
+TEST_F(proc_test, a_filter_shows_every_field) {
+  const u32 m = add_filter(disk.path(), {.minor = 3, .name = "data", .uuid = "U"});
+  kernel::block_device* hdd = disk.bdev();
+  EXPECT_EQ(show("zorv/zorv3"),
+            (texts{{"dev_type", "filter\n"},
+                   {"minor", "3\n"},
+                   {"uuid", "U\n"},
+                   {"name", "data\n"},
+                   {"dev_name", "/dev/zorv/data\n"},
+                   {"started", "0\n"},
+                   {"use_cnt", "0\n"},
+                   {"hdd_major", std::to_string(kernel::major_of(hdd->bd_dev)) + "\n"},
+                   {"hdd_minor", std::to_string(kernel::minor_of(hdd->bd_dev)) + "\n"},
+                   {"hdd_name", disk.path() + "\n"},
+                   {"snap_minor", ""},
+                   {"extent_size", "65536\n"},
+                   {"extent_cnt", "15259\n"},
+                   {"dev_size", "1000000000\n"},
+                   {"bmp_dir", dir.path() + "\n"},
+                   {"incr_bmp_size", "1908\n"},
+                   {"incr_bmp_dirty", proc("zorv/zorv3/incr_bmp_dirty")},
+                   {"diff_bmp_size", "1908\n"},
+                   {"diff_bmp_dirty", proc("zorv/zorv3/diff_bmp_dirty")},
+                   {"cowqueue_len", "0\n"},
+                   {"snaps", ""}}));
+  EXPECT_EQ(start(m), 0);
+  {
+    const client c(m);
+    EXPECT_EQ(proc("zorv/zorv3/started") + proc("zorv/zorv3/use_cnt"), "1\n1\n");
+  }
+  EXPECT_EQ(del(m), 0);
+  EXPECT_FALSE(there("zorv/zorv3"));
+}
+
+TEST_F(proc_test, a_snap_shows_its_own_fields_and_its_filters) {
+  add_filter(disk.path());
+  zorv_blkdev* filter = record_of(0);
+  snap_record five(5, filter), seven(7, filter), lone(9, nullptr);
+  five.dev.started = five.dev.s.stop_pending = five.dev.s.del_pending = five.dev.s.snap_valid = 1;
+  five.dev.s.chunk_size = 4096;
+  five.dev.s.cow_bmp_size = 0xfffffff0U;
+  five.dev.s.cow_data_size = 1ULL << 40;
+  copy_text_n(five.dev.s.cow_bmp_fname, ZORV_PATH_LEN, "/b");
+  copy_text_n(five.dev.s.cow_data_fname, ZORV_PATH_LEN, "/d");
+  EXPECT_EQ(proc("zorv/zorv0/snaps"), "5\n7\n");
+  EXPECT_EQ(proc("zorv/zorv0/snap_minor"), "5\n7\n");
+  EXPECT_EQ(show("zorv/zorv5"), (texts{{"dev_type", "snap\n"},
+                                       {"minor", "5\n"},
+                                       {"uuid", "\n"},
+                                       {"name", "\n"},
+                                       {"dev_name", "\n"},
+                                       {"started", "1\n"},
+                                       {"stop_pending", "1\n"},
+                                       {"del_pending", "1\n"},
+                                       {"use_cnt", "0\n"},
+                                       {"filter_minor", "0\n"},
+                                       {"hdd_major", proc("zorv/zorv0/hdd_major")},
+                                       {"hdd_minor", proc("zorv/zorv0/hdd_minor")},
+                                       {"hdd_name", disk.path() + "\n"},
+                                       {"chunk_size", "4096\n"},
+                                       {"cow_bmp_fname", "/b\n"},
+                                       {"cow_data_fname", "/d\n"},
+                                       {"cow_bmp_size", "-16\n"},
+                                       {"cow_data_size", "1099511627776\n"},
+                                       {"snap_valid", "1\n"}}));
+  for (const char* entry : {"filter_minor", "hdd_major", "hdd_minor", "hdd_name"}) {
+    EXPECT_EQ(proc(std::string("zorv/zorv9/") + entry), "") << entry;
+  }
+  // A slot that emptied, or got a node of the other type, under a directory still there.
+  {
+    const table_write_guard guard;
+    zorv_blkdev_arr[9] = nullptr;
+  }
+  EXPECT_EQ(proc("zorv/zorv9/minor"), "");
+  {
+    const table_write_guard guard;
+    zorv_blkdev_arr[9] = filter;
+  }
+  EXPECT_EQ(proc("zorv/zorv9/snap_valid"), "");
+}
+
+TEST_F(proc_test, the_log_level_is_read_and_written) {
+  std::vector<kernel::proc_listing> list;
+  ASSERT_EQ(kernel::proc_list("zorv", &list), 0);
+  ASSERT_EQ(list.size(), 3U);
+  EXPECT_EQ(list[2].name + std::to_string(list[2].mode), "debug" + std::to_string(0644));
+  EXPECT_EQ(proc("zorv/chr_major") + proc("zorv/blk_major") + proc("zorv/debug"), "100\n100\n1\n");
+  const struct {
+    std::string text;
+    int rc, level;
+  } table[] = {
+      {"4\n", 2, 4},
+      {"3 ", 2, 3},
+      {"2", 1, 2},
+      {"-1", 2, -1},
+      {"\n", 1, 0},
+      {"4x", -EINVAL, 0},
+      {"x", -EINVAL, 0},
+      {"", -EINVAL, 0},
+      {"4294967298", 10, 2},
+      {std::string(1025, '1'), -EINVAL, 2},
+      // The last of 1024 bytes is dropped, so what is wrong with it is not seen.
+      {std::string(1022, '0') + "3x", 1024, 3},
+  };
+  for (const auto& t : table) {
+    EXPECT_EQ(kernel::proc_write("zorv/debug", t.text), t.rc) << t.text;
+    EXPECT_EQ(proc("zorv/debug"), std::to_string(t.level) + "\n") << t.text;
+  }
+  EXPECT_EQ(kernel::proc_write("zorv/chr_major", "1"), -EACCES);
+  kernel::fault_arm(kernel::fault_site::alloc, 1, 1, ENOMEM);
+  EXPECT_EQ(kernel::proc_write("zorv/debug", "1"), -ENOMEM);
+  EXPECT_TRUE(log.has("zorv_write_proc(): Memory allocation failed."));
+  kernel::fault_arm(kernel::fault_site::user_copy, 1, 1, EFAULT);
+  EXPECT_EQ(kernel::proc_write("zorv/debug", "1"), -EFAULT);
+}
+
+TEST_F(proc_test, reads_are_traced_at_level_2) {
+  EXPECT_FALSE(log.has("zorv_read_proc"));
+  EXPECT_EQ(kernel::proc_write("zorv/debug", "2"), 1);
+  EXPECT_TRUE(log.has("zorv_write_proc(): zorv_debug=2"));
+  (void)proc("zorv/debug");
+  EXPECT_TRUE(log.has("zorv_read_proc(): debug=2"));
+}
+
+TEST_F(proc_test, a_directory_that_cannot_be_completed_is_not_there) {
+  add_filter(disk.path());
+  zorv_blkdev* dev = record_of(0);
+  zorv_proc_del_device(dev);
+  for (u64 nth = 1; nth <= 22; nth++) {
+    log.clear();
+    kernel::fault_arm(kernel::fault_site::proc_create, nth, 1, ENOMEM);
+    EXPECT_EQ(zorv_proc_add_device(dev), -EINVAL) << nth;
+    EXPECT_TRUE(log.has("zorv_proc_add_device(): Failed to create /proc/zorv/zorv0")) << nth;
+    EXPECT_FALSE(there("zorv/zorv0")) << nth;
+  }
+  EXPECT_TRUE(log.has("Failed to create /proc/zorv/zorv0/snaps."));
+  kernel::fault_disarm_all();
+  EXPECT_EQ(zorv_proc_add_device(dev), 0);
+
+  unload();
+  EXPECT_FALSE(there("zorv"));
+  const char* names[] = {" directory.", "/chr_major.", "/blk_major.", "/debug."};
+  for (u64 nth = 1; nth <= 4; nth++) {
+    kernel::fault_arm(kernel::fault_site::proc_create, nth, 1, ENOMEM);
+    EXPECT_EQ(zorv_create_proc(), -EINVAL);
+    EXPECT_TRUE(log.has(std::string("Failed to create /proc/zorv") + names[nth - 1]));
+    EXPECT_EQ(zorv_remove_proc(), 0);
+    EXPECT_FALSE(there("zorv"));
+  }
+}
+
+TEST_F(proc_test, readers_race_with_nodes_that_come_and_go) {
+  std::atomic<bool> stop_reading{false};
+  std::atomic<int> reads{0};
+  std::thread reader([&] {
+    while (!stop_reading) {
+      for (const char* entry : {"hdd_name", "snaps", "minor"}) {
+        std::string text;
+        const int rc = kernel::proc_read(std::string("zorv/zorv0/") + entry, &text);
+        EXPECT_TRUE(rc == -ENOENT || rc == 0);
+        EXPECT_TRUE(text.empty() || text == "0\n" || text == disk.path() + "\n") << text;
+      }
+      reads++;
+    }
+  });
+  for (int i = 0; i < 30; i++) {
+    add_filter(disk.path());
+    EXPECT_EQ(del(0), 0);
+  }
+  EXPECT_TRUE(eventually([&] { return reads > 0; }));
+  stop_reading = true;
+  reader.join();
+}
