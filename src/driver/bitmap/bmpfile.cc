@@ -2,9 +2,8 @@
 // The files of the change bitmaps: save, load, stale mark.
 //
 // A file is complete (header, size, checksum, bits) or eight bytes that say "stale"; anything else
-// is rejected by the load. Every write is synchronous and the file is truncated before the first
-// one, so once the first bytes of a new header are on disk the old contents can never come back:
-// from then on no write has to wait for the file's old state.
+// is rejected by the load. A rewrite first empties the file. Once that is on disk, or the stale
+// header is, the old contents can never come back, and writes no longer wait for the file's sake.
 #include <array>
 
 #include "driver/bitmap/bitmap.h"
@@ -64,12 +63,10 @@ bool is_missing(const char* fname) {
   return false;
 }
 
-// The first bytes of the emptied file. When they fail, a sync of the empty file will do as well to
-// keep its old contents from coming back.
-int write_prefix(zorv_filter* f, u32 type, zorv_file* file) {
-  const int rc = zorv_fwrite(file, 0, prefix, prefix_bytes);
-  if (rc >= 0 || zorv_fsync(file) == 0) zorv_marks_file_void(f, type);
-  return rc;
+// Makes the truncation of a file just opened, or what a failed write has left of it, durable: the
+// old contents cannot come back then.
+void sync_emptied(zorv_filter* f, u32 type, zorv_file* file) {
+  if (zorv_fsync(file) == 0) zorv_marks_file_void(f, type);
 }
 
 int write_bitmap(zorv_filter* f, u32 type, zorv_file* file, const u8* bits, u32 size) {
@@ -78,7 +75,8 @@ int write_bitmap(zorv_filter* f, u32 type, zorv_file* file, const u8* bits, u32 
   u8 crc_disk[4];
   put_le32(size_disk, size);
   put_le32(crc_disk, crc_of(bits, size));
-  int rc = write_prefix(f, type, file);
+  sync_emptied(f, type, file);  // else a header like the old one would revive the old bits
+  int rc = zorv_fwrite(file, 0, prefix, prefix_bytes);
   if (rc >= 0) rc = zorv_fwrite(file, dirty_offset, &dirty, 1);
   if (rc >= 0) rc = zorv_fwrite(file, size_offset, size_disk, sizeof size_disk);
   if (rc >= 0) rc = zorv_fwrite(file, crc_offset, crc_disk, sizeof crc_disk);
@@ -304,9 +302,14 @@ int zorv_block_write_dirty_flag(zorv_filter* f, u32 type, int flag) {
   const zorv_file_ptr file(zorv_fopen(fname, rewrite_flags, file_mode));
   if (file == nullptr) return -EIO;
   const u8 dirty = static_cast<u8>(flag);
-  int rc = write_prefix(f, type, file.get());
+  int rc = zorv_fwrite(file.get(), 0, prefix, prefix_bytes);
   if (rc >= 0) rc = zorv_fwrite(file.get(), dirty_offset, &dirty, 1);
-  return rc < 0 ? rc : 0;
+  if (rc < 0) {
+    sync_emptied(f, type, file.get());
+    return rc;
+  }
+  zorv_marks_file_void(f, type);
+  return 0;
 }
 
 }  // namespace zorv
