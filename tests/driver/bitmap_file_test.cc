@@ -1,0 +1,306 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The bitmap files: their bytes, what the load makes of any file, failures, and power cuts.
+#include <filesystem>
+#include <optional>
+
+#include "driver/bitmap/bitmap.h"
+#include "driver/bitmap/dirty.h"
+#include "kernel/fs.h"
+#include "kernel/printk.h"
+#include "support/driver_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+
+namespace {
+
+constexpr u32 incr = ZORV_BMP_INCREMENTAL, diff = ZORV_BMP_DIFFERENTIAL;
+const bytes stale{'Z', 'O', 'R', 'V', 'B', 'M', 'P', 1};
+const bytes saved_01_00{'Z', 'O', 'R', 'V',  'B',  'M',  'P',  0,    2,
+                        0,   0,   0,   0x41, 0xDC, 0x3D, 0xA7, 0x01, 0};
+
+u32 crc(const bytes& data) {
+  u32 value = 0xFFFFFFFF;
+  zorv_crc32(data.data(), static_cast<s32>(data.size()), &value);
+  return value;
+}
+
+struct bitmap_file_test : driver_test {
+  memory_disk disk{"d0", 1 << 20};  // 16 extents
+  const std::string file = dir / "zorv0.incr";
+
+  static zorv_filter* filter() { return &zorv_blkdev_arr[0]->f; }
+  static u32 dirty() { return filter()->incr_bmp_dirty.load(); }
+  // A node whose files hold extent 0.
+  void saved_node() {
+    ASSERT_EQ(add_started_filter(disk.path()), 0U);
+    mark(0);
+    save_both();
+  }
+  void save_both() {
+    for (u32 type : {incr, diff}) ASSERT_EQ(bmp(ZORV_SAVE_BMP, 0, type), 0) << log.errors();
+  }
+  static void mark(u32 extent) { zorv_block_mark_extents(filter(), extent * 128ULL, 1); }
+  bool stale_on_disk() {
+    return eventually([this] { return !zorv_marks_pending(filter()); }) && read_file(file) == stale;
+  }
+  // The daemon dies here: nothing more is saved, and a new one creates the node again.
+  std::vector<u32> after_crash() {
+    std::filesystem::copy(dir.path(), crashed_.path(),
+                          std::filesystem::copy_options::recursive |
+                              std::filesystem::copy_options::overwrite_existing);
+    memory_disk again{"again", 1 << 20};
+    const u32 m = add_filter(again.path(), {.minor = 0 + 1, .bmp_dir = crashed_.path()});
+    std::vector<u32> result = changed(m, incr);
+    EXPECT_EQ(del(m), 0);
+    return result;
+  }
+
+ private:
+  temp_dir crashed_;
+};
+
+// Does something once, in the task that logs, when a line with the text goes by.
+class at_log_line {
+ public:
+  at_log_line(std::string text, std::function<void()> act) {
+    text_ = std::move(text);
+    act_ = std::move(act);
+    next_ = kernel::set_printk_sink(sink);
+    zorv_debug_before_ = zorv::zorv_debug;
+    zorv::zorv_debug = 2;
+  }
+  ~at_log_line() {
+    zorv::zorv_debug = zorv_debug_before_;
+    kernel::set_printk_sink(next_);
+    EXPECT_FALSE(act_) << "no line with " << text_;
+    act_ = nullptr;
+  }
+  at_log_line(const at_log_line&) = delete;
+  at_log_line& operator=(const at_log_line&) = delete;
+
+ private:
+  static void sink(const char* line) {
+    next_(line);
+    if (act_ && std::string(line).find(text_) != std::string::npos) std::exchange(act_, nullptr)();
+  }
+  static inline std::string text_;
+  static inline std::function<void()> act_;
+  static inline kernel::printk_sink next_ = nullptr;
+  int zorv_debug_before_ = 0;
+};
+
+}  // namespace
+
+TEST_F(bitmap_file_test, checksums_are_not_inverted) {
+  EXPECT_EQ(crc(bytes(2048, 0)), 0x0E174561U);
+  EXPECT_EQ(crc(bytes(4, 0xFF)), 0U);
+  EXPECT_EQ(crc({'1', '2', '3', '4', '5', '6', '7', '8', '9'}), ~0xCBF43926U);
+  u32 untouched = 7;
+  zorv_crc32("x", -1, &untouched);
+  EXPECT_EQ(untouched, 7U);
+}
+
+TEST_F(bitmap_file_test, files_are_exact_to_the_byte) {
+  saved_node();
+  EXPECT_EQ(read_file(file), saved_01_00);
+  mark(0);
+  EXPECT_EQ(read_file(file), saved_01_00) << "no new bit";
+  mark(9);
+  EXPECT_TRUE(stale_on_disk());
+  EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
+  EXPECT_TRUE(log.has("zorv_block_load_bmp(): File " + file + " is dirty. Ignoring file"));
+  EXPECT_EQ(get_bmp(0, incr), bytes(2, 0xFF));
+  EXPECT_EQ(changed(0, diff), (std::vector<u32>{0, 9}));
+}
+
+TEST_F(bitmap_file_test, the_load_takes_nothing_but_a_whole_file) {
+  saved_node();
+  const auto with = [](std::size_t at, u8 value) {
+    bytes b = saved_01_00;
+    b[at] = value;
+    return b;
+  };
+  const auto cut = [](std::size_t n) {
+    return bytes(saved_01_00.begin(), saved_01_00.begin() + n);
+  };
+  bytes inverted = saved_01_00;
+  for (int i = 12; i < 16; ++i) inverted[i] = static_cast<u8>(~inverted[i]);
+  bytes longer = saved_01_00;
+  longer.push_back(0xEE);
+  const std::string prefix = " is corrupt: Invalid prefix.";
+  const std::string is_dirty = " is dirty. Ignoring file contents.";
+  const std::string size = " contains bitmap of invalid size. Ignoring file contents.";
+  const std::string sum = " has invalid checksum. Ignoring file contents.";
+  const struct {
+    bytes content;
+    int rc;
+    std::string message;
+  } table[] = {
+      {saved_01_00, 0, ""},
+      {longer, 0, ""},
+      {{}, -EIO, prefix},
+      {cut(6), -EIO, prefix},
+      {with(6, 'Q'), -EIO, prefix},
+      {cut(7), 0, is_dirty},
+      {with(7, 1), 0, is_dirty},
+      {with(7, 2), 0, is_dirty},
+      {cut(8), 0, size},
+      {cut(11), 0, size},
+      {with(8, 3), 0, size},
+      {with(11, 1), 0, size},
+      {cut(12), 0, sum},
+      {cut(17), 0, sum},
+      {with(15, 0), 0, sum},
+      {with(16, 3), 0, sum},
+      {inverted, 0, sum},
+  };
+  for (const auto& row : table) {
+    ASSERT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
+    write_file(file, row.content);
+    log.clear();
+    EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), row.rc) << row.message;
+    const bool taken = row.message.empty();
+    EXPECT_EQ(get_bmp(0, incr), taken ? bytes({1, 0}) : bytes({0xFF, 0xFF})) << row.message;
+    EXPECT_EQ(dirty(), taken ? 0U : 1U);
+    if (!taken) EXPECT_TRUE(log.has("<3>ERROR: zorv_block_load_bmp(): File " + file + row.message));
+  }
+  std::filesystem::remove(file);
+  EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), -EIO);
+  EXPECT_EQ(get_bmp(0, incr), bytes(2, 0xFF));
+  EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
+  EXPECT_EQ(read_file(file).size(), 18U) << "the next save of dirty bitmaps makes it";
+}
+
+TEST_F(bitmap_file_test, a_failed_save_keeps_the_flag_and_is_tried_again) {
+  saved_node();
+  mark(3);
+  ASSERT_TRUE(stale_on_disk());
+  kernel::fault_arm(kernel::fault_site::alloc, 1, 1, ENOMEM);
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), -ENOMEM);
+  EXPECT_TRUE(log.has("zorv_block_save_bmp(): Failed to allocate 2 bytes."));
+  kernel::fault_arm(kernel::fault_site::file_open, 1, 1, EACCES);
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), -EIO);
+  kernel::fault_arm(kernel::fault_site::file_write, 3, 1, ENOSPC);
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), -ENOSPC);
+  EXPECT_EQ(dirty(), 1U);
+  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 3}));
+  { client c(0); }  // closing the node saves what is dirty
+  EXPECT_EQ(dirty(), 0U);
+  EXPECT_EQ(read_file(file).size(), 18U);
+  EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
+  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 3}));
+  for (auto [site, rc] : {std::pair{kernel::fault_site::alloc, -ENOMEM},
+                          std::pair{kernel::fault_site::file_open, -EIO},
+                          std::pair{kernel::fault_site::file_read, -EFBIG}}) {
+    kernel::fault_arm(site, 1, 1, EFBIG);
+    EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), rc);
+    kernel::fault_disarm_all();
+    const std::vector<u32> want{0, 3};
+    if (rc == -ENOMEM) EXPECT_EQ(changed(0, incr), want) << "the bitmap is untouched";
+    if (rc != -ENOMEM) EXPECT_EQ(get_bmp(0, incr), bytes(2, 0xFF));
+  }
+}
+
+TEST_F(bitmap_file_test, a_file_on_the_node_itself_is_refused) {
+  saved_node();
+  kernel::set_fs_device_resolver([](u32, u32) { return kernel::mkdev(100, 0); });
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), -EINVAL);
+  EXPECT_TRUE(log.has("zorv_block_save_bmp(): Can't save bitmap to " + file +
+                      ". The file must be moved to a different partition."));
+  EXPECT_EQ(zorv_block_write_dirty_flag(filter(), incr, 1), -EINVAL);
+  EXPECT_TRUE(log.has("zorv_block_write_dirty_flag(): Can't set dirty flag in " + file +
+                      ". The file must be moved to a different partition."));
+  EXPECT_EQ(dirty(), 1U);
+  kernel::set_fs_device_resolver(nullptr);
+  EXPECT_EQ(read_file(file), saved_01_00);
+}
+
+// A bit set between the save's copy and its end is not in the file: a new mark follows.
+TEST_F(bitmap_file_test, a_bit_set_during_a_save_makes_its_file_stale) {
+  saved_node();
+  {
+    at_log_line hook("Killing all dirty requests", [] { mark(5); });
+    EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
+  }
+  EXPECT_TRUE(stale_on_disk());
+  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 5}));
+}
+
+// The load reads the file, a write marks, the load puts the file's bits in place.
+TEST_F(bitmap_file_test, a_load_keeps_what_is_marked_meanwhile) {
+  saved_node();
+  {
+    at_log_line hook("zorv_get_file_dentry(): " + file, [] { mark(6); });
+    EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
+  }
+  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 6}));
+  EXPECT_TRUE(stale_on_disk());
+}
+
+// A mark that failed leaves a file that looks current; loading it must not forget the write.
+TEST_F(bitmap_file_test, a_load_of_a_file_known_to_lack_bits_keeps_them) {
+  saved_node();
+  kernel::fault_arm(kernel::fault_site::file_open, 1, 2, EACCES);
+  mark(7);
+  ASSERT_TRUE(eventually([] { return !zorv_marks_pending(filter()); }));
+  ASSERT_EQ(read_file(file), saved_01_00);
+  EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
+  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 7}));
+  EXPECT_TRUE(stale_on_disk()) << "and its mark is tried again";
+}
+
+// A file made for another extent size may be loaded again one day, by a node of that size.
+TEST_F(bitmap_file_test, a_file_of_another_size_is_marked_by_the_first_write) {
+  saved_node();
+  ASSERT_EQ(stop(0), 0);
+  ASSERT_EQ(del(0), 0);
+  ASSERT_EQ(add_filter(disk.path(), {.extent_size = 8192}), 0U);
+  ASSERT_EQ(start(0), 0);
+  EXPECT_EQ(read_file(file), saved_01_00);
+  client c(0);
+  EXPECT_EQ(c.fill(0, 512, 1), 0);
+  EXPECT_EQ(read_file(file), stale);
+}
+
+TEST_F(bitmap_file_test, a_saved_file_and_its_name_survive_a_power_cut) {
+  kernel::fault_record_unsynced_begin();
+  saved_node();
+  kernel::fault_power_cut();
+  EXPECT_EQ(read_file(file), saved_01_00);
+  client c(0);
+  EXPECT_EQ(c.fill(11 * 65536, 512, 1), 0);
+  kernel::fault_power_cut();
+  EXPECT_EQ(read_file(file), stale) << "the write has reached the HDD, so the mark is on disk";
+  kernel::fault_record_unsynced_end();
+}
+
+// Whatever fails once during a save or a command, and whenever the power goes: a write that was
+// answered is in what the next load says.
+TEST_F(bitmap_file_test, no_single_failure_leaves_a_file_that_misses_a_write) {
+  using kernel::fault_site;
+  for (fault_site site :
+       {fault_site::alloc, fault_site::file_open, fault_site::file_write, fault_site::file_sync}) {
+    for (u64 n = 1; n < 30; ++n) {
+      for (u32 number : {ZORV_SAVE_BMP, ZORV_CLR_BMP}) {
+        SCOPED_TRACE(testing::Message() << "site " << static_cast<u32>(site) << " call " << n);
+        kernel::fault_record_unsynced_begin();
+        if (loaded) unload();
+        load();
+        saved_node();
+        kernel::fault_arm(site, n, 1, EIO);
+        (void)bmp(number, 0, incr);
+        kernel::fault_disarm_all();
+        {
+          client c(0);
+          EXPECT_EQ(c.fill(10 * 65536, 512, 1), 0);
+          kernel::fault_power_cut();
+          const auto seen = after_crash();
+          EXPECT_TRUE(std::find(seen.begin(), seen.end(), 10U) != seen.end());
+        }
+        kernel::fault_record_unsynced_end();
+        if (HasFailure()) return;
+      }
+    }
+  }
+}

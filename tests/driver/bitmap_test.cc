@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The change bitmaps: which bits a write sets, and what the commands do and refuse.
+
+#include "driver/bitmap/bitmap.h"
+
+#include "driver/bitmap/dirty.h"
+#include "support/driver_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+
+namespace {
+
+constexpr u32 incr = ZORV_BMP_INCREMENTAL, diff = ZORV_BMP_DIFFERENTIAL;
+
+struct bitmap_test : driver_test {
+  memory_disk disk{"d0", 100 * 65536};  // 100 extents: 13 bytes, four spare bits
+  static constexpr u32 bmp_bytes = 13;
+
+  int range(u32 number, u32 minor, u32 type, bytes* data) {
+    zorv_bmp_range_req req{minor, type, 0, {}, 0};
+    if (data != nullptr) {
+      req.size = static_cast<u32>(data->size());
+      req.data = reinterpret_cast<u64>(data->data());
+    }
+    return command(number, &req);
+  }
+  static zorv_filter* filter(u32 minor) { return &zorv_blkdev_arr[minor]->f; }
+  static u32 dirty(u32 minor, u32 type) { return zorv_bmp_of(filter(minor), type).dirty->load(); }
+};
+
+}  // namespace
+
+TEST_F(bitmap_test, a_write_marks_the_extents_it_touches) {
+  const u32 m = add_started_filter(disk.path());
+  const struct {
+    u64 sector;
+    u32 sectors;
+    std::vector<u32> extents;
+  } table[] = {
+      {0, 0, {}},         {0, 1, {0}},        {127, 1, {0}},
+      {127, 2, {0, 1}},   {128, 128, {1}},    {128, 129, {1, 2}},
+      {1023, 1, {7}},     {1024, 1, {8}},     {12799, 1, {99}},
+      {12799, 500, {99}}, {896, 256, {7, 8}}, {128 * 30, 128 * 4, {30, 31, 32, 33}},
+  };
+  for (const auto& row : table) {
+    ASSERT_EQ(bmp(ZORV_CLR_BMP, m, incr), 0);
+    ASSERT_EQ(bmp(ZORV_CLR_BMP, m, diff), 0);
+    zorv_block_mark_extents(filter(m), row.sector, row.sectors);
+    EXPECT_EQ(changed(m, incr), row.extents) << row.sector << "+" << row.sectors;
+    EXPECT_EQ(changed(m, diff), row.extents);
+    EXPECT_EQ(get_bmp(m, incr)[12] & 0xF0, 0) << "nothing behind the last extent";
+  }
+}
+
+TEST_F(bitmap_test, commands_change_their_bitmap_and_save_it) {
+  const u32 m = add_started_filter(disk.path());
+  const auto file_bits = [&](const char* suffix) {
+    const bytes file = read_file(dir / ("zorv0." + std::string(suffix)));
+    return file.size() == 16 + bmp_bytes ? bytes(file.begin() + 16, file.end()) : bytes{};
+  };
+  bytes a(bmp_bytes, 0x11);
+  bytes b(bmp_bytes, 0x42);
+  EXPECT_EQ(range(ZORV_SET_BMP, m, incr, &a), 0);
+  EXPECT_EQ(get_bmp(m, incr), a);
+  EXPECT_EQ(range(ZORV_MERGE_BMP, m, incr, &b), 0);
+  EXPECT_EQ(get_bmp(m, incr), bytes(bmp_bytes, 0x53));
+  EXPECT_EQ(file_bits("incr"), bytes(bmp_bytes, 0x53));
+  EXPECT_EQ(get_bmp(m, diff), bytes(bmp_bytes, 0)) << "the other bitmap is not touched";
+  EXPECT_EQ(range(ZORV_SET_BMP, m, diff, nullptr), 0);
+  EXPECT_EQ(get_bmp(m, diff), bytes(bmp_bytes, 0xFF));
+  EXPECT_EQ(file_bits("diff"), bytes(bmp_bytes, 0xFF));
+  EXPECT_EQ(get_bmp(m, diff, ZORV_GET_AND_CLR_BMP), bytes(bmp_bytes, 0xFF));
+  EXPECT_EQ(get_bmp(m, diff), bytes(bmp_bytes, 0));
+  EXPECT_EQ(file_bits("diff"), bytes(bmp_bytes, 0));
+  EXPECT_EQ(bmp(ZORV_CLR_BMP, m, incr), 0);
+  EXPECT_EQ(file_bits("incr"), bytes(bmp_bytes, 0));
+  EXPECT_EQ(dirty(m, incr) + dirty(m, diff), 0U);
+  EXPECT_EQ(log.count("Appending dirty request"), 0) << "no command queues a stale mark";
+  EXPECT_EQ(log.errors(), "") << "but for the files that were missing at creation";
+}
+
+TEST_F(bitmap_test, info_looks_only_at_the_extents) {
+  const u32 m = add_started_filter(disk.path());
+  bytes map(bmp_bytes, 0);
+  const auto look = [&] {
+    EXPECT_EQ(range(ZORV_SET_BMP, m, incr, &map), 0);
+    const auto i = info(m);
+    return i.incr_bmp_clear * 10 + i.incr_bmp_full;
+  };
+  map[12] = 0xF0;
+  EXPECT_EQ(look(), 10U) << "spare bits count as nothing";
+  map[12] = 0x08;
+  EXPECT_EQ(look(), 0U);
+  map.assign(bmp_bytes, 0xFF);
+  map[12] = 0x0F;
+  EXPECT_EQ(look(), 1U);
+  map[3] = 0xFE;
+  EXPECT_EQ(look(), 0U);
+  EXPECT_EQ(info(m).diff_bmp_clear, 1U);
+}
+
+TEST_F(bitmap_test, refusals_name_their_cause) {
+  const u32 m = add_started_filter(disk.path());
+  bytes exact(bmp_bytes), shorter(bmp_bytes - 1);
+  const std::string size_text = "Invalid bitmap size 12. Should have been 13";
+  const std::string null_text = "NULL bitmap data pointer passed as input";
+  const std::string both_text =
+      "bitmap size and bitmap data pointer must either be both NULL or both not-NULL";
+  const struct {
+    u32 number;
+    std::string op;
+  } sized[] = {{ZORV_GET_BMP, "get_bmp"},
+               {ZORV_MERGE_BMP, "merge_bmp"},
+               {ZORV_GET_AND_CLR_BMP, "get_and_clr_bmp"},
+               {ZORV_SET_BMP, "set_bmp"}};
+  const auto refused = [&](const std::string& op, const std::string& text, int rc) {
+    EXPECT_EQ(rc, -EINVAL) << op;
+    EXPECT_EQ(log.errors(), "<3>ERROR: zorv_ioctl_" + op + "(): " + text + "\n");
+    log.clear();
+  };
+  log.clear();
+  for (const auto& c : sized) {
+    refused(c.op, "Invalid bitmap type 2 (should be either 1 or 0)", range(c.number, m, 2, &exact));
+    refused(c.op, size_text, range(c.number, m, incr, &shorter));
+    zorv_bmp_range_req no_data{m, incr, bmp_bytes, {}, 0};
+    refused(c.op, c.number == ZORV_SET_BMP ? both_text : null_text, command(c.number, &no_data));
+  }
+  zorv_bmp_range_req no_size{m, incr, 0, {}, reinterpret_cast<u64>(exact.data())};
+  refused("set_bmp", both_text, command(ZORV_SET_BMP, &no_size));
+  const struct {
+    u32 number;
+    std::string op;
+  } plain[] = {{ZORV_CLR_BMP, "clr_bmp"}, {ZORV_SAVE_BMP, "save_bmp"}, {ZORV_LOAD_BMP, "load_bmp"}};
+  for (const auto& c : plain)
+    refused(c.op, "Invalid bitmap type 7 (should be either 1 or 0)", bmp(c.number, m, 7));
+
+  zorv_blkdev_arr[m]->dev_type = ZORV_DEV_SNAP;
+  for (const auto& c : sized)
+    refused(c.op, "zorv(100, 0) is not a filter device", range(c.number, m, incr, &exact));
+  for (const auto& c : plain)
+    refused(c.op, "zorv(100, 0) is not a filter device", bmp(c.number, m, incr));
+  zorv_blkdev_arr[m]->dev_type = ZORV_DEV_FILTER;
+}
+
+TEST_F(bitmap_test, a_copy_or_allocation_that_fails_changes_nothing) {
+  const u32 m = add_started_filter(disk.path());
+  bytes map(bmp_bytes, 0x24);
+  ASSERT_EQ(range(ZORV_SET_BMP, m, incr, &map), 0);
+  for (u32 number : {ZORV_GET_BMP, ZORV_GET_AND_CLR_BMP, ZORV_MERGE_BMP, ZORV_SET_BMP}) {
+    const bool out = number == ZORV_GET_BMP || number == ZORV_GET_AND_CLR_BMP;
+    log.clear();
+    zorv_bmp_range_req wild{m, incr, bmp_bytes, {}, 0x10};
+    EXPECT_EQ(command(number, &wild), -EFAULT);
+    EXPECT_TRUE(log.has(out ? "Failed to copyout the bitmap" : "Failed to copyin the bitmap"));
+    bytes data(bmp_bytes, 0xDB);
+    kernel::fault_arm(kernel::fault_site::alloc, 1, 1, ENOMEM);
+    EXPECT_EQ(range(number, m, incr, &data), -ENOMEM);
+    kernel::fault_disarm_all();
+    EXPECT_TRUE(log.has("Failed to allocate a 13-byte buffer"));
+    EXPECT_EQ(get_bmp(m, incr), map) << std::hex << number;
+    EXPECT_EQ(dirty(m, incr), 0U);
+  }
+}
+
+// Writers set bits and remember them; an agent takes and clears. Every bit set must turn up.
+TEST_F(bitmap_test, no_mark_is_lost_to_get_and_clear_under_load) {
+  memory_disk big{"big", 4096ULL * 8192};
+  const u32 m = add_started_filter(big.path(), {.extent_size = 4096});
+  zorv_filter* f = filter(m);
+  constexpr u32 writers = 3, per_writer = 20000, cells = 8192;
+  // Marks of each extent, counted before and after they are made. A bit that is handed out covers
+  // at most the marks begun by then; one that is not covers none, so those ended before must have
+  // been handed out already.
+  std::vector<std::atomic<u32>> begun(cells), ended(cells);
+  std::vector<u32> handed(cells);
+  std::atomic<u32> running{writers};
+  std::vector<std::thread> threads;
+  for (u32 w = 0; w < writers; ++w) {
+    threads.emplace_back([&, w] {
+      u32 seed = w * 77 + 1;
+      for (u32 i = 0; i < per_writer; ++i) {
+        seed = seed * 1664525 + 1013904223;
+        const u32 e = seed >> 8 & (cells - 1);
+        begun[e].fetch_add(1);
+        zorv_block_mark_extents(f, e * 8ULL, 8);
+        ended[e].fetch_add(1);
+      }
+      running.fetch_sub(1);
+    });
+  }
+  const auto take = [&] {
+    std::vector<u32> before(cells);
+    for (u32 e = 0; e < cells; ++e) before[e] = ended[e].load();
+    const bytes got = get_bmp(m, incr, ZORV_GET_AND_CLR_BMP);
+    for (u32 e = 0; e < cells; ++e) {
+      if ((got[e >> 3] >> (e & 7) & 1) != 0) {
+        handed[e] = begun[e].load();
+      } else {
+        EXPECT_LE(before[e], handed[e]) << "a mark of extent " << e << " is gone";
+      }
+    }
+  };
+  u32 rounds = 0;
+  while (running.load() != 0 && !HasFailure()) {
+    take();
+    ++rounds;
+  }
+  for (auto& t : threads) t.join();
+  take();
+  EXPECT_GT(rounds, 2U);
+  EXPECT_TRUE(changed(m, incr).empty());
+  EXPECT_GT(changed(m, diff).size(), 7000U) << "the other bitmap keeps everything";
+}
