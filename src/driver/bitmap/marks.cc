@@ -59,11 +59,12 @@ void zorv_marks_give_up(zorv_filter* f) {
     }
   }
   if (given_up == 0) return;
-  zorv_log(LOG_ERROR,
-           "%s(): Writes to zorv(%d, %d) go on although %s%s%s bitmap has not been marked stale on "
-           "disk in time.",
-           __func__, zorv_blk_major, f->filter_minor, (given_up & 2) != 0 ? "Incremental" : "",
-           given_up == 3 ? " and " : "", (given_up & 1) != 0 ? "Differential" : "");
+  zorv_log(
+      LOG_ERROR,
+      "%s(): The stale mark of the %s%s%s bitmap of zorv(%d, %d) is not on disk in time. Letting "
+      "writes go on anyway...",
+      __func__, (given_up & 2) != 0 ? "Incremental" : "", given_up == 3 ? " and " : "",
+      (given_up & 1) != 0 ? "Differential" : "", zorv_blk_major, f->filter_minor);
 }
 
 void zorv_marks_save_begin(zorv_filter* f, u32 type) { ++f->marks[type].saving; }

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Opening and closing nodes, commands of block devices, and the two queries.
+#include "driver/block/block.h"
+#include "driver/core/log.h"
+#include "kernel/module.h"
+#include "support/driver_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+
+namespace {
+
+struct bdops_test : driver_test {
+  memory_disk disk{"d0", 1 << 20};
+
+  static kernel::block_device* open(u32 minor) {
+    return kernel::open_by_devnum(kernel::mkdev(100, minor), kernel::FMODE_READ);
+  }
+};
+
+}  // namespace
+
+TEST_F(bdops_test, openers_are_counted_and_only_a_started_node_has_any) {
+  const u32 m = add_filter(disk.path());
+  EXPECT_EQ(kernel::ptr_err(open(m)), -EIO);
+  EXPECT_TRUE(log.has("zorv_block_open(): zorv(100, 0) hasn't been started yet."));
+  EXPECT_EQ(info(m).use_cnt, 0U);
+  EXPECT_EQ(kernel::module_refcount(), 0);
+  ASSERT_EQ(start(m), 0);
+  client a(m);
+  client b(m);
+  EXPECT_EQ(info(m).use_cnt, 2U);
+  EXPECT_EQ(kernel::module_refcount(), 2);
+  a.close();
+  EXPECT_EQ(info(m).use_cnt, 1U);
+  EXPECT_EQ(zorv_blkdev_arr[m]->bdev, b.bdev());
+  b.close();
+  EXPECT_EQ(zorv_blkdev_arr[m]->bdev, nullptr);
+  EXPECT_EQ(kernel::module_refcount(), 0);
+  kernel::gendisk stranger;
+  stranger.first_minor = 9;
+  kernel::block_device node;
+  node.bd_dev = kernel::mkdev(100, 9);
+  EXPECT_EQ(zorv_block_release(&stranger, 0), -EINVAL);
+  EXPECT_EQ(zorv_block_open(&node, 0), -EINVAL);
+  EXPECT_EQ(zorv_block_ioctl(&node, 0, 0x1261, 0), -EINVAL);
+  EXPECT_EQ(log.count("Unable to find zorv(100, 9)"), 2);
+  EXPECT_TRUE(log.has("zorv_block_ioctl(): Unknown device zorv(100, 9)"));
+  EXPECT_EQ(kernel::module_refcount(), 0);
+}
+
+TEST_F(bdops_test, closing_a_filter_saves_its_dirty_bitmaps) {
+  const u32 m = add_started_filter(disk.path());
+  client c(m);
+  ASSERT_EQ(c.fill(0, 512, 1), 0);
+  EXPECT_EQ(read_file(dir / "zorv0.incr").size(), 8U);
+  c.close();
+  EXPECT_EQ(read_file(dir / "zorv0.incr").size(), 18U);
+  EXPECT_EQ(read_file(dir / "zorv0.diff").size(), 18U);
+}
+
+TEST_F(bdops_test, device_commands_go_to_the_hdd) {
+  const u32 m = add_started_filter(disk.path());
+  client c(m);
+  zorv_debug = 2;
+  disk.set_ioctl_result(-ENOTTY);
+  EXPECT_EQ(zorv_block_ioctl(c.bdev(), 1, 0x1261, 5), -ENOTTY);
+  EXPECT_TRUE(log.has("zorv_block_ioctl(): cmd=0x1261 (BLKFLSBUF)"));
+  disk.set_ioctl_result(17);
+  EXPECT_EQ(zorv_block_ioctl(c.bdev(), 1, 0xdead, 6), 17);
+  EXPECT_TRUE(log.has("cmd=0xdead (UNKNOWN)"));
+  EXPECT_EQ(zorv_block_ioctl(c.bdev(), 1, 0x80081270, ~0ULL), -EFAULT);
+  EXPECT_EQ(zorv_block_ioctl(c.bdev(), 1, 0x40081271, ~0ULL - 4), -EFAULT);
+  const std::vector<std::pair<u32, u64>> want{{0x1261, 5}, {0xdead, 6}};
+  EXPECT_EQ(disk.ioctls(), want);
+
+  zorv_blkdev_arr[m]->dev_type = ZORV_DEV_SNAP;  // one without a filter
+  EXPECT_EQ(zorv_block_ioctl(c.bdev(), 1, 0x1261, 0), -EIO);
+  EXPECT_TRUE(log.has("zorv_block_ioctl(): Internal error: fdev==NULL."));
+  zorv_info_req req{};
+  req.minor = m;
+  EXPECT_EQ(command(ZORV_GET_INFO, &req), -EINVAL);
+  EXPECT_TRUE(log.has("zorv_ioctl_get_info(): Snap device zorv(100, 0) is not attached to a"));
+  zorv_blkdev_arr[m]->dev_type = ZORV_DEV_FILTER;
+}
+
+TEST_F(bdops_test, the_list_gives_the_minors_of_one_type) {
+  memory_disk d1{"d1", 1 << 20}, d2{"d2", 1 << 20};
+  add_filter(disk.path(), {.minor = 255});
+  add_filter(d1.path(), {.minor = 5});
+  add_filter(d2.path());
+  zorv_device_list_req req{};
+  req.dev_type = ZORV_DEV_FILTER;
+  ASSERT_EQ(command(ZORV_GET_DEVICE_LIST, &req), 0);
+  EXPECT_EQ(std::vector<u32>(req.minors, req.minors + req.count), (std::vector<u32>{0, 5, 255}));
+  req.dev_type = ZORV_DEV_SNAP;
+  ASSERT_EQ(command(ZORV_GET_DEVICE_LIST, &req), 0);
+  EXPECT_EQ(req.count, 0U);
+  for (u32 bad : {0U, 3U}) {
+    req.dev_type = bad;
+    EXPECT_EQ(command(ZORV_GET_DEVICE_LIST, &req), -EINVAL);
+    EXPECT_TRUE(log.has("zorv_get_device_list_node(): Invalid device type 0x0" +
+                        std::to_string(bad) + " passed as input."));
+  }
+  unload();  // before the disks go
+}

@@ -1,0 +1,255 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// kdirtyd and the writes that wait for it. The filter's bmp_mutex, held by a test, stands for a
+// bitmap directory on a slow disk.
+#include "driver/bitmap/dirty.h"
+
+#include "driver/bitmap/bitmap.h"
+#include "driver/core/log.h"
+#include "kernel/task.h"
+#include "kernel/time.h"
+#include "support/driver_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+
+namespace {
+
+constexpr u32 incr = ZORV_BMP_INCREMENTAL;
+const bytes stale{'Z', 'O', 'R', 'V', 'B', 'M', 'P', 1};
+
+struct dirty_test : driver_test {
+  memory_disk disk{"d0", 1 << 20}, disk1{"d1", 1 << 20};
+  const std::string incr_file = dir / "zorv0.incr", diff_file = dir / "zorv0.diff";
+
+  void SetUp() override {
+    driver_test::SetUp();
+    add_started_filter(disk.path());
+    add_started_filter(disk1.path());
+    log.clear();
+  }
+  static zorv_filter* filter(u32 minor = 0) { return &zorv_blkdev_arr[minor]->f; }
+  static void mark(u32 extent, u32 minor = 0) {
+    zorv_block_mark_extents(filter(minor), extent * 128ULL, 1);
+  }
+  static bool settled(u32 minor = 0) {
+    return eventually([minor] { return !zorv_marks_pending(filter(minor)); });
+  }
+  bool is_stale(const std::string& file) const { return read_file(file) == stale; }
+  bool is_saved(const std::string& file) const { return read_file(file).size() == 18; }
+};
+
+// A write in a thread of its own, as a front end sends it.
+class write_in_thread {
+ public:
+  write_in_thread(u32 minor, u32 extent)
+      : thread_([this, minor, extent] {
+          client c(minor);
+          rc_ = c.fill(extent * 65536ULL, 512, 0x77);
+          done_ = true;
+          c.close();
+        }) {}
+  ~write_in_thread() { thread_.join(); }
+  [[nodiscard]] bool done() const { return done_; }
+  int wait() {
+    EXPECT_TRUE(eventually([this] { return done(); }));
+    return rc_;
+  }
+
+ private:
+  std::atomic<bool> done_{false};
+  std::atomic<int> rc_{1};
+  std::thread thread_;
+};
+
+// Holds the filter's files as long as it lives or until release().
+class slow_files {
+ public:
+  explicit slow_files(u32 minor) NO_THREAD_SAFETY_ANALYSIS : f_(&zorv_blkdev_arr[minor]->f) {
+    rzmutex_lock(&f_->bmp_mutex);
+  }
+  ~slow_files() { release(); }
+  void release() NO_THREAD_SAFETY_ANALYSIS {
+    if (f_ != nullptr) rzmutex_unlock(&f_->bmp_mutex);
+    f_ = nullptr;
+  }
+
+ private:
+  zorv_filter* f_;
+};
+
+}  // namespace
+
+TEST_F(dirty_test, the_first_new_bit_after_a_save_makes_the_file_stale) {
+  zorv_debug = 2;
+  mark(3);
+  mark(3);
+  mark(4);
+  ASSERT_TRUE(settled());
+  EXPECT_EQ(read_file(incr_file), stale);
+  EXPECT_EQ(read_file(diff_file), stale);
+  EXPECT_EQ(log.count("zorv_sched_write_dirty_flag(): Appending dirty request for"), 2);
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
+  mark(4);
+  mark(5);
+  ASSERT_TRUE(settled());
+  EXPECT_EQ(read_file(incr_file), stale);
+  EXPECT_EQ(log.count("Appending dirty request for Incremental bitmap of zorv(100, 0)"), 2);
+  EXPECT_EQ(log.count("Appending dirty request for Differential"), 1) << "it was not saved since";
+}
+
+TEST_F(dirty_test, one_thread_at_a_time) {
+  EXPECT_EQ(zorv_start_kdirtyd(), -EALREADY);
+  EXPECT_TRUE(log.has("zorv_start_kdirtyd(): kdirtyd has already been started."));
+  EXPECT_EQ(zorv_stop_kdirtyd(), 0);
+  EXPECT_EQ(zorv_stop_kdirtyd(), -ESRCH);
+  EXPECT_TRUE(log.has("zorv_stop_kdirtyd(): kdirtyd is not running."));
+  kernel::fault_arm(kernel::fault_site::thread_create, 1, 1, EAGAIN);
+  EXPECT_EQ(zorv_start_kdirtyd(), -EAGAIN);
+  EXPECT_TRUE(log.has("zorv_start_kdirtyd(): Failed to start kdirtyd: rc=-11"));
+  EXPECT_EQ(zorv_start_kdirtyd(), 0);
+  mark(1);
+  EXPECT_TRUE(settled());
+}
+
+TEST_F(dirty_test, marks_are_written_in_the_order_in_which_they_were_queued) {
+  zorv_debug = 2;
+  {
+    const slow_files slow(1);
+    mark(1, 1);
+    mark(1, 0);
+  }
+  ASSERT_TRUE(settled(0) && settled(1));
+  std::string order;
+  for (const auto& line : log.lines()) {
+    const auto at = line.find("Writing dirty flag 1 into ");
+    if (at != std::string::npos) order += line.substr(at + 26, 1) + line.substr(line.size() - 2, 1);
+  }
+  EXPECT_EQ(order, "I1D1I0D0");
+}
+
+TEST_F(dirty_test, a_save_cancels_what_it_makes_needless) {
+  {
+    const slow_files slow(0);
+    mark(2);
+    EXPECT_EQ(zorv_block_save_bmp(filter(), incr), 0);
+    EXPECT_TRUE(zorv_marks_pending(filter())) << "the other one is due";
+  }
+  ASSERT_TRUE(settled());
+  EXPECT_EQ(zorv_yield_to_dirty_requests(filter(), 10), 0);
+  EXPECT_TRUE(is_saved(incr_file));
+  EXPECT_TRUE(is_stale(diff_file));
+}
+
+TEST_F(dirty_test, a_write_waits_for_its_mark) {
+  client reader(0U);
+  slow_files slow(0);
+  write_in_thread first(0, 6);
+  ASSERT_TRUE(eventually([] { return zorv_marks_pending(filter()); }));
+  write_in_thread second(0, 6);  // its bit is set already, its mark is not on disk either
+  EXPECT_EQ(reader.get(6 * 65536, 512), bytes(512, 0));
+  EXPECT_FALSE(first.done() || second.done());
+  EXPECT_EQ(disk.writes(), 0U);
+  slow.release();
+  EXPECT_EQ(first.wait(), 0);
+  EXPECT_EQ(second.wait(), 0);
+  EXPECT_EQ(disk.writes(), 2U);
+  EXPECT_EQ(log.errors(), "");
+}
+
+TEST_F(dirty_test, after_five_seconds_a_write_goes_on_and_says_so_once) {
+  client keeps_open(0U);
+  slow_files slow(0);
+  write_in_thread a(0, 6), b(0, 7);
+  ASSERT_TRUE(eventually([] {
+    return (filter()->incr_bmp[0] >> 6) == 3;  // both have marked
+  }));
+  kernel::turn_clock(4000);
+  EXPECT_FALSE(eventually([&] { return a.done() || b.done(); }, 100));
+  kernel::turn_clock(1000);
+  EXPECT_EQ(a.wait(), 0);
+  EXPECT_EQ(b.wait(), 0);
+  EXPECT_EQ(log.count("<3>ERROR: zorv_marks_give_up(): "), 1) << log.errors();
+  slow.release();
+  ASSERT_TRUE(eventually([&] { return is_stale(incr_file) && is_stale(diff_file); }));
+}
+
+TEST_F(dirty_test, a_mark_that_cannot_be_written_holds_nobody_up) {
+  kernel::fault_arm(kernel::fault_site::file_open, 1, 2, EROFS);
+  const u64 before = kernel::jiffies();
+  client c(0U);
+  EXPECT_EQ(c.fill(65536, 512, 1), 0);
+  EXPECT_LT(kernel::jiffies() - before, mark_wait_limit_jiffies);
+  EXPECT_EQ(log.count("Failed to open file"), 2);
+  EXPECT_TRUE(is_saved(incr_file)) << "untouched; it was logged";
+}
+
+TEST_F(dirty_test, short_memory_does_not_lose_a_mark) {
+  slow_files slow(0);  // kdirtyd allocates too
+  kernel::fault_arm(kernel::fault_site::alloc, 1, 2, ENOMEM);
+  mark(1);
+  kernel::fault_disarm_all();
+  slow.release();
+  EXPECT_EQ(log.count("<3>ERROR: zorv_sched_write_dirty_flag(): Memory allocation failure"), 2);
+  ASSERT_TRUE(settled());
+  EXPECT_TRUE(is_stale(incr_file) && is_stale(diff_file));
+}
+
+// A reserve that was cancelled by a save and is wanted again before kdirtyd has dropped it.
+TEST_F(dirty_test, the_reserve_takes_another_turn) {
+  const auto mark_without_memory = [](u32 extent) {
+    kernel::fault_arm(kernel::fault_site::alloc, 1, 2, ENOMEM);
+    mark(extent);
+    kernel::fault_disarm_all();
+  };
+  {
+    const slow_files slow(0);
+    mark_without_memory(1);
+    EXPECT_EQ(zorv_block_save_bmp(filter(), incr), 0);
+    mark_without_memory(2);
+  }
+  ASSERT_TRUE(settled());
+  EXPECT_TRUE(is_stale(incr_file));
+}
+
+TEST_F(dirty_test, a_destroyed_filter_is_left_alone) {
+  slow_files slow(0);
+  mark(1);
+  std::atomic<int> rc{0};
+  std::atomic<bool> dropped{false};
+  std::thread destroy([&] {
+    rc = zorv_yield_to_dirty_requests(filter(), 10);
+    zorv_drop_dirty_requests(filter());
+    dropped = true;
+  });
+  EXPECT_FALSE(eventually([&] { return rc.load() != 0; }, 50));
+  kernel::turn_clock(10000);
+  EXPECT_TRUE(eventually([&] { return rc.load() == -ETIMEDOUT; }));
+  EXPECT_TRUE(
+      log.has("zorv_yield_to_dirty_requests(): There are still some dirty requests pending for "
+              "zorv(100, 0). Continuing anyway..."));
+  EXPECT_FALSE(eventually([&] { return dropped.load(); }, 50)) << "kdirtyd has one in hand";
+  slow.release();
+  destroy.join();
+  EXPECT_EQ(zorv_yield_to_dirty_requests(filter(), 1), 0);
+  EXPECT_TRUE(is_saved(diff_file)) << "the one behind it was dropped";
+}
+
+TEST_F(dirty_test, stopping_drops_what_is_queued) {
+  std::atomic<kernel::task_struct*> stopper{nullptr};
+  slow_files slow(0);
+  mark(1);
+  ASSERT_TRUE(eventually([] { return zorv_marks_pending(filter()); }));
+  std::thread stop([&] {
+    stopper = kernel::current();
+    EXPECT_EQ(zorv_stop_kdirtyd(), 0);
+  });
+  // It waits for the thread to end, so it has told it to.
+  EXPECT_TRUE(eventually([&] {
+    return stopper.load() != nullptr && stopper.load()->state.load() != kernel::TASK_RUNNING;
+  }));
+  slow.release();
+  stop.join();
+  EXPECT_EQ(zorv_yield_to_dirty_requests(filter(), 1), 0) << "the queue is empty";
+  EXPECT_TRUE(is_saved(diff_file)) << "dropped, not written";
+  EXPECT_EQ(zorv_start_kdirtyd(), 0);
+}
