@@ -247,9 +247,9 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
   {
     marks_guard guard(f);
     m.behind = false;
+    m.given_up = false;
     if (rc == 0) {
       m.maybe_current = true;
-      m.given_up = false;
     } else {
       bmp.dirty->store(1);
     }

@@ -75,7 +75,8 @@ void zorv_marks_save_end(zorv_filter* f, u32 type);
 void zorv_marks_file_void(zorv_filter* f, u32 type);
 // kdirtyd could not write the mark.
 void zorv_marks_failed(zorv_filter* f, u32 type);
-// Queues a mark for every bitmap whose file may look current, lacks bits, and has none queued.
+// Queues a mark for every bitmap whose file may look current and lacks bits, unless one is queued
+// or has failed since the last save.
 void zorv_marks_settle(zorv_filter* f);
 // Cancels queued marks silently: the file has just been found current.
 void zorv_marks_cancel(zorv_filter* f, u32 type) REQUIRES(f->bmp_lock);

@@ -94,8 +94,9 @@ void zorv_marks_settle(zorv_filter* f) {
     {
       kernel::spin_guard guard(&f->bmp_lock);
       zorv_mark_state& m = f->marks[type];
-      // A save or load in progress settles when it ends.
-      queue = m.maybe_current && m.saving == 0 && !m.loading && !m.noted &&
+      // A save or load in progress settles when it ends; a mark that failed is not tried again
+      // before the next save.
+      queue = m.maybe_current && m.saving == 0 && !m.loading && !m.noted && !m.given_up &&
               zorv_bmp_of(f, type).dirty->load(std::memory_order_relaxed) != 0 &&
               !zorv_marks_queued(f, type);
       if (queue) m.noted = true;
