@@ -32,13 +32,18 @@ void in_threads(unsigned count, Body body) {
 TEST(spinlock, holders_exclude_each_other) {
   spinlock_t lock;
   u64 plain = 0;
+  std::atomic<unsigned> ready{0};
   in_threads(4, [&](unsigned) {
-    for (int i = 0; i < 20000; ++i) {
+    ready.fetch_add(1);
+    while (ready.load() < 4) yield();
+    for (int i = 0; i < 100000; ++i) {
       spin_guard guard(&lock);
-      ++plain;
+      const u64 seen = plain;
+      std::atomic_signal_fence(std::memory_order_seq_cst);  // a read, later a write
+      plain = seen + 1;
     }
   });
-  EXPECT_EQ(plain, 80000U);
+  EXPECT_EQ(plain, 400000U);
   EXPECT_EQ(current()->spin_depth, 0U);
 }
 
