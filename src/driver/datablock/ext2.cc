@@ -8,12 +8,10 @@
 // The magic is also worn by newer relatives. What their feature words say is followed where it is
 // known (64-byte descriptors, flexible groups, bitmaps that were never initialised); a feature
 // that is not known, or one that gives a bit another meaning, puts the whole file system in doubt.
-#include <algorithm>
+#include "driver/datablock/ext2.h"
 
 #include "driver/core/log.h"
-#include "driver/datablock/reader.h"
 #include "driver/util/file.h"
-#include "kernel/mem.h"
 
 namespace zorv {
 
@@ -21,54 +19,30 @@ namespace {
 
 constexpr u32 superblock_bytes = 1024;  // block 1 of 1024-byte blocks
 constexpr u16 ext2_magic = 0xef53;
-constexpr u32 classic_desc_bytes = 32;
 
 // s_state
 constexpr u16 state_clean = 0x1;
 constexpr u16 state_errors = 0x2;
-// s_feature_compat
-constexpr u32 compat_sparse_super2 = 0x200;
 // s_feature_incompat
 constexpr u32 incompat_recover = 0x4;
 constexpr u32 incompat_meta_bg = 0x10;
 constexpr u32 incompat_64bit = 0x80;
-constexpr u32 incompat_flex_bg = 0x200;
 // filetype, recover, extents, 64bit, mmp, flex_bg, ea_inode, csum_seed, largedir, inline_data,
 // encrypt, casefold: none changes what the bit of a block means.
 constexpr u32 incompat_known = 0x2 | incompat_recover | 0x40 | incompat_64bit | 0x100 |
-                               incompat_flex_bg | 0x400 | 0x2000 | 0x4000 | 0x8000 | 0x10000 |
+                               ext2_incompat_flex_bg | 0x400 | 0x2000 | 0x4000 | 0x8000 | 0x10000 |
                                0x20000;
 // s_feature_ro_compat
-constexpr u32 ro_compat_sparse_super = 0x1;
-constexpr u32 ro_compat_gdt_csum = 0x10;
 constexpr u32 ro_compat_bigalloc = 0x200;
-constexpr u32 ro_compat_metadata_csum = 0x400;
 // sparse_super, large_file, btree_dir, huge_file, gdt_csum, dir_nlink, extra_isize, quota,
 // metadata_csum, readonly, project, shared_blocks, verity, orphan_present.
-constexpr u32 ro_compat_known = ro_compat_sparse_super | 0x2 | 0x4 | 0x8 | ro_compat_gdt_csum |
-                                0x20 | 0x40 | 0x100 | ro_compat_metadata_csum | 0x1000 | 0x2000 |
-                                0x4000 | 0x8000 | 0x10000;
-// bg_flags, meaningful only with checksums of descriptors
-constexpr u16 bg_block_uninit = 0x2;
+constexpr u32 ro_compat_known = ext2_ro_compat_sparse_super | 0x2 | 0x4 | 0x8 | 0x10 | 0x20 | 0x40 |
+                                0x100 | 0x400 | 0x1000 | 0x2000 | 0x4000 | 0x8000 | 0x10000;
 
-// What of the superblock is used, in host order.
-struct superblock {
-  u32 inodes_count, blocks_count_lo, free_lo, first_data_block, log_block_size, blocks_per_group,
-      inodes_per_group;
-  u16 magic, state;
-  u32 compat, incompat, ro_compat;
-  u32 inode_size;  // bytes
-  u32 reserved_gdt_blocks;
-  u32 desc_size;  // bytes, as stored
-  u32 blocks_count_hi;
-  u32 backup_groups[2];
-};
-
-superblock parse_superblock(const u8* p) {
-  superblock s{};
+ext2_superblock parse_superblock(const u8* p) {
+  ext2_superblock s{};
   s.inodes_count = get_le32(p);
   s.blocks_count_lo = get_le32(p + 4);
-  s.free_lo = get_le32(p + 12);
   s.first_data_block = get_le32(p + 20);
   s.log_block_size = get_le32(p + 24);
   s.blocks_per_group = get_le32(p + 32);
@@ -85,67 +59,27 @@ superblock parse_superblock(const u8* p) {
   s.blocks_count_hi = get_le32(p + 336);
   s.backup_groups[0] = get_le32(p + 588);
   s.backup_groups[1] = get_le32(p + 592);
+  s.csum = ext2_csum_of(p);
+  s.csum_ok = ext2_superblock_csum_ok(s.csum, p);
   return s;
-}
-
-struct ext2_reader {
-  kernel::block_device* hdd = nullptr;  // not owned
-  superblock sb{};
-  u32 block_size = 0;  // bytes
-  u64 blocks_count = 0;
-  u32 first_data_block = 0;
-  u32 blocks_per_group = 0;
-  u32 inodes_per_group = 0;
-  u32 desc_bytes = classic_desc_bytes;
-  u64 group_desc_count = 0;
-  u32 descs_per_block = 0;
-  u64 desc_blocks = 0;
-  kernel::vbuf<u8> descs;   // the whole descriptor table
-  kernel::vbuf<u8> bitmap;  // one block: the block bitmap last read
-  s64 cached_group = -1;    // the group that `bitmap` describes, -1 for none
-  // The cached group is the last one and its bitmap denies the end of the file system.
-  bool cached_end_in_doubt = false;
-  bool in_doubt = false;  // every chunk counts as allocated
-  u8 bit_cnt[256] = {};   // set bits of each byte value
-};
-
-struct group_desc {
-  u64 block_bitmap, inode_bitmap, inode_table;  // blocks
-  u32 free_blocks;
-  u16 flags;
-};
-
-group_desc parse_desc(const ext2_reader& r, u64 group) {
-  const u8* p = r.descs.get() + group * r.desc_bytes;
-  group_desc d{};
-  d.block_bitmap = get_le32(p);
-  d.inode_bitmap = get_le32(p + 4);
-  d.inode_table = get_le32(p + 8);
-  d.free_blocks = get_le16(p + 12);
-  d.flags = get_le16(p + 18);
-  if (r.desc_bytes > classic_desc_bytes) {
-    d.block_bitmap |= static_cast<u64>(get_le32(p + 32)) << 32;
-    d.inode_bitmap |= static_cast<u64>(get_le32(p + 36)) << 32;
-    d.inode_table |= static_cast<u64>(get_le32(p + 40)) << 32;
-    d.free_blocks |= static_cast<u32>(get_le16(p + 44)) << 16;
-  }
-  return d;
 }
 
 // Why the file system cannot be taken at its word, or null.
 const char* doubt_of(const ext2_reader& r, fs_image image) {
-  const superblock& sb = r.sb;
+  const ext2_superblock& sb = r.sb;
   if ((sb.incompat & ~incompat_known) != 0 || (sb.ro_compat & ~ro_compat_known) != 0) {
     return (sb.ro_compat & ro_compat_bigalloc) != 0 ? "allocates clusters of blocks"
                                                     : "has features that are not known here";
   }
+  if (!sb.csum_ok) return "has a superblock with a wrong checksum";
   if ((sb.state & state_errors) != 0) return "is marked as having errors";
   if (image != fs_image::frozen) {
     if ((sb.incompat & incompat_recover) != 0) return "has a journal that must be replayed";
     if ((sb.state & state_clean) == 0) return "was not cleanly unmounted";
   }
   if (!is_power_of_2(r.desc_bytes) || r.desc_bytes > r.block_size ||
-      ((sb.incompat & incompat_64bit) != 0 && r.desc_bytes < 64)) {
+      ((sb.incompat & incompat_64bit) != 0 ? sb.desc_size < 64
+                                           : sb.desc_size > ext2_classic_desc_bytes)) {
     return "has group descriptors of an impossible size";
   }
   // One block holds a group's bits; the makers of file systems use multiples of 8, from 256 up.
@@ -169,140 +103,9 @@ const char* doubt_of(const ext2_reader& r, fs_image image) {
   return nullptr;
 }
 
-bool is_power_of(u64 v, u64 base) {
-  while (v % base == 0) v /= base;
-  return v == 1;
-}
-
-// Whether a copy of superblock and descriptors stands at the start of the group.
-bool has_superblock(const ext2_reader& r, u64 group) {
-  if (group == 0) return true;
-  if ((r.sb.compat & compat_sparse_super2) != 0) {
-    return group == r.sb.backup_groups[0] || group == r.sb.backup_groups[1];
-  }
-  if (group == 1 || (r.sb.ro_compat & ro_compat_sparse_super) == 0) return true;
-  return is_power_of(group, 3) || is_power_of(group, 5) || is_power_of(group, 7);
-}
-
-u64 group_start(const ext2_reader& r, u64 group) {
-  return r.first_data_block + group * r.blocks_per_group;
-}
-u64 group_end(const ext2_reader& r, u64 group) {
-  return std::min(group_start(r, group) + r.blocks_per_group, r.blocks_count);
-}
-
-u64 inode_table_blocks(const ext2_reader& r) {
-  const u64 bytes = static_cast<u64>(r.inodes_per_group) * r.sb.inode_size;
-  return (bytes + r.block_size - 1) / r.block_size;
-}
-
-// Calls fn(first, end), in bits of the group's bitmap, for the group's own bitmaps and inode table
-// where they lie in the group (with flexible groups they may lie anywhere).
-template <class F>
-void for_own_metadata(const ext2_reader& r, u64 group, const group_desc& d, F fn) {
-  const u64 start = group_start(r, group);
-  const u64 end = group_end(r, group);
-  const struct {
-    u64 first, count;
-  } spans[] = {{d.block_bitmap, 1}, {d.inode_bitmap, 1}, {d.inode_table, inode_table_blocks(r)}};
-  for (const auto& s : spans) {
-    if (s.first >= end) continue;
-    const u64 from = std::max(s.first, start);
-    const u64 to = std::min(s.first + s.count, end);
-    if (from < to) fn(from - start, to - start);
-  }
-}
-
-// The bitmap of a group whose bitmap was never written: in use is what makes a group (copies of
-// superblock and descriptors, its own bitmaps and inode table), and nothing else.
-void derive_bitmap(ext2_reader* r, u64 group, const group_desc& d) {
-  u8* bits = r->bitmap.get();
-  const u64 blocks = group_end(*r, group) - group_start(*r, group);
-  std::memset(bits, 0, r->block_size);
-  if (has_superblock(*r, group)) {
-    set_bits(bits, 0, std::min(1 + r->desc_blocks + r->sb.reserved_gdt_blocks, blocks));
-  }
-  for_own_metadata(*r, group, d, [bits](u64 from, u64 to) { set_bits(bits, from, to); });
-  set_bits(bits, blocks, r->block_size * 8ULL);
-}
-
-// Whether the bitmap is where a bitmap of this group can be.
-bool bitmap_block_plausible(const ext2_reader& r, u64 group, u64 block) {
-  if ((r.sb.incompat & incompat_flex_bg) != 0) {
-    return block > r.first_data_block && block < r.blocks_count;
-  }
-  return block >= group_start(r, group) && block < group_end(r, group);
-}
-
-u32 count_free(const ext2_reader& r) {
-  u32 in_use = 0;
-  for (u32 i = 0; i < r.block_size; ++i) in_use += r.bit_cnt[r.bitmap[i]];
-  return r.block_size * 8 - in_use;
-}
-
-// Compares the bitmap in the buffer with what else is known of the group and, where they disagree,
-// lets every block of the group count as allocated.
-void distrust_if_inconsistent(ext2_reader* r, u64 group, const group_desc& d) {
-  u8* bits = r->bitmap.get();
-  const u64 blocks = group_end(*r, group) - group_start(*r, group);
-  const u32 free_blocks = count_free(*r);
-  bool ok = true;
-  if (free_blocks != d.free_blocks) {
-    zorv_log(LOG_ERROR,
-             "%s(): Number of free blocks (%d) in block group %d is inconsistent with the bitmap "
-             "(%d).",
-             "ext2_reader_read", d.free_blocks, static_cast<s32>(group), free_blocks);
-    ok = false;
-  } else if (find_clear_bit(bits, blocks, r->block_size * 8ULL) < r->block_size * 8ULL) {
-    // Bits past the end of a group stand for no block and are always set; a clear one says that
-    // the group, or the file system, goes on.
-    zorv_log(LOG_ERROR, "%s(): The bitmap of block group %d has free blocks behind its end.",
-             "ext2_reader_read", static_cast<s32>(group));
-    r->cached_end_in_doubt = group + 1 == r->group_desc_count;
-    ok = false;
-  } else {
-    for_own_metadata(*r, group, d, [bits, &ok](u64 from, u64 to) {
-      if (find_clear_bit(bits, from, to) < to) ok = false;
-    });
-    if (!ok) {
-      zorv_log(LOG_ERROR, "%s(): The bitmap of block group %d has the group's own tables as free.",
-               "ext2_reader_read", static_cast<s32>(group));
-    }
-  }
-  if (!ok) std::memset(bits, 0xff, r->block_size);
-}
-
-// Brings the group's bitmap into the buffer.
-int load_group(ext2_reader* r, u64 group) {
-  if (r->cached_group == static_cast<s64>(group)) return 0;
-  r->cached_group = -1;
-  r->cached_end_in_doubt = false;
-  const group_desc d = parse_desc(*r, group);
-  constexpr u32 any_csum = ro_compat_gdt_csum | ro_compat_metadata_csum;
-  if ((d.flags & bg_block_uninit) != 0 && (r->sb.ro_compat & any_csum) != 0) {
-    derive_bitmap(r, group, d);
-    distrust_if_inconsistent(r, group, d);
-  } else if (!bitmap_block_plausible(*r, group, d.block_bitmap)) {
-    zorv_log(LOG_ERROR, "%s(): Block group %d cannot have its bitmap in block %lld.",
-             "ext2_reader_read", static_cast<s32>(group), static_cast<long long>(d.block_bitmap));
-    std::memset(r->bitmap.get(), 0xff, r->block_size);
-  } else {
-    const int rc =
-        zorv_bread(r->hdd, r->bitmap.get(), r->block_size, static_cast<s64>(d.block_bitmap), 1);
-    if (rc < 0) {
-      zorv_log(LOG_ERROR, "%s(): Failed to read Data Bitmap of Block Group %d: rc=%d",
-               "ext2_reader_read", static_cast<s32>(group), rc);
-      return rc;
-    }
-    distrust_if_inconsistent(r, group, d);
-  }
-  r->cached_group = static_cast<s64>(group);
-  return 0;
-}
-
 // Sizes of the tables, and the level-2 lines.
 void describe(ext2_reader* r) {
-  const superblock& sb = r->sb;
+  const ext2_superblock& sb = r->sb;
   r->blocks_count = sb.blocks_count_lo;
   if ((sb.incompat & incompat_64bit) != 0) {
     r->blocks_count |= static_cast<u64>(sb.blocks_count_hi) << 32;
@@ -361,7 +164,7 @@ void* ext2_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image i
              minor, rc);
     return nullptr;
   }
-  const superblock sb = parse_superblock(raw);
+  const ext2_superblock sb = parse_superblock(raw);
   if (sb.magic != ext2_magic) {
     zorv_log(3, "%s(): hdd(%d, %d) doesn't have ext2/ext3 FS.", __func__, major, minor);
     return nullptr;
@@ -417,11 +220,12 @@ int ext2_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s
   if (w.first_block() > r->first_data_block) {
     group = (w.first_block() - r->first_data_block) / r->blocks_per_group;
   }
-  for (; group < r->group_desc_count && group_start(*r, group) < w.end_block(); ++group) {
-    rc = load_group(r, group);
+  for (; group < r->group_desc_count && ext2_group_start(*r, group) < w.end_block(); ++group) {
+    rc = ext2_load_group(r, group);
     if (rc < 0) return rc;
-    const u64 start = group_start(*r, group);
-    const u64 end = r->cached_end_in_doubt ? start + r->blocks_per_group : group_end(*r, group);
+    const u64 start = ext2_group_start(*r, group);
+    const u64 end =
+        r->cached_end_in_doubt ? start + r->blocks_per_group : ext2_group_end(*r, group);
     w.mark_bitmap(r->bitmap.get(), start, start, end);
   }
   return 0;

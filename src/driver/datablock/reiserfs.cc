@@ -76,6 +76,7 @@ const char* doubt_of(reiserfs_reader* r, u16 fs_state, fs_image image) {
   if (!is_power_of_2(r->block_size()) || r->block_size() < kernel::sector_size) {
     return "has an impossible block size";
   }
+  if (r->block_size() > kernel::page_size) return nullptr;  // its first bitmap cannot be read
   if (image != fs_image::frozen && r->umount_state() != state_valid) {
     return "was not cleanly unmounted";
   }
@@ -91,7 +92,7 @@ const char* doubt_of(reiserfs_reader* r, u16 fs_state, fs_image image) {
                ? "has its journal on another device"
                : nullptr;
   }
-  const int pending = r->block_size() <= kernel::page_size ? journal_pending(r) : 0;
+  const int pending = journal_pending(r);
   if (pending < 0) return "has a journal that cannot be read";
   return pending == 0 ? nullptr : "has a journal that must be replayed";
 }

@@ -104,7 +104,8 @@ bool xfs_log_is_clean(xfs_reader* r) {
     }
     if (data_bytes == 0 || data_bytes > max_record_bytes || headers >= back) return false;
     const u32 data_blocks = (data_bytes + kernel::sector_size - 1) / kernel::sector_size;
-    const bool last_and_whole = headers + data_blocks == back && get_be32(log.buf + 4) == cycle;
+    const bool last_and_whole = headers + data_blocks == back && get_be32(log.buf + 4) == cycle &&
+                                get_be64(log.buf + 16) == (static_cast<u64>(cycle) << 32 | at);
     const bool one_operation = get_be32(log.buf + 40) == 1;
     if (!last_and_whole || !one_operation || !log.read(at + headers)) return false;
     return (log.buf[9] & unmount_flag) != 0;

@@ -1,0 +1,244 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The maps of images made by the file systems' own tools, compared block by block with what these
+// tools say is in use.
+#include "driver/datablock/reader.h"
+#include "images.h"
+
+namespace zorv_test {
+namespace {
+
+constexpr u64 MiB = 1 << 20;
+
+std::mt19937 seeded() {
+  const u32 seed = std::random_device{}();
+  std::printf("seed %u\n", seed);
+  return std::mt19937(seed);
+}
+
+// At several chunk sizes the map equals the tool's report, and readers, map and export agree.
+void expect_exact(const fs_image& image, u64 extra_bytes = 0) {
+  log_capture log;
+  image_disk disk(image, extra_bytes);
+  for (const u32 chunk_size :
+       {image.block_size, image.block_size * 8, 65536U, 1U << 20, 8U << 20}) {
+    const map_result map = build_map(disk.bdev(), chunk_size);
+    EXPECT_GE(map.rc, 0) << log.errors();
+    EXPECT_EQ(difference(map.chunks, chunks_of(image, disk.bdev()->bd_size_bytes, chunk_size)), "")
+        << image.path << " in chunks of " << chunk_size << "\n"
+        << log.errors();
+  }
+  EXPECT_EQ(zorv::zorv_blkbmp_test(disk.bdev()), 0) << log.errors();
+}
+
+struct ext2_case {
+  const char* name;
+  u64 mib;
+  const char* options;
+};
+
+class ext2_images : public ::testing::TestWithParam<ext2_case> {};
+
+TEST_P(ext2_images, map_is_what_dumpe2fs_says) {
+  temp_dir dir;
+  std::mt19937 random = seeded();
+  expect_exact(make_ext2(dir / "image", GetParam().mib * MiB, GetParam().options, &random));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    made_by_mke2fs, ext2_images,
+    ::testing::Values(
+        ext2_case{"revision_0", 20, "-t ext2 -b 1024 -r 0"},
+        ext2_case{"blocks_1k", 41, "-t ext2 -b 1024"},
+        ext2_case{"blocks_2k", 70, "-t ext3 -b 2048"},
+        ext2_case{"blocks_4k", 300, "-t ext3 -b 4096"},
+        ext2_case{"small_groups_1k", 40, "-t ext3 -b 1024 -g 2048"},
+        ext2_case{"small_groups_4k", 90, "-t ext2 -b 4096 -g 1000"},
+        ext2_case{"backups_everywhere", 60, "-t ext2 -b 1024 -O ^sparse_super,^resize_inode"},
+        ext2_case{"flexible_groups", 300, "-t ext3 -b 1024 -O flex_bg -G 8"},
+        ext2_case{"uninitialised", 300,
+                  "-t ext4 -b 1024 -O uninit_bg,^metadata_csum,^64bit,^flex_bg"},
+        ext2_case{"uninitialised_flexible", 300,
+                  "-t ext4 -b 1024 -O uninit_bg,^metadata_csum,^64bit"},
+        ext2_case{"two_backups", 300, "-t ext4 -b 1024 -O sparse_super2,^resize_inode"},
+        ext2_case{"wide_descriptors", 600, "-t ext4 -b 4096 -O 64bit,^metadata_csum"},
+        ext2_case{"checksums", 600, "-t ext4 -b 2048 -O 64bit,metadata_csum"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ext2_reader, grown_image_on_a_larger_disk) {
+  temp_dir dir;
+  std::mt19937 random = seeded();
+  fs_image image = make_ext2(dir / "image", 30 * MiB, "-t ext3 -b 1024", &random);
+  ASSERT_EQ(::truncate(image.path.c_str(), 70 * MiB), 0);
+  run("(e2fsck -fy '" + image.path + "'; resize2fs '" + image.path + "' 61003K)");
+  populate_ext2(image.path, &random);
+  image.in_use = ext2_in_use(image.path);
+  image.in_use[0] = true;
+  image.bytes = 70 * MiB;
+  expect_exact(image, 5 * MiB + 512);
+}
+
+// Recognised, every block counts as allocated, and one line says why.
+struct doubt_case {
+  const char* name;
+  const char* options;
+  const char* spoil;  // shell command on $i
+  const char* why;
+  bool trusted_when_frozen;
+};
+
+class doubtful_ext2 : public ::testing::TestWithParam<doubt_case> {};
+
+TEST_P(doubtful_ext2, counts_as_wholly_allocated) {
+  const doubt_case& c = GetParam();
+  temp_dir dir;
+  std::mt19937 random = seeded();
+  const fs_image image = make_ext2(dir / "image", 40 * MiB, c.options, &random);
+  run("i='" + image.path + "'; " + c.spoil);
+  log_capture log;
+  image_disk disk(image);
+  const map_result map = build_map(disk.bdev(), 4096);
+  EXPECT_GE(map.rc, 0);
+  EXPECT_TRUE(map.all_set());
+  EXPECT_EQ(log.count(c.why), 1) << log.errors();
+  EXPECT_EQ(log.count("<3>ERROR"), 1) << log.errors();
+  const map_result frozen = build_map(disk.bdev(), 4096, true);
+  EXPECT_EQ(frozen.all_set(), !c.trusted_when_frozen);
+  if (c.trusted_when_frozen) {
+    EXPECT_EQ(difference(frozen.chunks, chunks_of(image, image.bytes, 4096)), "");
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    reasons, doubtful_ext2,
+    ::testing::Values(doubt_case{"mounted", "-t ext2 -b 1024", "debugfs -w -R 'ssv state 0' $i",
+                                 "was not cleanly unmounted", true},
+                      doubt_case{"journal", "-t ext3 -b 1024",
+                                 "printf 'jo\\njw -b 333 /dev/zero\\njc\\n' | debugfs -w -f - $i",
+                                 "has a journal that must be replayed", true},
+                      doubt_case{"errors", "-t ext2 -b 1024", "debugfs -w -R 'ssv state 3' $i",
+                                 "is marked as having errors", false},
+                      doubt_case{"clusters", "-t ext4 -b 1024 -O bigalloc -C 16384", "true",
+                                 "allocates clusters of blocks", false},
+                      doubt_case{"unknown_incompat", "-t ext2 -b 1024",
+                                 "debugfs -w -R 'feature FEATURE_I31' $i",
+                                 "has features that are not known here", false},
+                      doubt_case{"unknown_ro_compat", "-t ext2 -b 1024",
+                                 "debugfs -w -R 'feature FEATURE_R31' $i",
+                                 "has features that are not known here", false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ext2_reader, meta_block_groups_are_declined) {
+  temp_dir dir;
+  std::mt19937 random = seeded();
+  const fs_image image =
+      make_ext2(dir / "image", 40 * MiB, "-t ext4 -b 1024 -O meta_bg,^resize_inode", &random);
+  log_capture log;
+  image_disk disk(image);
+  EXPECT_EQ(build_map(disk.bdev(), 4096).rc, -EINVAL);
+  EXPECT_TRUE(
+      log.has("ext2_reader_init(): Sorry, we don't support ext2/ext3 with meta block groups."));
+}
+
+// ---- ReiserFS ------------------------------------------------------------------------------
+
+TEST(reiserfs_reader, map_is_what_debugreiserfs_says) {
+  temp_dir dir;
+  std::mt19937 random = seeded();
+  expect_exact(make_reiserfs(dir / "one", 100 * MiB + 4096, &random), 3 * MiB);
+  expect_exact(make_reiserfs(dir / "several", 700 * MiB + 8192 * 3, &random));
+}
+
+TEST(reiserfs_reader, doubtful_states_count_as_wholly_allocated) {
+  temp_dir dir;
+  std::mt19937 random = seeded();
+  const fs_image image = make_reiserfs(dir / "image", 100 * MiB, &random);
+  image_disk disk(image);
+  const auto expect_doubt = [&](u64 at, const bytes& spoil, const char* why, bool frozen) {
+    const bytes old = disk.disk().peek(at, spoil.size());
+    disk.disk().poke(at, spoil);
+    log_capture log;
+    EXPECT_TRUE(build_map(disk.bdev(), 4096, frozen).all_set()) << why;
+    EXPECT_EQ(log.count(why), 1) << log.errors();
+    disk.disk().poke(at, old);
+    EXPECT_FALSE(build_map(disk.bdev(), 4096, frozen).all_set());
+  };
+  expect_doubt(65536 + 50, {2, 0}, "was not cleanly unmounted", false);
+  expect_doubt(65536 + 62, {1, 0}, "is marked as having errors", true);
+  // A transaction in the journal (which starts at block 18) that was never copied to its place.
+  bytes transaction(4096);
+  transaction[0] = 9;
+  const char magic[] = "ReIsErLB";
+  std::copy(magic, magic + 8, transaction.end() - 12);
+  expect_doubt(18 * 4096, transaction, "has a journal that must be replayed", true);
+  disk.disk().poke(65536 + 50, {2, 0});
+  EXPECT_EQ(
+      difference(build_map(disk.bdev(), 4096, true).chunks, chunks_of(image, image.bytes, 4096)),
+      "");
+}
+
+// ---- XFS -----------------------------------------------------------------------------------
+
+TEST(xfs_reader, map_is_what_xfs_db_says) {
+  temp_dir dir;
+  std::mt19937 random = seeded();
+  expect_exact(make_xfs(dir / "one", 100 * MiB, 1, 4096, &random), MiB);
+  expect_exact(make_xfs(dir / "many", 260 * MiB + 8192, 13, 1024, &random));
+}
+
+TEST(xfs_reader, log_decides_whether_the_map_is_trusted) {
+  temp_dir dir;
+  std::mt19937 random = seeded();
+  const fs_image image = make_xfs(dir / "image", 100 * MiB, 4, 4096, &random);
+  // The log goes round: clean in a later cycle as well.
+  run("xfs_db -x -c 'logformat -c 9' '" + image.path + "'");
+  expect_exact(image);
+  image_disk disk(image);
+  const bytes sb = disk.disk().peek(0, 512);
+  const auto be32 = [&sb](u64 at) {
+    return static_cast<u64>(sb[at]) << 24 | static_cast<u64>(sb[at + 1]) << 16 |
+           static_cast<u64>(sb[at + 2]) << 8 | sb[at + 3];
+  };
+  const u64 group = be32(52) >> sb[124];
+  const u64 log_at = (group * be32(84) + (be32(52) & ((1U << sb[124]) - 1))) * 4096;
+  const bytes unmount = disk.disk().peek(log_at, 1024);
+  const auto expect_dirty = [&](u64 at, const bytes& spoil) {
+    const bytes old = disk.disk().peek(at, spoil.size());
+    disk.disk().poke(at, spoil);
+    log_capture log;
+    EXPECT_TRUE(build_map(disk.bdev(), 4096).all_set());
+    EXPECT_EQ(log.count("was not cleanly unmounted"), 1) << log.errors();
+    EXPECT_EQ(
+        difference(build_map(disk.bdev(), 4096, true).chunks, chunks_of(image, image.bytes, 4096)),
+        "");
+    disk.disk().poke(at, old);
+    EXPECT_FALSE(build_map(disk.bdev(), 4096).all_set());
+  };
+  bytes other = unmount;
+  other[512 + 9] = 0;
+  expect_dirty(log_at, other);  // the last record holds another operation
+  other = unmount;
+  other[43] = 2;
+  expect_dirty(log_at, other);           // it holds two
+  expect_dirty(log_at + 1024, unmount);  // something was logged after it
+  other = unmount;
+  other[15] = 0xff;
+  expect_dirty(log_at, other);  // it is not whole
+}
+
+TEST(xfs_reader, large_sectors_and_checksummed_trees_are_declined) {
+  temp_dir dir;
+  const auto declined = [&](const std::string& options) {
+    const fs_image image{make_sparse(dir / "image", 100 * MiB), 100 * MiB, 4096, {}};
+    run("mkfs.xfs --unsupported -f -q " + options + " '" + image.path + "'");
+    image_disk disk(image);
+    return build_map(disk.bdev(), 65536).rc;
+  };
+  log_capture log;
+  EXPECT_EQ(declined("-m crc=0 -n ftype=0 -s size=4096"), -EINVAL);
+  EXPECT_TRUE(log.has("xfs_reader_init(): Incorrect AGF magic of AG 0 of hdd("));
+  EXPECT_EQ(declined("-m crc=1"), -EINVAL);
+  EXPECT_TRUE(log.has("Invalid B+tree node block magic: 0x41423342 instead of 0x41425442"));
+}
+
+}  // namespace
+}  // namespace zorv_test
