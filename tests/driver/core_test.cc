@@ -164,6 +164,7 @@ struct load_test : ::testing::Test {
   void TearDown() override {
     kernel::fault_disarm_all();
     kernel::module_params_reset();
+    kernel::join_exited_threads();
   }
   static bool tree_exists() {
     std::vector<kernel::proc_listing> l;

@@ -2,8 +2,8 @@
 // The seven commands on a change bitmap.
 //
 // A caller's buffer is copied with no lock held, through a buffer of our own: the copy can sleep.
-// So that no mark is lost, GET_AND_CLR clears exactly the bits that it has handed out; what was
-// marked after the first look stays for the next call.
+// GET_AND_CLR copies and clears in one critical section all the same, so that a write is marked
+// either before it (and handed out) or after it (and kept for the next call).
 #include "driver/bitmap/bitmap.h"
 #include "driver/bitmap/dirty.h"
 #include "driver/core/log.h"
@@ -110,13 +110,31 @@ int zorv_ioctl_get_and_clr_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
   announce(__func__, "Getting and clearing", req->type, dev);
   int rc = check_range(__func__, dev, *req);
   if (rc != 0) return rc;
+  // A first copy shows whether the caller's buffer can be written while nothing has changed yet.
   buffer given;
   rc = copy_out(__func__, &dev->f, *req, &given);
   if (rc != 0) return rc;
-  change_and_save(&dev->f, req->type, [&given](u8* bits, u32 size) {
-    for (u32 i = 0; i < size; ++i) bits[i] = static_cast<u8>(bits[i] & ~given[i]);
-  });
-  return 0;
+  zorv_filter* f = &dev->f;
+  bool changed = false;
+  {
+    marks_guard guard(f);
+    const zorv_bmp_view bmp = zorv_bmp_of(f, req->type);
+    changed = std::memcmp(given.get(), bmp.bits, bmp.size) != 0;
+    if (changed) std::memcpy(given.get(), bmp.bits, bmp.size);
+    std::memset(bmp.bits, 0, bmp.size);
+    bmp.dirty->store(1);
+    zorv_marks_save_begin(f, req->type);
+  }
+  if (changed && kernel::copy_to_user(req->data, given.get(), req->size) != 0) {
+    zorv_log(LOG_ERROR, "%s(): Failed to copyout the bitmap", __func__);
+    rc = -EFAULT;
+    kernel::spin_guard guard(&f->bmp_lock);
+    const zorv_bmp_view bmp = zorv_bmp_of(f, req->type);
+    for (u32 i = 0; i < bmp.size; ++i) bmp.bits[i] = static_cast<u8>(bmp.bits[i] | given[i]);
+  }
+  (void)zorv_block_save_dirty_bmps(f);
+  zorv_marks_save_end(f, req->type);
+  return rc;
 }
 
 int zorv_ioctl_merge_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
