@@ -162,6 +162,10 @@ void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
     zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major, s->s.snap_minor);
     s->s.snap_valid.store(0);
     (void)zorv_ftruncate(s->s.cow_data_fname);
+    // An emptied file is what tells a resume after a power cut, so it comes before any write that
+    // goes without its copy.
+    rzread_guard files(&s->s.file_lock);
+    if (s->s.cow_data_file != nullptr) (void)zorv_fsync(s->s.cow_data_file);
   }
 }
 

@@ -1,0 +1,246 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// What snaps show while the disk changes under them, and how the COW thread gets there.
+#include "snap/snap_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+
+namespace {
+
+struct cow_test : snap_test {
+  // Holds the COW thread in the copy of a chunk of its own, so that what is queued meanwhile is
+  // met by one pass. Returns the write that waits for it.
+  std::unique_ptr<pending_io> hold_thread(client& c, u64 offset) {
+    disk.serve(memory_disk::serving::held);
+    auto io = c.start_write(offset, bytes(512, 0xee));
+    EXPECT_TRUE(eventually([this] { return disk.held_count() > 0; }));
+    return io;
+  }
+  void let_go() {
+    disk.serve(memory_disk::serving::at_once);
+    disk.release_all();
+  }
+  int queue_length() { return zorv_blkdev_arr[filter]->f.cowqueue.cnt.load(); }
+  bool queued(int n) {
+    return eventually([this, n] { return queue_length() == n; });
+  }
+};
+
+}  // namespace
+
+TEST_F(cow_test, a_write_waits_until_what_it_overwrites_is_copied_and_recorded) {
+  const u32 snap = add_started_snap({.files = dir / "s"});
+  EXPECT_EQ(std::filesystem::file_size(dir / "s.cow"), disk_bytes);
+  client c(filter);
+  auto io = hold_thread(c, 3 * 64 * KiB + 512);
+  for (const auto& held : disk.held()) EXPECT_EQ(held.rw & 1, kernel::READ);
+  EXPECT_FALSE(io->done());
+  EXPECT_EQ(disk.peek(3 * 64 * KiB, 1024), pattern(3 * 64 * KiB, 1024));
+  let_go();
+  EXPECT_EQ(io->wait(), 0);
+  EXPECT_EQ(disk.peek(3 * 64 * KiB + 512, 512), bytes(512, 0xee));
+  bytes bits(disk_bytes / (64 * KiB) / 8);
+  bits[0] = 1 << 3;
+  EXPECT_EQ(read_file(dir / "s.bmp"), bits);
+  const bytes data = read_file(dir / "s.cow");
+  EXPECT_EQ(bytes(data.begin() + 3 * 64 * KiB, data.begin() + 4 * 64 * KiB),
+            pattern(3 * 64 * KiB, 64 * KiB));
+  EXPECT_EQ(bytes(data.begin(), data.begin() + 3 * 64 * KiB), bytes(3 * 64 * KiB)) << "sparse";
+  const auto reads = disk.reads();
+  EXPECT_EQ(c.fill(3 * 64 * KiB, 64 * KiB, 1), 0);
+  EXPECT_EQ(disk.reads(), reads) << "what is copied is not copied again";
+  expect_unchanged(snap);
+}
+
+TEST_F(cow_test, every_pass_copies_one_chunk_of_each_write) {
+  const u32 snap = add_started_snap();
+  log_detail();
+  client c(filter);
+  EXPECT_EQ(c.fill(32 * KiB, 128 * KiB, 1), 0);
+  const std::string one = "COWing 1 chunks (16 pages), snap_minor=1";
+  EXPECT_EQ(groups(), (std::vector<std::string>{one, one, one}));
+
+  // Two writes to one chunk and two to others are one group of three.
+  log.clear();
+  auto first = hold_thread(c, 7 * MiB);
+  std::vector<std::unique_ptr<pending_io>> rest;
+  for (const u64 at : {MiB, MiB + 8 * KiB, 2 * MiB, 3 * MiB}) {
+    rest.push_back(c.start_write(at, bytes(4 * KiB, 2)));
+  }
+  EXPECT_TRUE(queued(5));
+  let_go();
+  for (auto& io : rest) EXPECT_EQ(io->wait(), 0);
+  EXPECT_EQ(groups(), (std::vector<std::string>{one, "COWing 3 chunks (48 pages), snap_minor=1"}));
+  expect_unchanged(snap);
+}
+
+TEST_F(cow_test, groups_hold_four_mebibytes_and_larger_chunks_are_copied_piece_by_piece) {
+  struct {
+    u32 chunk_size;
+    u64 writes, step;
+    std::vector<std::string> groups;
+  } table[] = {
+      {4096, 1500, 4096, {"1 chunks (1 pages)", "1024 chunks (1024 pages)", "475 chunks (475 "}},
+      {64 * KiB, 80, 64 * KiB, {"1 chunks (16 pages)", "64 chunks (1024 pages)", "15 chunks"}},
+      {4 * MiB, 2, 4 * MiB, {"1 chunks (1024 pages)", "1 chunks (1024 pages)"}},
+      {8 * MiB, 2, 4 * MiB, {"1 chunks (2048 pages)"}}};
+  log_detail();
+  for (const auto& t : table) {
+    disk.poke(0, pattern(0, disk_bytes));
+    const u32 snap = add_started_snap({.chunk_size = t.chunk_size});
+    log.clear();
+    client c(filter);
+    auto first = hold_thread(c, 0);
+    std::vector<std::unique_ptr<pending_io>> ios;
+    for (u64 i = 1; i < t.writes; ++i) ios.push_back(c.start_write(i * t.step, bytes(512, 1)));
+    EXPECT_TRUE(queued(static_cast<int>(t.writes)));
+    let_go();
+    for (auto& io : ios) EXPECT_EQ(io->wait(), 0);
+    EXPECT_EQ(first->wait(), 0);
+    const auto seen = groups();
+    ASSERT_EQ(seen.size(), t.groups.size());
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+      EXPECT_EQ(seen[i].rfind("COWing " + t.groups[i], 0), 0U) << seen[i];
+    }
+    expect_unchanged(snap);
+    c.close();
+    EXPECT_EQ(del(snap), 0);
+  }
+}
+
+TEST_F(cow_test, the_last_chunk_may_reach_beyond_the_end_of_the_disk) {
+  for (const u64 size : {MiB + 3 * 512, MiB + 4096, u64{5 * 512}}) {
+    memory_disk odd("odd" + std::to_string(size), size);
+    odd.poke(0, pattern(0, size));
+    filter = add_started_filter(odd.path());
+    const u32 snap = add_started_snap({.chunk_size = 256 * KiB});
+    {
+      client c(filter);
+      EXPECT_EQ(c.fill(size - 512, 512, 9), 0);
+      EXPECT_EQ(c.fill(0, 512, 9), 0);
+    }
+    EXPECT_TRUE(shown(snap, 0, size) == pattern(0, size)) << size << log.errors();
+    EXPECT_EQ(del(filter), 0);
+  }
+}
+
+TEST_F(cow_test, reads_of_a_snap_are_served_from_where_its_data_is) {
+  const u32 snap = add_started_snap({.files = dir / "s"});
+  client c(filter);
+  client s(snap);
+  disk.record(true);
+  EXPECT_EQ(s.get(MiB, 64 * KiB), pattern(MiB, 64 * KiB));
+  EXPECT_EQ(disk.recorded().back().length_bytes, 64 * KiB) << "nothing copied: straight through";
+  EXPECT_EQ(disk.recorded().back().task.find("kcowd"), std::string::npos);
+  EXPECT_EQ(c.fill(0, 512, 1), 0);  // copies chunk 0
+  // One segment across the border of chunk 0, which is copied, and chunk 1, which is not.
+  disk.record(true);
+  EXPECT_EQ(s.get(64 * KiB - 1024, 4096), pattern(64 * KiB - 1024, 4096));
+  ASSERT_EQ(disk.recorded().size(), 1U);
+  EXPECT_EQ(disk.recorded()[0].offset_bytes, 64 * KiB);
+  EXPECT_EQ(disk.recorded()[0].length_bytes, 3072U);
+  // A read behind an overlapping write waits for its copy, another one does not.
+  auto write = hold_thread(c, 2 * MiB);
+  auto behind = s.start_read(2 * MiB - 8192, 16384);
+  auto elsewhere = s.start_read(5 * MiB, 4096);
+  EXPECT_TRUE(queued(2));
+  EXPECT_FALSE(behind->done());
+  let_go();
+  EXPECT_EQ(behind->wait() | write->wait() | elsewhere->wait(), 0);
+  EXPECT_EQ(behind->data(), pattern(2 * MiB - 8192, 16384));
+  // A source that cannot be read fails the read and nothing else.
+  bytes out;
+  kernel::fault_arm(kernel::fault_site::file_read, 1, 1, EIO);
+  EXPECT_EQ(s.read(0, 4096, &out), -EIO);
+  disk.fail(64 * KiB, 4096, memory_disk::direction::read, -EIO);
+  EXPECT_EQ(s.read(64 * KiB - 1024, 4096, &out), -EIO);
+  EXPECT_TRUE(
+      log.has("read_from_hdd(): Failed to read 3072 bytes starting from sector 128 from device ("))
+      << log.errors();
+  disk.heal();
+  expect_unchanged(snap);
+}
+
+TEST_F(cow_test, an_older_snap_reads_what_a_newer_one_has_copied) {
+  const u32 a = add_started_snap();
+  client c(filter);
+  EXPECT_EQ(c.fill(0, MiB, 1), 0);
+  const u32 b = add_started_snap({.files = dir / "b"});
+  EXPECT_EQ(c.fill(MiB / 2, MiB, 2), 0);
+  bytes b_sees = pattern(0, disk_bytes);
+  std::fill_n(b_sees.begin(), MiB, u8{1});
+  expect_unchanged(a);
+  EXPECT_TRUE(shown(b, 0, disk_bytes) == b_sees);
+  // A stopped newer one keeps serving, to itself it is gone.
+  EXPECT_EQ(stop(b), 0);
+  EXPECT_EQ(info(b).minor, b);
+  bytes out;
+  EXPECT_EQ(client(b).read(0, 4096, &out), -EIO);
+  EXPECT_EQ(c.fill(MiB, MiB, 3), 0);
+  expect_unchanged(a);
+  EXPECT_EQ(stop(a), 0);
+  EXPECT_EQ(proc("zorv/zorv2/started"), "0\n");
+  EXPECT_EQ(proc("zorv/zorv2/stop_pending"), "0\n");
+}
+
+TEST_F(cow_test, a_write_queued_before_a_newer_snap_started_changes_neither) {
+  const u32 a = add_started_snap();
+  const u32 b = add_snap();
+  log_detail();
+  client c(filter);
+  kernel::block_device* bdev = c.bdev();
+  c.close();  // nobody has the filter open: the start freezes nothing
+  disk.serve(memory_disk::serving::held);
+  pending_io first(bdev, kernel::WRITE, 0, bytes(512, 1));
+  EXPECT_TRUE(eventually([this] { return disk.held_count() > 0; }));
+  pending_io second(bdev, kernel::WRITE, MiB / 512, bytes(512, 1));
+  // The start goes on to read through the snap, for which it needs the disk.
+  std::thread starter([&] { EXPECT_EQ(start(b), 0) << log.errors(); });
+  EXPECT_TRUE(eventually([b] { return zorv_blkdev_arr[b]->started.load() == 1; }));
+  pending_io third(bdev, kernel::WRITE, 2 * MiB / 512, bytes(512, 1));
+  EXPECT_TRUE(eventually([this] { return queue_length() >= 3; }));
+  let_go();
+  starter.join();
+  EXPECT_EQ(first.wait() | second.wait() | third.wait(), 0);
+  expect_unchanged(a);
+  expect_unchanged(b);
+  std::vector<std::string> want;
+  for (const char* g : {"1 chunks (16 pages), snap_minor=1", "1 chunks (16 pages), snap_minor=2",
+                        "1 chunks (16 pages), snap_minor=1", "2 chunks (32 pages), snap_minor=2"}) {
+    want.push_back(std::string("COWing ") + g);
+  }
+  EXPECT_EQ(groups(), want) << "a group is one snap's";
+}
+
+TEST_F(cow_test, the_thread_ends_with_an_empty_queue_and_an_abort_fails_what_is_held) {
+  const u32 snap = add_started_snap();
+  zorv_filter& f = zorv_blkdev_arr[filter]->f;
+  kernel::block_device* bdev = client(filter).bdev();
+  EXPECT_EQ(zorv_cowthread_start(&f.cowthread, "kcowd", &f), -EALREADY);
+  EXPECT_EQ(zorv_cowthread_shutdown(nullptr), -EINVAL);
+  for (const bool abort : {false, true}) {
+    disk.serve(memory_disk::serving::held);
+    pending_io copying(bdev, kernel::WRITE, abort ? 4096 : 0, bytes(512, 1));
+    EXPECT_TRUE(eventually([this] { return disk.held_count() > 0; }));
+    pending_io waiting(bdev, kernel::WRITE, abort ? 8192 : 2048, bytes(512, 1));
+    EXPECT_TRUE(queued(2));
+    std::atomic<bool> ended{false};
+    std::thread ender([&] {
+      EXPECT_EQ(abort ? zorv_cowthread_abort(&f.cowthread) : stop(filter), 0);
+      ended = true;
+    });
+    EXPECT_FALSE(eventually([&] { return ended.load(); }, 30));
+    let_go();
+    ender.join();
+    EXPECT_EQ(f.cowthread.pid.load(), 0);
+    EXPECT_EQ(queue_length(), 0);
+    if (abort) {
+      EXPECT_EQ(waiting.wait(), -EIO);
+      (void)copying.wait();
+      EXPECT_EQ(zorv_cowthread_abort(&f.cowthread), 0);
+    } else {
+      EXPECT_EQ(copying.wait() | waiting.wait(), 0);
+      EXPECT_EQ(start(snap), 0);
+    }
+  }
+}

@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Snaps when memory, files, the disk or the power fail. Whatever happens, the client's write
+// succeeds, and a snap is right or says that it is not.
+#include "snap/snap_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+using kernel::fault_site;
+
+namespace {
+
+struct fault_test : snap_test {
+  fault_test() : snap_test(2 * MiB) {}
+  bool valid(u32 snap) { return proc("zorv/zorv" + std::to_string(snap) + "/snap_valid") == "1\n"; }
+  void expect_right_or_invalid(u32 snap, const bytes& want) {
+    bytes out;
+    const int rc = client(snap).read(0, disk_bytes, &out);
+    if (valid(snap)) {
+      EXPECT_EQ(rc, 0);
+      EXPECT_TRUE(out == want);
+    } else {
+      EXPECT_EQ(rc, -EIO);
+      EXPECT_TRUE(log.has(line("Invalidating snap device zorv(100, %u)", snap)));
+    }
+  }
+};
+
+}  // namespace
+
+TEST_F(fault_test, a_failed_copy_invalidates_the_snap_and_the_older_ones_and_the_write_succeeds) {
+  struct {
+    const char* what;
+    std::function<void()> spoil;
+    const char* said;
+  } table[] = {{"HDD", [this] { disk.fail(MiB + 8192, 4096, memory_disk::direction::read, -EIO); },
+                "cow_chunks(): Failed to read 4096-byte block #258 from /dev/image/d0"},
+               {"no space", [] { kernel::fault_arm(fault_site::file_write, 1, -1, ENOSPC); },
+                "write_cowed_page(): Invalidating snap device zorv(100, 3)"},
+               {"data sync", [] { kernel::fault_arm(fault_site::file_sync, 1, 1, EIO); },
+                "cow_chunks(): Failed to sync "},
+               {"bit", [] { kernel::fault_arm(fault_site::file_write, 2, 1, EIO); },
+                "mark_chunk_cowed(): Invalidating snap device zorv(100, 3)"},
+               {"bit sync", [] { kernel::fault_arm(fault_site::file_sync, 2, 1, EIO); },
+                "cow_chunks(): Failed to sync "}};
+  for (const auto& t : table) {
+    const u32 a = add_started_snap(), b = add_snap();
+    const u32 n = add_started_snap({.minor = 3, .files = dir / "new"});
+    client c(filter);
+    log.clear();
+    t.spoil();
+    EXPECT_EQ(c.fill(MiB, 4096, 1), 0) << t.what;
+    kernel::fault_disarm_all();
+    disk.heal();
+    EXPECT_TRUE(log.has(t.said)) << t.what << "\n" << log.errors();
+    EXPECT_EQ(log.count("4096-byte block"), t.said[2] == 'w' && t.what[0] == 'H' ? 1 : 0);
+    EXPECT_EQ(disk.peek(MiB, 4096), bytes(4096, 1));
+    for (const u32 snap : {a, n}) EXPECT_FALSE(valid(snap)) << t.what;
+    EXPECT_FALSE(log.has("Invalidating snap device zorv(100, 2)")) << "it is stopped";
+    EXPECT_EQ(std::filesystem::file_size(dir / "new.cow"), 0U);
+    EXPECT_EQ(c.fill(MiB / 2, 4096, 1), 0) << "no write waits any more";
+    for (const u32 snap : {a, b, n}) {
+      EXPECT_EQ(stop(snap), 0);
+    }
+    for (const u32 snap : {n, b, a}) EXPECT_EQ(del(snap), 0);
+  }
+}
+
+TEST_F(fault_test, every_single_failure_of_a_start_or_a_copy_leaves_right_or_invalid_snaps) {
+  for (const auto site : {fault_site::alloc, fault_site::file_open, fault_site::file_write,
+                          fault_site::file_sync, fault_site::bio_read, fault_site::thread_create}) {
+    bool hit = true;
+    for (u64 n = 1; hit && n < 20000; n += n < 12 ? 1 : n / 3) {
+      const bytes before = disk.peek(0, disk_bytes);
+      const u32 snap = add_snap();
+      log.clear();
+      kernel::fault_arm(site, n, 1, site == fault_site::alloc ? ENOMEM : EIO);
+      const int rc = start(snap);
+      if (rc == 0) {
+        client c(filter);
+        EXPECT_EQ(c.fill((n % 16) * 100 * KiB, 200 * KiB, static_cast<u8>(n)), 0);
+      }
+      hit = kernel::fault_calls(site) >= n;
+      kernel::fault_disarm_all();
+      if (rc == 0) {
+        expect_right_or_invalid(snap, before);
+      } else {
+        EXPECT_EQ(proc("zorv/zorv1/started"), "0\n");
+        EXPECT_EQ(start(snap), 0) << "site " << static_cast<u32>(site) << " " << n << log.errors();
+        EXPECT_TRUE(valid(snap));
+      }
+      EXPECT_EQ(stop(filter), 0);
+      EXPECT_EQ(del(snap), 0);
+      EXPECT_EQ(start(filter), 0);
+    }
+    EXPECT_FALSE(hit) << static_cast<u32>(site);
+  }
+}
+
+TEST_F(fault_test, without_a_thread_nobody_waits_and_the_next_start_tries_again) {
+  for (const auto site : {fault_site::thread_create, fault_site::alloc}) {
+    const u32 a = add_snap();
+    // The thread's two allocations are the last of a start before the files are made.
+    u64 n = 1;
+    for (;; ++n) {
+      ASSERT_LT(n, 50U);
+      kernel::fault_arm(site, n, 1, ENOMEM);
+      const int rc = start(a);
+      kernel::fault_disarm_all();
+      if (rc == 0 && log.has("has no COW thread")) break;
+      EXPECT_EQ(stop(filter), 0);
+      EXPECT_EQ(start(filter), 0);
+    }
+    EXPECT_FALSE(valid(a));
+    EXPECT_EQ(client(filter).fill(0, 4096, 1), 0);
+    EXPECT_EQ(zorv_blkdev_arr[filter]->f.cowthread.pid.load(), 0);
+    const u32 b = add_started_snap();
+    EXPECT_TRUE(valid(b)) << "a later start has its thread";
+    EXPECT_EQ(client(filter).fill(MiB, 4096, 1), 0);
+    EXPECT_EQ(shown(b, MiB, 4096), pattern(MiB, 4096));
+    EXPECT_EQ(stop(filter), 0);
+    for (const u32 snap : {b, a}) EXPECT_EQ(del(snap), 0);
+    EXPECT_EQ(start(filter), 0);
+    disk.poke(0, pattern(0, disk_bytes));
+    log.clear();
+  }
+}
+
+TEST_F(fault_test, two_snaps_never_share_a_file) {
+  const u32 a = add_started_snap({.files = dir / "s"});
+  auto req = snap_request({.files = dir / "s"});
+  ASSERT_EQ(command(ZORV_ADD_SNAP_NODE, &req), 0);
+  EXPECT_EQ(start(2), -EBUSY);
+  EXPECT_TRUE(log.has("A COW file of zorv(100, 2) is used by zorv(100, 1)"));
+  std::strcpy(req.cow_bmp_fname, (dir / "one").c_str());
+  std::strcpy(req.cow_data_fname, (dir / "one").c_str());
+  req.snap_minor = 5, req.name[0] = 0;
+  ASSERT_EQ(command(ZORV_ADD_SNAP_NODE, &req), 0) << log.errors();
+  EXPECT_EQ(start(5), -EINVAL);
+  EXPECT_EQ(stop(a), 0);
+  EXPECT_EQ(start(2), 0);
+}
+
+TEST_F(fault_test, after_a_power_cut_every_chunk_is_on_the_disk_or_copied_and_recorded) {
+  for (int moment = 0; moment < 8; ++moment) {
+    const std::string files = dir / ("cut" + std::to_string(moment));
+    disk.heal();
+    disk.poke(0, pattern(0, disk_bytes));
+    kernel::fault_record_unsynced_begin();
+    const u32 snap = add_started_snap({.chunk_size = 16 * KiB, .files = files});
+    disk.serve(memory_disk::serving::by_worker);
+    std::vector<std::unique_ptr<pending_io>> ios;
+    {
+      client c(filter);
+      for (u64 i = 0; i < 40; ++i) {
+        ios.push_back(c.start_write(i * 37 % 100 * 20 * KiB, bytes(24 * KiB, 0xcc)));
+      }
+      EXPECT_TRUE(eventually([&] {
+        int done = 0;
+        for (auto& io : ios) done += io->done() ? 1 : 0;
+        return done >= moment * 5;
+      }));
+      // The disk stands still before the files do: what it has must have been recorded by then.
+      disk.fail(0, disk_bytes, memory_disk::direction::write, -EIO);
+      for (const auto site : {fault_site::file_open, fault_site::file_write, fault_site::file_sync})
+        kernel::fault_arm(site, 1, -1, EIO);
+      kernel::fault_power_cut();
+      const bytes bits = read_file(files + ".bmp"), data = read_file(files + ".cow");
+      ASSERT_EQ(data.size(), disk_bytes) << "files and names were synced at the start";
+      ASSERT_EQ(bits.size(), disk_bytes / (16 * KiB) / 8);
+      const bytes hdd = disk.peek(0, disk_bytes), want = pattern(0, disk_bytes);
+      for (u64 chunk = 0; chunk < disk_bytes / (16 * KiB); ++chunk) {
+        const bool copied = (bits[chunk / 8] >> chunk % 8 & 1) != 0;
+        const bytes& from = copied ? data : hdd;
+        EXPECT_EQ(std::memcmp(&from[chunk * 16 * KiB], &want[chunk * 16 * KiB], 16 * KiB), 0)
+            << "chunk " << chunk << (copied ? " copied" : " not copied");
+      }
+      for (auto& io : ios) (void)io->wait();
+    }
+    kernel::fault_disarm_all();
+    kernel::fault_record_unsynced_end();
+    disk.serve(memory_disk::serving::at_once);
+    EXPECT_EQ(del(snap), 0);
+  }
+}

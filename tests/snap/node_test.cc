@@ -1,0 +1,209 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Creating snap nodes, and resuming them on the files they have.
+#include "driver/core/log.h"
+#include "kernel/fs.h"
+#include "kernel/module.h"
+#include "snap/snap_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+
+namespace {
+
+struct node_test : snap_test {
+  int refused(const zorv_add_snap_req& asked) {
+    log.clear();
+    auto req = asked;
+    return command(ZORV_ADD_SNAP_NODE, &req);
+  }
+};
+
+}  // namespace
+
+TEST_F(node_test, what_was_asked_for_comes_back_with_what_was_chosen) {
+  auto req = snap_request({});
+  ASSERT_EQ(command(ZORV_ADD_SNAP_NODE, &req), 0) << log.errors();
+  EXPECT_EQ(req.snap_minor, 1);
+  EXPECT_STREQ(req.name, "zorv1");
+  EXPECT_EQ(std::string(req.uuid).size(), 38U);
+  EXPECT_NE(kernel::namespace_find("/dev/zorv/zorv1"), 0U);
+  const u32 named = add_snap({.minor = 77, .name = "backup", .uuid = "{u}"});
+  EXPECT_EQ(named, 77U);
+  EXPECT_EQ(kernel::namespace_find("/dev/zorv/backup"), kernel::mkdev(100, 77));
+  const auto i = info(77);
+  EXPECT_EQ(i.dev_type, ZORV_DEV_SNAP);
+  EXPECT_STREQ(i.uuid, "{u}");
+  EXPECT_EQ(proc("zorv/zorv0/snaps"), "1\n77\n") << "oldest first";
+}
+
+TEST_F(node_test, a_snap_that_cannot_be_is_refused_and_leaves_nothing) {
+  add_snap({.minor = 9});
+  const auto base = snap_request({});
+  struct {
+    std::function<void(zorv_add_snap_req&)> spoil;
+    int rc;
+    const char* said;
+  } table[] = {
+      {[](auto& r) { r.filter_minor = 5; }, -EINVAL, "Invalid filter node minor number 5 passed."},
+      {[](auto& r) { r.filter_minor = 9; }, -EINVAL, "Invalid filter node minor number 9 passed."},
+      {[](auto& r) { r.filter_minor = 4096; }, -EINVAL, "Invalid filter node minor number 4096"},
+      {[](auto& r) { r.chunk_size = 0; }, -EINVAL, "Chunk size must be a power of 2"},
+      {[](auto& r) { r.chunk_size = 12288; }, -EINVAL, "Chunk size must be a power of 2"},
+      {[](auto& r) { r.chunk_size = 1; }, -EINVAL,
+       "Chunk size must be a multiple of page size (4096B)"},
+      {[](auto& r) { r.chunk_size = 4096; }, -EINVAL,
+       "zorv(100, 0) already has one snap with chunk size 65536. All snaps must have identical"},
+      {[](auto& r) { r.snap_minor = 9; }, -EINVAL, "Device minor number 9 is already taken"},
+      {[](auto& r) { r.snap_minor = 256; }, -EINVAL, "Minor number 256 is too big: max=255"},
+      {[](auto& r) { r.cow_bmp_fname[0] = 0; }, -EINVAL, "Failed to get ID of the device with "},
+      {[](auto& r) { std::strcpy(r.cow_data_fname, "x"); }, -EINVAL, "device with x"},
+      {[](auto& r) { std::memset(r.name, 'n', sizeof(r.name)); }, -EINVAL, "is too long"},
+  };
+  for (auto& t : table) {
+    auto req = base;
+    t.spoil(req);
+    EXPECT_EQ(refused(req), t.rc) << t.said;
+    EXPECT_TRUE(log.has(t.said)) << t.said << "\n" << log.errors();
+  }
+  EXPECT_EQ(proc("zorv/zorv0/snaps"), "9\n");
+  // No allocation that fails leaves a half-made node.
+  int failures = 0;
+  for (u64 n = 1;; ++n) {
+    auto req = base;
+    kernel::fault_arm(kernel::fault_site::alloc, n, 1, ENOMEM);
+    const int rc = command(ZORV_ADD_SNAP_NODE, &req);
+    const bool hit = kernel::fault_calls(kernel::fault_site::alloc) >= n;
+    kernel::fault_disarm_all();
+    if (rc == 0) {
+      EXPECT_EQ(del(static_cast<u32>(req.snap_minor)), 0);
+    } else {
+      ++failures;
+      EXPECT_EQ(proc("zorv/zorv0/snaps"), "9\n") << n;
+    }
+    if (!hit) break;
+  }
+  EXPECT_GE(failures, 3);
+  EXPECT_EQ(add_snap(), 1U);
+}
+
+TEST_F(node_test, chunks_grow_with_the_volume_until_their_numbers_fit) {
+  struct {
+    u64 size;
+    u32 asked, used;
+  } table[] = {{1ULL << 40, 4096, 4096},
+               {(4ULL << 40), 4096, 4096},
+               {(4ULL << 40) + 512, 4096, 8192},
+               {5ULL << 40, 4096, 8192}};
+  int n = 0;
+  for (const auto& t : table) {
+    memory_disk big("big" + std::to_string(n++), t.size);
+    const u32 f = add_filter(big.path(), {.extent_size = 1U << 24});
+    auto req = snap_request({.chunk_size = t.asked});
+    req.filter_minor = f;
+    log.clear();
+    ASSERT_EQ(command(ZORV_ADD_SNAP_NODE, &req), 0) << log.errors();
+    EXPECT_EQ(req.chunk_size, t.used) << t.size;
+    EXPECT_EQ(log.count("Chunk size 4096 is too small for such a large volume"),
+              t.used != t.asked ? 1 : 0);
+    EXPECT_EQ(log.count("We have automatically increased it to 8192"), t.used != t.asked ? 1 : 0);
+    auto second = snap_request({.chunk_size = t.asked});
+    second.filter_minor = f;
+    EXPECT_EQ(command(ZORV_ADD_SNAP_NODE, &second), t.used != t.asked ? -EINVAL : 0)
+        << "the requested size is compared";
+    EXPECT_EQ(del(f), 0);
+  }
+}
+
+TEST_F(node_test, a_filter_carries_256_snaps) {
+  unload();
+  ASSERT_EQ(kernel::module_param_set("zorv_max_blk_minor", "400"), 0);
+  load();
+  filter = add_started_filter(disk.path());
+  for (int i = 0; i < 256; ++i) add_snap();
+  EXPECT_EQ(refused(snap_request({})), -ENOSPC);
+  EXPECT_TRUE(log.has("Too many snaps already associated with zorv(100, 0)."));
+}
+
+namespace {
+
+// What the resolver below says about every host path.
+devt lives_on = 0;
+
+}  // namespace
+
+TEST_F(node_test, cow_files_that_would_make_the_thread_wait_for_itself_are_refused) {
+  kernel::set_fs_device_resolver([](u32, u32) { return lives_on; });
+  memory_disk other_disk("d1", disk_bytes);
+  const u32 other = add_started_filter(other_disk.path());
+  const auto on = [](u32 minor) { return kernel::mkdev(100, minor); };
+  auto mine = snap_request({});
+  auto others = snap_request({});
+  others.filter_minor = other;
+
+  lives_on = on(filter);
+  EXPECT_EQ(refused(mine), -EINVAL);
+  EXPECT_TRUE(log.has("can't be on the partition being snapped!"));
+  lives_on = on(other);
+  ASSERT_EQ(command(ZORV_ADD_SNAP_NODE, &mine), 0) << "a node with no snaps waits for nobody";
+  lives_on = on(filter);
+  EXPECT_EQ(refused(others), -EINVAL) << "its snap's copies would wait for the first filter's";
+  EXPECT_TRUE(log.has("writing it would have to wait for zorv(100, 1)")) << log.errors();
+  lives_on = on(static_cast<u32>(mine.snap_minor));
+  EXPECT_EQ(refused(others), -EINVAL) << "on a snap of such a filter";
+  auto again = snap_request({});
+  EXPECT_EQ(refused(again), -EINVAL) << "on a snap of the filter itself";
+  kernel::set_fs_device_resolver(nullptr);
+}
+
+TEST_F(node_test, a_resumed_snap_shows_what_was_copied_before_it_stopped) {
+  const snap_options o{.files = dir / "kept"};
+  u32 snap = add_started_snap(o);
+  {
+    client c(filter);
+    EXPECT_EQ(c.fill(100 * KiB, 64 * KiB, 1), 0);
+    EXPECT_EQ(c.fill(7 * MiB, MiB, 2), 0);
+  }
+  expect_unchanged(snap);
+  unload();
+  load();
+  filter = add_started_filter(disk.path());
+  snap = add_snap(o);
+  EXPECT_EQ(stop(filter), 0);
+  ASSERT_EQ(resume(snap), 0) << log.errors();  // starts its filter
+  EXPECT_TRUE(log.has("zorv_ioctl_resume_snap(): Resuming snap zorv(100, 1)"));
+  expect_unchanged(snap);
+  EXPECT_EQ(client(filter).fill(100 * KiB, 256 * KiB, 3), 0);
+  expect_unchanged(snap);
+  EXPECT_EQ(resume(snap), -EALREADY);
+  EXPECT_EQ(resume(filter), -EINVAL);
+  EXPECT_TRUE(log.has("zorv(100, 0) is not a snap device"));
+  EXPECT_EQ(resume(200), -EINVAL);
+}
+
+TEST_F(node_test, a_resume_on_lost_files_fails_or_leaves_the_snap_invalid) {
+  const u32 snap = add_snap({.files = dir / "s"});
+  EXPECT_EQ(resume(snap), -EIO) << "there are no files yet";
+  EXPECT_EQ(proc("zorv/zorv1/started"), "0\n");
+  ASSERT_EQ(start(snap), 0);
+  EXPECT_EQ(client(filter).fill(0, MiB, 1), 0);
+  for (const std::string which : {"s.bmp", "s.cow"}) {
+    EXPECT_EQ(stop(snap), 0);
+    write_file(dir / which, bytes(10));
+    ASSERT_EQ(resume(snap), 0);
+    EXPECT_TRUE(log.has("The COW files of zorv(100, 1) are shorter than they were made"));
+    EXPECT_TRUE(log.has("Invalidating snap device zorv(100, 1)"));
+    bytes out;
+    EXPECT_EQ(client(snap).read(0, 4096, &out), -EIO);
+    EXPECT_EQ(client(filter).fill(0, MiB, 2), 0) << "no write waits for it";
+  }
+  EXPECT_EQ(stop(snap), 0);
+  for (u64 n = 1; n <= 12; ++n) {
+    for (const auto site : {kernel::fault_site::file_open, kernel::fault_site::file_read}) {
+      kernel::fault_arm(site, n, 1, EIO);
+      const int rc = resume(snap);
+      kernel::fault_disarm_all();
+      EXPECT_TRUE(rc == 0 || rc == -EIO);
+      EXPECT_EQ(stop(snap), 0);
+    }
+  }
+}
