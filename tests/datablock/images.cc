@@ -323,11 +323,17 @@ image_disk::image_disk(const fs_image& image, u64 extra_bytes)
     }
   }
   ::close(fd);
-  bdev_ = kernel::open_by_devnum(disk_.dev(), kernel::FMODE_READ);
-  EXPECT_FALSE(kernel::is_err(bdev_));
 }
 
-image_disk::~image_disk() { kernel::blkdev_put(bdev_, kernel::FMODE_READ); }
+image_disk::~image_disk() {
+  if (bdev_ != nullptr) kernel::blkdev_put(bdev_, kernel::FMODE_READ);
+}
+
+kernel::block_device* image_disk::bdev() {
+  if (bdev_ == nullptr) bdev_ = kernel::open_by_devnum(disk_.dev(), kernel::FMODE_READ);
+  EXPECT_FALSE(kernel::is_err(bdev_));
+  return bdev_;
+}
 
 bool map_result::all_set() const {
   return std::all_of(chunks.begin(), chunks.end(), [](bool b) { return b; });

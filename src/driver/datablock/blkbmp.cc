@@ -50,29 +50,33 @@ struct fragment_array {
 
 // Takes away what the map holds; builds that are under way will not be published.
 void make_empty(zorv_blkbmp* b) {
-  sa* frags = nullptr;
-  s32 cnt = 0;
   {
     kernel::spin_guard guard(&b->lock);
     b->valid.store(0, std::memory_order_seq_cst);
     ++b->generation;
-    std::swap(frags, b->frags);
-    std::swap(cnt, b->frag_cnt);
-    b->chunk_cnt = 0;
     b->frozen.store(0, std::memory_order_relaxed);
   }
-  if (frags == nullptr) return;
-  // A look-up takes nanoseconds and an export milliseconds.
+  // Whoever still saw the map as valid goes on using it: a look-up takes nanoseconds, an export
+  // milliseconds.
   while (b->users.load(std::memory_order_seq_cst) != 0) {
     kernel::set_current_state(kernel::TASK_UNINTERRUPTIBLE);
     kernel::schedule_timeout(1);
+  }
+  sa* frags = nullptr;
+  s32 cnt = 0;
+  {
+    kernel::spin_guard guard(&b->lock);
+    // Nothing is published over fragments that have not been taken away.
+    std::swap(frags, b->frags);
+    std::swap(cnt, b->frag_cnt);
+    b->chunk_cnt = 0;
   }
   fragment_array::free(frags, cnt);
 }
 
 bool publish(zorv_blkbmp* b, u32 generation, fragment_array* built, u32 chunk_cnt) {
   kernel::spin_guard guard(&b->lock);
-  if (b->generation != generation || b->valid.load(std::memory_order_relaxed) != 0) return false;
+  if (b->generation != generation || b->frags != nullptr) return false;
   b->frags = built->frags;
   b->frag_cnt = built->cnt;
   b->chunk_cnt = chunk_cnt;
