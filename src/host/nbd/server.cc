@@ -141,12 +141,12 @@ void nbd_server::impl::take(int fd) {
   std::unique_lock guard(lock);
   for (connection& c : finished_locked()) c.thread.join();
   if (connections.size() >= options.max_connections) {
-    ::close(fd);
     if (!told_full) {
       kernel::printk("<3>ERROR: zorvd: NBD connections are refused: there are %u already.\n",
                      options.max_connections);
     }
     told_full = true;
+    ::close(fd);
     return;
   }
   told_full = false;

@@ -1,0 +1,221 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Image files as disks: who may attach what, and what reaches the file.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "host/disk/disk.h"
+#include "kernel/fault.h"
+#include "kernel/fs.h"
+#include "kernel/uaccess.h"
+#include "support/driver_fixture.h"
+
+namespace zorv_test {
+
+using zorv::access;
+
+class image_test : public ::testing::Test {
+ protected:
+  void SetUp() override { kernel::fault_disarm_all(); }
+  void TearDown() override {
+    kernel::fault_disarm_all();
+    zorv::image_detach_all();
+    EXPECT_TRUE(zorv::image_list().empty());
+  }
+  std::string make(const std::string& name, u64 size) {
+    write_file(dir / name, {});
+    std::filesystem::resize_file(dir / name, size);
+    return dir / name;
+  }
+  int attach(const std::string& path, const std::string& name = "",
+             access mode = access::read_write) {
+    return zorv::image_attach(path, name, mode, &error, &used);
+  }
+  static client open(const std::string& name) {
+    return client(open_error(name, kernel::FMODE_READ | kernel::FMODE_WRITE));
+  }
+  static kernel::block_device* open_error(const std::string& name, kernel::fmode_t mode) {
+    return kernel::open_by_devnum(kernel::namespace_find("/dev/image/" + name), mode);
+  }
+  static void drop_cache(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    ::fdatasync(fd);
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    ::close(fd);
+  }
+
+  temp_dir dir;
+  log_capture log;
+  std::string error, used;
+};
+
+TEST_F(image_test, is_attached_listed_and_detached_by_name) {
+  ASSERT_EQ(attach(make("vm.raw", 1 << 20)), 0) << error;
+  EXPECT_EQ(used, "vm");
+  ASSERT_EQ(attach(make("other.raw", 4096), "second", access::read_only), 0) << error;
+  const auto list = zorv::image_list();
+  ASSERT_EQ(list.size(), 2U);
+  EXPECT_EQ(list[0].path, std::filesystem::canonical(dir / "vm.raw"));
+  EXPECT_EQ(list[0].size_bytes, 1U << 20);
+  EXPECT_TRUE(list[1].read_only);
+  EXPECT_EQ(kernel::namespace_list("/dev/image").size(), 2U);
+  {
+    const client c = open("vm");
+    EXPECT_EQ(zorv::image_list()[0].openers, 1);
+    EXPECT_EQ(zorv::image_detach("vm", &error), -EBUSY);
+    zorv::image_detach_all();
+    EXPECT_EQ(zorv::image_list().size(), 1U);
+  }
+  EXPECT_EQ(zorv::image_detach("vm", &error), 0);
+  EXPECT_EQ(zorv::image_detach("vm", &error), -ENOENT);
+  EXPECT_EQ(kernel::namespace_find("/dev/image/vm"), 0U);
+  EXPECT_EQ(attach(dir / "vm.raw"), 0) << error;
+}
+
+TEST_F(image_test, refusals_say_why_and_leave_nothing) {
+  ASSERT_EQ(attach(make("one.raw", 8192)), 0);
+  std::filesystem::create_hard_link(dir / "one.raw", dir / "link.raw");
+  std::filesystem::create_directory(dir / "folder");
+  ::mkfifo((dir / "pipe").c_str(), 0600);
+  const int locked = ::open(make("locked.raw", 8192).c_str(), O_RDWR);
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  ASSERT_EQ(::fcntl(locked, F_OFD_SETLK, &whole), 0);
+  const struct {
+    const char* file;
+    std::string name;
+    int result;
+  } table[] = {
+      {"missing.raw", "", -ENOENT},  {"folder", "", -EISDIR},
+      {"pipe", "", -EINVAL},         {"locked.raw", "", -EBUSY},
+      {"link.raw", "", -EBUSY},      {"fresh.raw", "one", -EEXIST},
+      {"fresh.raw", "a/b", -EINVAL}, {"fresh.raw", "..", -EINVAL},
+      {"fresh.raw", "a b", -EINVAL}, {"fresh.raw", std::string(128, 'x'), -EINVAL},
+      {"short.raw", "", -EINVAL},
+  };
+  make("fresh.raw", 8192);
+  make("short.raw", 511);
+  for (const auto& t : table) {
+    error.clear();
+    EXPECT_EQ(attach(dir / t.file, t.name), t.result) << t.file << " " << t.name;
+    EXPECT_FALSE(error.empty()) << t.file;
+  }
+  EXPECT_EQ(zorv::image_list().size(), 1U);
+  EXPECT_EQ(kernel::namespace_list("/dev/image").size(), 1U);
+  // Whatever memory runs out at, the file can be attached afterwards.
+  for (u64 n = 1; n < 100; ++n) {
+    kernel::fault_arm(kernel::fault_site::alloc, n, 1, ENOMEM);
+    const int rc = attach(dir / "fresh.raw");
+    kernel::fault_disarm_all();
+    if (rc == 0) break;
+    EXPECT_EQ(rc, -ENOMEM) << n;
+  }
+  EXPECT_EQ(zorv::image_detach("fresh", &error), 0) << error;
+  ::close(locked);
+  EXPECT_EQ(attach(dir / "locked.raw"), 0) << error;
+}
+
+TEST_F(image_test, what_is_written_is_in_the_file_and_read_back_warm_and_cold) {
+  const std::string path = make("vm.raw", 8 << 20);
+  ASSERT_EQ(attach(path), 0);
+  client c = open("vm");
+  bytes want(8 << 20);
+  for (u32 i = 0; i < 40; ++i) {
+    const u64 offset = u64{i} * 77 % 2000 * 4096 + (i % 8) * 512;
+    const bytes data(512 * (1 + i * 37 % 500), static_cast<u8>(i + 1));
+    std::copy(data.begin(), data.end(), want.begin() + static_cast<long>(offset));
+    ASSERT_EQ(c.write(offset, data, i % 5 == 0 ? kernel::REQ_FUA : 0), 0);
+  }
+  ASSERT_EQ(c.flush(), 0);
+  EXPECT_TRUE(read_file(path) == want);
+  EXPECT_TRUE(c.get(0, want.size()) == want);
+  drop_cache(path);
+  EXPECT_TRUE(c.get(0, want.size()) == want);
+}
+
+TEST_F(image_test, many_threads_share_a_cold_disk) {
+  const std::string path = make("vm.raw", 16 << 20);
+  ASSERT_EQ(attach(path), 0);
+  std::vector<std::thread> threads;
+  for (u8 t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &path] {
+      client c = open("vm");
+      for (u64 i = t; i < 256; i += 4) {
+        EXPECT_EQ(c.fill(i * 65536, 65536, static_cast<u8>(i)), 0);
+        if (i % 64 == t) {
+          EXPECT_EQ(c.flush(), 0);
+          drop_cache(path);
+        }
+        EXPECT_EQ(c.get(i * 65536, 65536), bytes(65536, static_cast<u8>(i)));
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+}
+
+TEST_F(image_test, a_shrunk_file_is_an_error_and_is_never_extended) {
+  const std::string path = make("vm.raw", 1 << 20);
+  ASSERT_EQ(attach(path), 0);
+  client c = open("vm");
+  ASSERT_EQ(c.fill(0, 1 << 20, 7), 0);
+  std::filesystem::resize_file(path, 500 * 1024 + 100);
+  bytes out;
+  EXPECT_EQ(c.read(512 * 1024, 4096, &out), -EIO);
+  EXPECT_EQ(c.read(496 * 1024, 8192, &out), -EIO);  // the end is inside
+  EXPECT_EQ(c.get(490 * 1024, 4096), bytes(4096, 7));
+  EXPECT_EQ(c.fill(512 * 1024, 4096, 8), -EIO);
+  EXPECT_EQ(c.fill(500 * 1024, 4096, 8), -EIO);
+  EXPECT_EQ(c.write(512 * 1024, bytes(4096, 8), kernel::REQ_FUA), -EIO);
+  // Of neighbours that were sent together, those before the end are served.
+  kernel::request_queue* q = kernel::bdev_get_queue(c.bdev());
+  const auto unplug = q->unplug.exchange(nullptr);
+  auto before = c.start_write(496 * 1024, bytes(4096, 9));
+  auto across = c.start_write(500 * 1024, bytes(4096, 9));
+  q->unplug = unplug;
+  kernel::blk_unplug(q);
+  EXPECT_EQ(before->wait(), 0);
+  EXPECT_EQ(across->wait(), -EIO);
+  EXPECT_EQ(c.get(496 * 1024, 4096), bytes(4096, 9));
+  EXPECT_EQ(std::filesystem::file_size(path), 500U * 1024 + 100);
+}
+
+TEST_F(image_test, a_broken_tail_is_not_served_and_read_only_is_read_only) {
+  make("tail.raw", 10000);
+  std::filesystem::permissions(dir / "tail.raw", std::filesystem::perms::owner_read);
+  ASSERT_EQ(attach(dir / "tail.raw", "", access::read_only), 0) << error;
+  EXPECT_TRUE(log.has("the last 272 bytes"));
+  EXPECT_EQ(zorv::image_list()[0].size_bytes, 9728U);
+  EXPECT_EQ(open_error("tail", kernel::FMODE_WRITE), kernel::err_ptr<kernel::block_device>(-EROFS));
+  kernel::block_device* bdev = open_error("tail", kernel::FMODE_READ);
+  ASSERT_FALSE(kernel::is_err(bdev));
+  EXPECT_EQ(bdev->bd_disk->capacity_sectors.load(), 19U);
+  kernel::blkdev_put(bdev, kernel::FMODE_READ);
+}
+
+TEST_F(image_test, block_ioctls_are_answered) {
+  ASSERT_EQ(attach(make("vm.raw", 1 << 20)), 0);
+  const client c = open("vm");
+  const kernel::user_space_scope scope(kernel::own_user_space());
+  const auto ask = [&c](u32 command, void* to) {
+    return c.bdev()->bd_disk->fops->ioctl(c.bdev(), 3, command, reinterpret_cast<u64>(to));
+  };
+  u64 wide = 0;
+  s32 narrow[2] = {-1, -1};
+  EXPECT_EQ(ask(0x1260, &wide), 0);
+  EXPECT_EQ(wide, 2048U);
+  EXPECT_EQ(ask(0x1268, narrow), 0);
+  EXPECT_EQ(narrow[0], 512);
+  EXPECT_EQ(ask(0x80081270, narrow), 0);
+  EXPECT_EQ(narrow[0], 4096);
+  EXPECT_EQ(narrow[1], -1);
+  EXPECT_EQ(ask(0x125e, narrow), 0);
+  EXPECT_EQ(narrow[0], 0);
+  EXPECT_EQ(ask(0x1261, nullptr), 0);
+  EXPECT_EQ(ask(0x1260, nullptr), -EFAULT);
+  EXPECT_EQ(ask(0x1269, &wide), -ENOTTY);
+}
+
+}  // namespace zorv_test
