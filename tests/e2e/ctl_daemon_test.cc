@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// zorvd as a service: how it starts, refuses to start, and ends.
+#include <libnbd.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include "support/daemon.h"
+#include "zorv/client.h"
+
+using namespace zorv_test;
+
+namespace {
+
+unsigned mode_of(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777U : 0;
+}
+
+// Started and expected not to serve.
+void expect_refused(const std::vector<std::string>& args, int status, const std::string& reason,
+                    const std::string& run_dir = "") {
+  SCOPED_TRACE(reason);
+  daemon_process d(args, run_dir);
+  EXPECT_FALSE(d.serving());
+  EXPECT_EQ(d.wait(), status);
+  EXPECT_NE(d.log().find(reason), std::string::npos) << d.log();
+  if (run_dir.empty()) {
+    EXPECT_EQ(mode_of(d.control()), 0U);
+  }
+}
+
+struct ctl_daemon : testing::Test {
+  temp_dir dir;
+  std::string image = dir / "disk.img";
+  void SetUp() override { make_image(image, 16 << 20); }
+
+  void add_data(daemon_process* d) const {
+    d->must(
+        {"add-filter", "disk", "--extent-size", "64K", "--bmp-dir", dir.path(), "--name", "data"});
+    d->must({"start", "data"});
+  }
+  static void write(const daemon_process& d, const std::string& what) {
+    const auto r = run_program({"qemu-io", "-f", "raw", "-c", "write -q " + what, d.uri("data")});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+  }
+  static std::string changed(daemon_process* d, const char* type) {
+    return d->must({"bmp", "show", "data", type});
+  }
+};
+
+}  // namespace
+
+TEST_F(ctl_daemon, serves_its_owner_alone_and_leaves_nothing_behind) {
+  for (const int number : {SIGTERM, SIGINT}) {
+    daemon_process d({"--disk", image});
+    ASSERT_TRUE(d.serving()) << d.log();
+    EXPECT_EQ(mode_of(d.run_dir()), 0700U);
+    EXPECT_EQ(mode_of(d.control()), 0600U);
+    EXPECT_EQ(mode_of(d.run_dir() + "/nbd.sock"), 0600U);
+    zorv_handle* idle = zorv_open(d.control().c_str());
+    EXPECT_NE(idle, nullptr);
+    d.signal(number);
+    EXPECT_EQ(d.end(number), 0) << d.log();
+    EXPECT_EQ(mode_of(d.control()), 0U);
+    EXPECT_EQ(mode_of(d.run_dir() + "/nbd.sock"), 0U);
+    zorv_close(idle);
+  }
+}
+
+TEST_F(ctl_daemon, one_daemon_per_directory_and_per_image) {
+  daemon_process first({"--disk", image});
+  ASSERT_TRUE(first.serving()) << first.log();
+  expect_refused({}, 1, "another zorvd (process " + std::to_string(first.pid()), first.run_dir());
+  expect_refused({"--disk", image}, 1, "cannot attach " + image);
+  EXPECT_NE(first.must({"disks"}).find(image), std::string::npos);
+  // A killed daemon's sockets are in nobody's way.
+  first.end(SIGKILL);
+  EXPECT_EQ(mode_of(first.control()), 0600U);
+  daemon_process second({"--disk", image}, first.run_dir());
+  EXPECT_TRUE(second.serving()) << second.log();
+}
+
+TEST_F(ctl_daemon, what_it_cannot_do_is_said) {
+  expect_refused({"--nonsense"}, 2, "--nonsense");
+  expect_refused({"nonsense"}, 2, "nonsense is no NAME=VALUE");
+  expect_refused({"zorv_nothing=1"}, 1, "no parameter zorv_nothing");
+  expect_refused({"zorv_debug=2x"}, 1, "parameter zorv_debug");
+  expect_refused({"zorv_max_blk_minor=-1"}, 1, "parameter zorv_max_blk_minor");
+  expect_refused({"zorv_blk_major=70000"}, 1, "does not load");
+  expect_refused({"--disk", dir / "none"}, 1, "cannot attach");
+  expect_refused({"--config", dir / "none"}, 2, "none");
+  expect_refused({}, 1, "too long", dir / std::string(150, 'x'));
+  write_file(dir / "file", {});
+  expect_refused({}, 1, "run directory", dir / "file");
+}
+
+TEST_F(ctl_daemon, a_file_may_hold_what_the_command_line_may) {
+  const std::string text = "disk=[\"" + image + ",name=one,read-only\"]\nzorv_max_blk_minor=15\n" +
+                           "zorv_debug=3\nzorv_chr_major=0\n";
+  write_file(dir / "conf", bytes(text.begin(), text.end()));
+  daemon_process d({"--config", dir / "conf", "zorv_debug=2"});
+  ASSERT_TRUE(d.serving()) << d.log();
+  EXPECT_EQ(d.must({"proc", "cat", "debug"}), "2\n") << "the command line wins";
+  EXPECT_NE(d.must({"proc", "cat", "chr_major"}), "0\n");
+  EXPECT_TRUE(d.ctl_json({"disks"}).at(0).at("read_only"));
+  d.ctl_json(
+      {"add-filter", "one", "--extent-size", "64K", "--bmp-dir", dir.path(), "--minor", "16"}, 1);
+}
+
+TEST_F(ctl_daemon, bitmaps_outlive_a_clean_end_and_not_a_crash) {
+  const std::string one = "65536 65536\ntotal 65536 of 16777216 bytes in 1 range\n";
+  const std::string all = "0 16777216\ntotal 16777216 of 16777216 bytes in 1 range\n";
+  {
+    daemon_process d({"--disk", image});
+    add_data(&d);
+    EXPECT_EQ(changed(&d, "incr"), all) << "nothing is known at first";
+    d.must({"bmp", "clear", "data", "incr"});
+    d.must({"bmp", "clear", "data", "diff"});
+    write(d, "64k 512");
+    EXPECT_EQ(changed(&d, "incr"), one);
+    EXPECT_EQ(d.end(SIGTERM), 0) << d.log();
+  }
+  {
+    daemon_process d({"--disk", image});
+    add_data(&d);
+    EXPECT_EQ(changed(&d, "incr"), one);
+    EXPECT_EQ(changed(&d, "diff"), one);
+    // With the node open nothing saves the bitmaps, and no old save may count.
+    nbd_handle* nbd = nbd_create();
+    EXPECT_EQ(nbd_connect_uri(nbd, d.uri("data").c_str()), 0) << nbd_get_error();
+    EXPECT_EQ(nbd_pwrite(nbd, std::string(512, 'x').data(), 512, 1 << 20, 0), 0);
+    d.end(SIGKILL);
+    nbd_close(nbd);
+  }
+  daemon_process d({"--disk", image});
+  add_data(&d);
+  EXPECT_EQ(changed(&d, "incr"), all);
+  EXPECT_EQ(changed(&d, "diff"), all);
+}

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Block devices of the host behind a filter. Loop devices stand for them where this machine lets
+// us have some; the cases that need one say so and check the refusals of a host without.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <iostream>
+
+#include "support/daemon.h"
+
+using namespace zorv_test;
+using testing::HasSubstr;
+
+namespace {
+
+class loop_device {
+ public:
+  explicit loop_device(const std::string& image) {
+    const program_result r = run_program({"losetup", "--find", "--show", image});
+    if (r.status == 0) path_ = r.out.substr(0, r.out.find('\n'));
+    std::cout << (path_.empty() ? "no loop devices here: refusals only\n"
+                                : "host block device: " + path_ + "\n");
+  }
+  ~loop_device() {
+    if (!path_.empty()) EXPECT_EQ(run_program({"losetup", "--detach", path_}).status, 0);
+  }
+  loop_device(const loop_device&) = delete;
+  loop_device& operator=(const loop_device&) = delete;
+  [[nodiscard]] bool there() const { return !path_.empty(); }
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// Opens alone, as a mount would; -1 while somebody else has it.
+int open_alone(const std::string& path) { return ::open(path.c_str(), O_RDWR | O_EXCL); }
+
+struct ctl_host_disk : testing::Test {
+  temp_dir dir;
+  daemon_process d;
+  program_result add(const std::string& device) {
+    return d.ctl(
+        {"add-filter", device, "--extent-size", "64K", "--bmp-dir", dir.path(), "--name", "data"});
+  }
+};
+
+}  // namespace
+
+TEST_F(ctl_host_disk, is_held_while_a_node_stands_over_it) {
+  EXPECT_THAT(add("/dev/null").err, HasSubstr("/dev/null is not a block device."));
+  EXPECT_THAT(add(dir / "none").err, HasSubstr("Unable to lookup"));
+  make_image(dir / "disk.img", 8 << 20);
+  const loop_device loop(dir / "disk.img");
+  if (!loop.there()) return;
+
+  ASSERT_EQ(add(loop.path()).status, 0) << d.log();
+  EXPECT_EQ(open_alone(loop.path()), -1) << "the disk is ours";
+  EXPECT_EQ(d.ctl_json({"info", "data"}).at("dev_size"), 8 << 20);
+  d.must({"start", "data"});
+  d.must({"bmp", "clear", "data", "incr"});
+  const auto io = run_program(
+      {"qemu-io", "-f", "raw", "-c", "write -q -P 90 1M 4k", "-c", "flush", d.uri("data")});
+  EXPECT_EQ(io.status, 0) << io.out << io.err;
+  EXPECT_EQ(read_file(dir / "disk.img")[(1 << 20) + 17], 90);
+  EXPECT_THAT(d.must({"bmp", "show", "data", "incr"}), HasSubstr("1048576 65536\n"));
+  d.must({"stop", "data"});
+  d.must({"del", "data"});
+  const int fd = open_alone(loop.path());
+  EXPECT_GE(fd, 0) << "the disk is free again";
+
+  EXPECT_THAT(add(loop.path()).err, HasSubstr("Can't attach to an open HDD device"));
+  ::close(fd);
+  ASSERT_EQ(run_program({"losetup", "--detach", loop.path()}).status, 0);
+  ASSERT_EQ(run_program({"losetup", "--read-only", loop.path(), dir / "disk.img"}).status, 0);
+  EXPECT_THAT(add(loop.path()).err, HasSubstr("Unable to open HDD device"));
+  EXPECT_EQ(d.end(SIGTERM), 0);
+}
+
+TEST_F(ctl_host_disk, mounted_ones_are_refused) {
+  make_image(dir / "disk.img", 8 << 20);
+  const loop_device loop(dir / "disk.img");
+  if (!loop.there()) return;
+  ASSERT_EQ(run_program({"mke2fs", "-q", loop.path()}).status, 0);
+  ASSERT_EQ(::mkdir((dir / "mnt").c_str(), 0700), 0);
+  const bool mounted = run_program({"mount", loop.path(), dir / "mnt"}).status == 0;
+  std::cout << (mounted ? "mounted\n" : "no mounting here: nothing to refuse\n");
+  if (!mounted) return;
+  EXPECT_THAT(add(loop.path()).err, HasSubstr("Can't attach to mounted HDD device"));
+  EXPECT_THAT(d.ctl({"datablock", "test", loop.path()}).err, HasSubstr("mounted"));
+  EXPECT_EQ(run_program({"umount", dir / "mnt"}).status, 0);
+  EXPECT_EQ(add(loop.path()).status, 0) << d.log();
+  EXPECT_EQ(d.end(SIGTERM), 0);
+}

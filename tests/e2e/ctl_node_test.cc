@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Nodes, disks and the status tree as zorvctl shows them, to people and to scripts.
+#include <gmock/gmock.h>
+
+#include "support/daemon.h"
+
+using namespace zorv_test;
+using nlohmann::json;
+using testing::HasSubstr;
+
+namespace {
+
+struct ctl_node : testing::Test {
+  temp_dir dir;
+  std::string image = dir / "disk.img";
+  std::unique_ptr<daemon_process> d;
+
+  void SetUp() override {
+    make_image(image, 1000000);
+    d = std::make_unique<daemon_process>(std::vector<std::string>{"--disk", image + ",name=disk"});
+    ASSERT_TRUE(d->serving()) << d->log();
+  }
+  void TearDown() override { EXPECT_EQ(d->end(SIGTERM), 0) << d->log(); }
+  json add(const std::string& name, const std::string& device = "disk") {
+    return d->ctl_json(
+        {"add-filter", device, "--extent-size", "64K", "--bmp-dir", dir.path(), "--name", name});
+  }
+};
+
+}  // namespace
+
+TEST_F(ctl_node, a_filter_lives_and_goes) {
+  const json made = add("my data");
+  EXPECT_EQ(made.at("minor"), 0);
+  EXPECT_EQ(made.at("uuid").get<std::string>().size(), 38U);
+  EXPECT_EQ(made.at("extent_size"), 65536);
+  EXPECT_EQ(made.at("bmp_dir"), dir.path());
+  EXPECT_THAT(d->must({"list"}), HasSubstr("my data  filter  stopped  976K   64K"));
+  d->must({"start", "my data"});
+  const json info = d->ctl_json({"info", "0"});
+  EXPECT_EQ(info.at("name"), "my data");
+  EXPECT_EQ(info.at("started"), 1);
+  EXPECT_EQ(info.at("dev_size"), 999936) << "whole sectors";
+  EXPECT_EQ(info.at("extent_cnt"), 16);
+  EXPECT_EQ(info.at("hdd_name"), "/dev/image/disk");
+  EXPECT_EQ(info.at("snap_minors"), json::array());
+  EXPECT_EQ(info.at("uri"), "nbd+unix:///my%20data?socket=" + d->run_dir() + "/nbd.sock");
+  EXPECT_THAT(d->must({"info", "my data"}), HasSubstr("everything changed"));
+  EXPECT_EQ(d->must({"uri", "0"}), info.at("uri").get<std::string>() + "\n");
+  EXPECT_EQ(d->ctl_json({"list", "filter"}).size(), 1U);
+  EXPECT_EQ(d->ctl_json({"list", "snap"}), json::array());
+  d->must({"stop", "my data"});
+  d->must({"del", "0"});
+  EXPECT_EQ(d->must({"list"}), "no nodes\n");
+}
+
+TEST_F(ctl_node, refusals_have_a_reason_and_a_status) {
+  add("data");
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    int number;  // errno, 0: none
+    const char* reason;
+  } cases[] = {
+      {{"start", "7"}, 1, EINVAL, "Nothing is known about zorv(100, 7)"},
+      {{"start", "nobody"}, 1, ENOENT, "no node named nobody"},
+      {{"info", "99999999999"}, 2, 0, "too large"},
+      {{"add-filter", "disk", "--extent-size", "64K", "--bmp-dir", "/"}, 1, EINVAL, "duplicate"},
+      {{"add-filter", "none", "--extent-size", "64K", "--bmp-dir", "/"}, 1, ENOENT, "lookup"},
+      {{"add-filter", image, "--extent-size", "64K", "--bmp-dir", "/"},
+       1,
+       EINVAL,
+       "is not a block device"},
+      {{"add-filter", "disk", "--extent-size", "64X", "--bmp-dir", "/"}, 2, 0, "64X is no size"},
+      {{"add-filter", "disk", "--extent-size", "4G", "--bmp-dir", "/"}, 2, 0, "too large"},
+      {{"add-filter", "disk", "--bmp-dir", "/"}, 2, 0, "--extent-size"},
+      {{"add-filter", "disk", "--extent-size", "4K", "--bmp-dir", "/", "--name",
+        std::string(128, 'n')},
+       2,
+       0,
+       "--name is too long"},
+      {{"add-snap", "data", "--chunk-size", "64K"}, 2, 0, "give --cow-dir"},
+      {{"add-snap", "data", "--chunk-size", "64K", "--cow-dir", "/", "--cow-bmp", "x"},
+       2,
+       0,
+       "cow"},
+      {{"resume", "data", "--valid", "2"}, 2, 0, "--valid"},
+      {{"resume", "data"}, 1, EINVAL, "is not a snap device"},
+      {{"datablock", "show", "data", "--extent-size", "64K"}, 1, EINVAL, "is not a snap device"},
+      {{"bmp", "show", "data", "both"}, 2, 0, "both"},
+      {{"detach", "disk"}, 1, EBUSY, "in use"},
+      {{"detach", "none"}, 1, ENOENT, "none"},
+      {{"attach", image, "--name", "again"}, 1, EBUSY, "attached already"},
+      {{"attach", dir.path()}, 1, EINVAL, "not a regular file"},
+      {{"proc", "cat", "none"}, 1, ENOENT, "none"},
+      {{"proc", "cat", "zorv0"}, 1, EISDIR, "zorv0"},
+      {{"proc", "ls", "debug"}, 1, ENOTDIR, "debug"},
+      {{"proc", "write", "debug", "x"}, 1, EINVAL, "debug"},
+      {{"proc", "write", "zorv0/uuid", "x"}, 1, EACCES, "zorv0/uuid"},
+      {{"frobnicate"}, 2, 0, ""},
+      {{}, 2, 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    const json error = d->ctl_json(c.args, c.status).at("error");
+    EXPECT_THAT(error.at("message").get<std::string>(), HasSubstr(c.reason));
+    EXPECT_EQ(error.at("status"), c.status);
+    EXPECT_EQ(error.value("errno", 0), c.number);
+    const program_result text = d->ctl(c.args);
+    EXPECT_EQ(text.status, c.status);
+    EXPECT_EQ(text.out, "");
+    EXPECT_THAT(text.err, HasSubstr(c.reason));
+  }
+  EXPECT_THAT(d->ctl({"detach", "disk"}).err, HasSubstr("(EBUSY, 16)"));
+  const auto gone = run_program({ZORVCTL_PATH, "--socket", dir / "none", "--json", "list"});
+  EXPECT_EQ(gone.status, 3);
+  EXPECT_EQ(json::parse(gone.out).at("error").at("errno"), ENOENT);
+}
+
+TEST_F(ctl_node, disks_come_and_go) {
+  make_image(dir / "b.raw", 1 << 20);
+  EXPECT_EQ(d->must({"attach", dir / "b.raw", "--read-only"}), "/dev/image/b\n");
+  const json disks = d->ctl_json({"disks"});
+  ASSERT_EQ(disks.size(), 2U);
+  EXPECT_EQ(disks[1], json({{"name", "b"},
+                            {"path", dir / "b.raw"},
+                            {"size", 1 << 20},
+                            {"read_only", true},
+                            {"openers", 0}}));
+  d->ctl_json({"add-filter", "b", "--extent-size", "64K", "--bmp-dir", dir.path()}, 1);
+  EXPECT_EQ(d->must({"detach", "/dev/image/b"}), "detached b\n");
+  EXPECT_EQ(d->ctl_json({"disks"}).size(), 1U);
+}
+
+TEST_F(ctl_node, the_status_tree) {
+  add("data");
+  EXPECT_EQ(d->must({"proc", "ls"}), "chr_major\nblk_major\ndebug\nzorv0/\n");
+  for (const char* path : {"/proc/zorv/zorv0/name", "zorv/zorv0/name", "zorv0/name"}) {
+    EXPECT_EQ(d->must({"proc", "cat", path}), "data\n");
+  }
+  EXPECT_EQ(d->ctl_json({"proc", "ls", "/proc/zorv"}).at(2),
+            json({{"name", "debug"}, {"mode", "0644"}, {"directory", false}}));
+  d->must({"proc", "write", "debug", "2"});
+  EXPECT_EQ(d->must({"proc", "cat", "debug"}), "2\n");
+  EXPECT_EQ(d->ctl_json({"proc", "ls", "zorv0"}).size(), 21U);
+}
+
+TEST_F(ctl_node, every_command_has_help) {
+  const program_result all = d->ctl({"--help"});
+  EXPECT_EQ(all.status, 0);
+  for (const char* command :
+       {"attach", "detach", "disks", "add-filter", "add-snap", "start", "stop", "del", "resume",
+        "list", "info", "uri", "bmp", "datablock", "proc"}) {
+    EXPECT_THAT(all.out, HasSubstr(command));
+    const program_result one = d->ctl({command, "--help"});
+    EXPECT_EQ(one.status, 0);
+    EXPECT_THAT(one.out, HasSubstr(std::string("Usage: zorvctl ") + command));
+  }
+}
