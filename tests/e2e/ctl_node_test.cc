@@ -91,7 +91,7 @@ TEST_F(ctl_node, refusals_have_a_reason_and_a_status) {
       {{"detach", "disk"}, 1, EBUSY, "in use"},
       {{"detach", "none"}, 1, ENOENT, "none"},
       {{"attach", image, "--name", "again"}, 1, EBUSY, "attached already"},
-      {{"attach", dir.path()}, 1, EINVAL, "not a regular file"},
+      {{"attach", dir.path()}, 1, EISDIR, "Is a directory"},
       {{"proc", "cat", "none"}, 1, ENOENT, "none"},
       {{"proc", "cat", "zorv0"}, 1, EISDIR, "zorv0"},
       {{"proc", "ls", "debug"}, 1, ENOTDIR, "debug"},

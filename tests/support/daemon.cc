@@ -67,9 +67,10 @@ daemon_process::daemon_process(std::vector<std::string> args, std::string run_di
     : run_dir_(run_dir.empty() ? dir_ / "run" : std::move(run_dir)) {
   args.insert(args.begin(), {ZORVD_PATH, "--run-dir", run_dir_});
   pid_ = spawn(args, "/dev/null", dir_ / "out", dir_ / "err");
-  int status = 0;
   const bool known = eventually([&] {
-    if (::waitpid(pid_, &status, WNOHANG | WNOWAIT) != 0) return true;
+    siginfo_t ended{};
+    ::waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT);
+    if (ended.si_pid != 0) return true;
     serving_ = log().find("zorvd: serving ") != std::string::npos;
     return serving_;
   });

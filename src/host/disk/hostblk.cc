@@ -249,6 +249,9 @@ void take_limits(int fd, kernel::request_queue* q) {
 }
 
 int add_host_disk(host_disk* h) {
+  // A device that the host calls read-only may be opened for writing all the same.
+  int read_only = 0;
+  if (::ioctl(h->fd, BLKROGET, &read_only) == 0 && read_only != 0) h->read_only = true;
   u64 size_bytes = 0;
   if (::ioctl(h->fd, BLKGETSIZE64, &size_bytes) != 0) return -errno;
   if (size_bytes < kernel::sector_size) return -ENOMEDIUM;
