@@ -93,14 +93,21 @@ devt device_of_source(const std::string& source) {
   return mkdev(major_number, minor_number);
 }
 
-// The directory that an overlay writes to, or the uppermost one that it reads from.
+// The directory that an overlay writes to, or the uppermost one that it reads from. A separator
+// inside a name has a backslash before it.
 std::string overlay_directory(const std::string& options) {
-  for (const std::string_view key : {"upperdir=", "lowerdir="}) {
-    const std::string all = ',' + options;
-    const std::size_t at = all.find(',' + std::string(key));
+  const std::string all = ',' + options;
+  for (const std::string_view key : {",upperdir=", ",lowerdir=", ",lowerdir+="}) {
+    std::size_t at = all.find(key);
     if (at == std::string::npos) continue;
-    const std::size_t begin = at + 1 + key.size();
-    return all.substr(begin, all.find_first_of(",:", begin) - begin);
+    const bool list = key[1] == 'l';
+    std::string name;
+    for (at += key.size(); at < all.size(); at++) {
+      if (all[at] == ',' || (list && all[at] == ':')) break;
+      if (all[at] == '\\' && at + 1 < all.size()) at++;
+      name += all[at];
+    }
+    return name;
   }
   return {};
 }
