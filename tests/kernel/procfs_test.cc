@@ -98,17 +98,3 @@ TEST_F(procfs_test, removal_does_not_wait_and_a_running_handler_keeps_its_entry)
   EXPECT_TRUE(entered);
   EXPECT_EQ(text, "d/slow\n");
 }
-
-TEST(simple_strtol, stops_where_the_number_ends) {
-  const struct {
-    const char* text;
-    s64 value;
-    std::size_t stopped;
-  } table[] = {{"4\n", 4, 1}, {"-12x", -12, 3}, {"", 0, 0},
-               {"x", 0, 0},   {"-", 0, 1},      {"007", 7, 3}};
-  for (const auto& t : table) {
-    const char* end = nullptr;
-    EXPECT_EQ(simple_strtol(t.text, &end, 10), t.value) << t.text;
-    EXPECT_EQ(end, t.text + t.stopped) << t.text;
-  }
-}
