@@ -97,6 +97,15 @@ TEST_F(filter_test, every_refusal_says_why_and_changes_nothing) {
   unload();
 }
 
+TEST_F(filter_test, a_name_that_leads_elsewhere_removes_nothing_there) {
+  write_file(dir / "mine", {1});
+  const u32 m = add_filter(disk.path(), {.name = "../.." + (dir / "mine")});
+  EXPECT_EQ(read_file(dir / "mine"), bytes{1});
+  EXPECT_TRUE(log.has("contains a '/'"));
+  EXPECT_EQ(proc("zorv/zorv0/dev_name"), "\n");
+  EXPECT_EQ(start(m), 0);
+}
+
 TEST_F(filter_test, more_extents_than_32_bits_count_are_refused) {
   memory_disk huge{"huge", (1ULL << 44)};  // 16 TiB: 2^32 extents of 4096 bytes
   auto req = filter_request(huge.path(), {.extent_size = 4096, .bmp_dir = dir.path()});

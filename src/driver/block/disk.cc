@@ -38,6 +38,12 @@ kernel::gendisk* zorv_block_add_disk(zorv_blkdev* dev, u64 dev_size, kernel::blo
 void zorv_block_make_node(zorv_blkdev* dev) {
   char path[sizeof(dev->dev_name)];
   if (!zorv_node_path(dev->name, path)) return;
+  // Such a name would lead somewhere else, and what stands there would be removed.
+  if (std::strchr(dev->name, '/') != nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Node name %s contains a '/': zorv(%d, %d) gets no device node.",
+             __func__, dev->name, zorv_blk_major, static_cast<int>(dev->minor));
+    return;
+  }
   (void)zorv_unlink(path);
   if (zorv_mknod(path, 1, static_cast<u32>(zorv_blk_major), dev->minor) == 0) {
     copy_text(dev->dev_name, path);
