@@ -83,9 +83,14 @@ daemon_process::~daemon_process() {
   ::waitpid(pid_, nullptr, 0);
 }
 
-void daemon_process::signal(int number) const { ::kill(pid_, number); }
+// A process that has ended has no number any more, and -1 would be everybody.
+void daemon_process::signal(int number) const {
+  ASSERT_GT(pid_, 0);
+  ::kill(pid_, number);
+}
 
 int daemon_process::wait() {
+  if (pid_ <= 0) return -1;
   const int status = wait_for(pid_, 20000);
   pid_ = -1;
   return status;
