@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// A filter's export under the programs that people use.
+#include <filesystem>
+
+#include "support/daemon.h"
+#include "support/nbd_client.h"
+
+namespace zorv_test {
+
+class nbd_clients : public ::testing::Test {
+ protected:
+  static constexpr u64 image_bytes = 64U << 20;
+
+  void SetUp() override {
+    make_image(dir / "vm.raw", image_bytes);
+    daemon = std::make_unique<daemon_process>(
+        std::vector<std::string>{"--disk", dir / "vm.raw", "--disk", dir / "vm.raw,name=twice"});
+    ASSERT_FALSE(daemon->serving());  // one image, one disk
+    daemon = std::make_unique<daemon_process>(std::vector<std::string>{"--disk", dir / "vm.raw"});
+    ASSERT_TRUE(daemon->serving()) << daemon->log();
+    daemon->must({"add-filter", "/dev/image/vm", "--extent-size", "64K", "--bmp-dir", dir.path(),
+                  "--name", "vm"});
+    for (const char* type : {"incr", "diff"}) daemon->must({"bmp", "clear", "vm", type});
+    daemon->must({"start", "vm"});
+  }
+  void TearDown() override {
+    if (daemon->pid() > 0) EXPECT_EQ(daemon->end(SIGTERM), 0) << daemon->log();
+  }
+
+  // What it prints; fails the test unless it succeeds.
+  static std::string run(const std::vector<std::string>& argv) {
+    const auto r = run_program(argv);
+    EXPECT_EQ(r.status, 0) << argv[0] << ": " << r.err << r.out;
+    return r.out;
+  }
+  std::string uri() { return daemon->uri("vm"); }
+
+  temp_dir dir;
+  std::unique_ptr<daemon_process> daemon;
+};
+
+TEST_F(nbd_clients, copy_in_compare_copy_out) {
+  const bytes content = [] {
+    bytes b(image_bytes);
+    u32 x = 1;
+    for (std::size_t i = 0; i < b.size(); i += 512)
+      b[i] = static_cast<u8>((x = x * 1103515245 + 12345) >> 16);
+    return b;
+  }();
+  write_file(dir / "source.raw", content);
+  run({"nbdcopy", "--flush", "--connections=4", "--requests=32", dir / "source.raw", uri()});
+  EXPECT_TRUE(read_file(dir / "vm.raw") == content);
+  run({"qemu-img", "compare", "-f", "raw", "-F", "raw", uri(), dir / "source.raw"});
+  run({"nbdcopy", "--connections=4", uri(), dir / "back.raw"});
+  EXPECT_TRUE(read_file(dir / "back.raw") == content);
+  run({"qemu-img", "convert", "-O", "qcow2", uri(), dir / "back.qcow2"});
+  run({"qemu-img", "compare", "-f", "raw", "-F", "qcow2", uri(), dir / "back.qcow2"});
+}
+
+TEST_F(nbd_clients, describe_and_map_the_export) {
+  const auto info = nlohmann::json::parse(run({"nbdinfo", "--json", uri()}));
+  const auto& e = info["exports"][0];
+  EXPECT_EQ(e["export-size"], image_bytes);
+  EXPECT_EQ(e["block_size_minimum"], 512);
+  for (const char* can : {"can_multi_conn", "can_flush", "can_fua", "can_zero", "can_df"}) {
+    EXPECT_EQ(e[can], true) << can;
+  }
+  EXPECT_NE(run({"nbdinfo", "--list", daemon->uri("")}).find("export=\"vm\""), std::string::npos);
+  const auto map = nlohmann::json::parse(run({"qemu-img", "map", "--output=json", uri()}));
+  ASSERT_EQ(map.size(), 1U);
+  EXPECT_EQ(map[0]["length"], image_bytes);
+  EXPECT_EQ(map[0]["data"], true);
+  EXPECT_NE(run_program({"nbdinfo", daemon->uri("nobody")}).status, 0);
+}
+
+TEST_F(nbd_clients, every_kind_of_write_is_tracked_where_it_went) {
+  run({"qemu-io",
+       "-f",
+       "raw",
+       "-c",
+       "write -P 7 65024 1024",
+       "-c",
+       "write -f -P 8 1M 2M",
+       "-c",
+       "write -z 8M 64k",
+       "-c",
+       "flush",
+       "-c",
+       "read -P 7 65024 1024",
+       "-c",
+       "read -P 8 1M 2M",
+       "-c",
+       "read -P 0 8M 64k",
+       "-c",
+       "aio_write -P 1 32M 64k",
+       "-c",
+       "aio_write -P 2 33M 64k",
+       "-c",
+       "aio_flush",
+       uri()});
+  const auto shown = daemon->ctl_json({"bmp", "show", "vm", "incr"});
+  std::vector<std::pair<u64, u64>> ranges;
+  for (const auto& r : shown["ranges"]) ranges.emplace_back(r["offset"], r["length"]);
+  const u64 k64 = 65536, m = 1 << 20;
+  EXPECT_EQ(ranges, (std::vector<std::pair<u64, u64>>{
+                        {0, 2 * k64}, {m, 2 * m}, {8 * m, k64}, {32 * m, k64}, {33 * m, k64}}))
+      << shown;
+}
+
+TEST_F(nbd_clients, two_writers_on_one_export_verify_what_they_wrote) {
+  run({"fio", "--ioengine=nbd", "--uri=" + uri(), "--name=one", "--name=two", "--size=24m",
+       "--offset_increment=32m", "--rw=randrw", "--bsrange=512-256k", "--blockalign=512",
+       "--iodepth=32", "--verify=crc32c", "--verify_fatal=1", "--verify_state_save=0",
+       "--randseed=7", "--thread"});
+}
+
+TEST_F(nbd_clients, a_file_system_survives_the_way_there_and_back) {
+  make_image(dir / "fs.raw", image_bytes);
+  std::filesystem::create_directory(dir / "tree");
+  for (u8 i = 1; i < 50; ++i) {
+    write_file(dir / ("tree/" + std::to_string(i)), bytes(std::size_t{i} * 10007, i));
+  }
+  run({"mke2fs", "-q", "-F", "-t", "ext4", "-d", dir / "tree", dir / "fs.raw"});
+  run({"qemu-img", "convert", "-n", "-O", "raw", dir / "fs.raw", uri()});
+  run({"nbdcopy", uri(), dir / "back.raw"});
+  run({"e2fsck", "-fn", dir / "back.raw"});
+  run({"e2fsck", "-fn", dir / "vm.raw"});
+}
+
+TEST_F(nbd_clients, a_node_is_busy_while_connected_and_free_right_after) {
+  {
+    raw_client c(daemon->run_dir() + "/nbd.sock");
+    ASSERT_TRUE(c.enter("vm"));
+    EXPECT_EQ(daemon->ctl({"stop", "vm"}).status, 1);
+    c.ask(wire::cmd_disc, 0, 0);
+    EXPECT_TRUE(c.at_eof());
+    daemon->must({"stop", "vm"});
+  }
+  for (int i = 0; i < 5; ++i) {
+    daemon->must({"start", "vm"});
+    run({"nbdinfo", "--map", uri()});
+    daemon->must({"stop", "vm"});
+    EXPECT_EQ(run({"nbdinfo", "--list", daemon->uri("")}).find("export=\"vm\""), std::string::npos);
+  }
+}
+
+TEST_F(nbd_clients, the_daemon_ends_while_clients_are_connected) {
+  raw_client idle(daemon->run_dir() + "/nbd.sock");
+  raw_client half(daemon->run_dir() + "/nbd.sock");
+  ASSERT_TRUE(idle.enter("vm"));
+  ASSERT_TRUE(half.enter("vm"));
+  half.ask(wire::cmd_write, 0, 1 << 20, 0, bytes(1000));
+  ASSERT_EQ(idle.call(wire::cmd_write, 0, 4096, 0, bytes(4096, 1)).error, 0U);
+  EXPECT_EQ(daemon->end(SIGTERM), 0) << daemon->log();
+  EXPECT_TRUE(idle.at_eof());
+}
+
+}  // namespace zorv_test
