@@ -36,6 +36,12 @@ void sync_directory_of(const std::string& path) {
   ::close(fd);
 }
 
+mode_t mode_of_new_files() {
+  const mode_t mask = ::umask(0);
+  ::umask(mask);
+  return 0666 & ~mask;
+}
+
 }  // namespace
 
 bitmap_sink::bitmap_sink(const std::string& path) : path_(path) {
@@ -57,7 +63,7 @@ bitmap_sink::bitmap_sink(const std::string& path) : path_(path) {
   temporary_ = path_ + ".XXXXXX";
   fd_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
   if (fd_ < 0) fail("cannot write beside " + path_, errno);
-  if (exists) (void)::fchmod(fd_, st.st_mode & 07777);
+  (void)::fchmod(fd_, exists ? st.st_mode & 07777 : mode_of_new_files());
 }
 
 bitmap_sink::~bitmap_sink() {

@@ -43,6 +43,19 @@ json full_document(session& s, const zorv_info_req& info) {
   return document;
 }
 
+// What a node stands over: a filter's disk, a snap's filter.
+std::string below(session& s, const zorv_info_req& info, const json& document) {
+  if (info.dev_type == ZORV_DEV_FILTER) return field(info.hdd_name);
+  if (!document.contains("filter_minor")) return "-";
+  zorv_info_req filter{};
+  filter.minor = document["filter_minor"];
+  return s.try_command(ZORV_GET_INFO, &filter) == 0 ? field(filter.name) : "-";
+}
+
+std::string size_cell(const json& document, const char* key) {
+  return document.contains(key) ? show_size(document[key]) : "-";
+}
+
 answer list(session& s, const std::string& which) {
   const std::uint32_t type = which.empty()       ? 0
                              : which == "filter" ? ZORV_DEV_FILTER
@@ -53,16 +66,12 @@ answer list(session& s, const std::string& which) {
   for (const zorv_info_req& info : all_nodes(s, type)) {
     json document = full_document(s, info);
     const bool filter = info.dev_type == ZORV_DEV_FILTER;
-    const cow_progress progress = filter ? cow_progress{} : snap_progress(info);
-    const std::string over = filter ? field(info.hdd_name)
-                             : document.contains("filter_minor")
-                                 ? "minor " + document["filter_minor"].dump()
-                                 : "-";
     rows.row({std::to_string(info.minor), field(info.name), filter ? "filter" : "snap",
               state_of(info), show_size(info.dev_size),
               show_size(filter ? info.extent_size : info.chunk_size), std::to_string(info.use_cnt),
-              size_or_dash(progress.copied_bytes), size_or_dash(progress.allocated_bytes),
-              document.contains("cowqueue_len") ? document["cowqueue_len"].dump() : "-", over});
+              size_cell(document, "copied_bytes"), size_cell(document, "cow_data_allocated"),
+              document.contains("cowqueue_len") ? document["cowqueue_len"].dump() : "-",
+              below(s, info, document)});
     documents.push_back(std::move(document));
   }
   const std::string text = documents.empty() ? "no nodes\n" : rows.text();

@@ -1,0 +1,76 @@
+/* SPDX-License-Identifier: GPL-2.0-only
+ *
+ * A backup agent in miniature: for every started filter it takes the Incremental bitmap and lists
+ * what a backup would have to read. When the "backup" fails, the bitmap is merged back, so that the
+ * next run reads the same extents again.
+ *
+ *   agent [SOCKET]
+ */
+#include <errno.h>
+#include <inttypes.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <zorv/client.h>
+
+static int fail(zorv_handle* z, const char* what) {
+  const char* reason = zorv_last_error(z);
+  fprintf(stderr, "agent: %s: %s\n", what, *reason != '\0' ? reason : strerror(errno));
+  return -1;
+}
+
+/* Reads what changed from the node's export. Here it only says what it would read. */
+static int back_up(const struct zorv_info_req* node, const unsigned char* bitmap) {
+  uint32_t e = 0;
+  while (e < node->extent_cnt) {
+    uint32_t first = e;
+    while (e < node->extent_cnt && (bitmap[e / 8] >> (e % 8) & 1) != 0) ++e;
+    if (e == first) {
+      ++e;
+      continue;
+    }
+    uint64_t begin = (uint64_t)first * node->extent_size;
+    uint64_t end = (uint64_t)e * node->extent_size;
+    if (end > node->dev_size) end = node->dev_size;
+    if (printf("%s %" PRIu64 " %" PRIu64 "\n", node->name, begin, end - begin) < 0) return -1;
+  }
+  return fflush(stdout);
+}
+
+static int one_node(zorv_handle* z, uint32_t minor) {
+  struct zorv_info_req node = {.minor = minor};
+  if (zorv_ioctl(z, ZORV_GET_INFO, &node) != 0) return fail(z, "info");
+  if (node.started == 0 || node.incr_bmp_clear != 0) return 0;
+  unsigned char* bitmap = malloc(node.incr_bmp_size);
+  if (bitmap == NULL) return fail(z, "memory");
+
+  struct zorv_bmp_range_req req = {
+      .minor = minor,
+      .type = ZORV_BMP_INCREMENTAL,
+      .size = node.incr_bmp_size,
+      .data = (uint64_t)(uintptr_t)bitmap,
+  };
+  int rc = zorv_ioctl(z, ZORV_GET_AND_CLR_BMP, &req);
+  if (rc != 0) {
+    fail(z, "take the bitmap");
+  } else if ((rc = back_up(&node, bitmap)) != 0) {
+    fprintf(stderr, "agent: %s: the backup failed\n", node.name);
+    if (zorv_ioctl(z, ZORV_MERGE_BMP, &req) != 0) fail(z, "merge the bitmap back");
+  }
+  free(bitmap);
+  return rc;
+}
+
+int main(int argc, char** argv) {
+  zorv_handle* z = zorv_open(argc > 1 ? argv[1] : NULL);
+  if (z == NULL) {
+    fprintf(stderr, "agent: no zorvd: %s\n", strerror(errno));
+    return 1;
+  }
+  int rc = 0;
+  struct zorv_device_list_req list = {.dev_type = ZORV_DEV_FILTER};
+  if (zorv_ioctl(z, ZORV_GET_DEVICE_LIST, &list) != 0) rc = fail(z, "list");
+  for (uint32_t i = 0; rc == 0 && i < list.count; ++i) rc = one_node(z, list.minors[i]);
+  zorv_close(z);
+  return rc == 0 ? 0 : 1;
+}
