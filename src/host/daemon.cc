@@ -125,6 +125,7 @@ bool services::start(const daemon_options& options) {
   control.socket_path = options.run_dir + "/control.sock";
   control.run_dir = options.run_dir;
   control.nbd_socket_path = nbd.socket_path;
+  control.settle_clients = [this] { nbd_.settle(); };
   rc = control_.start(control, &error);
   if (rc != 0) return fail("the control socket does not start: " + error);
   return true;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -17,6 +18,9 @@ struct control_options {
   std::uint64_t max_buffer_bytes = 1ULL << 30;  // announced by all clients' messages together
   unsigned stall_ms = 30'000;  // a message that a peer began, or a reply, gets this long and 1 s
                                // per MiB
+  // Called before a command that needs a node unused (STOP_NODE, DEL_NODE): a client that has
+  // disconnected may still have it open for a moment. May be empty.
+  std::function<void()> settle_clients;
 };
 
 class control_server {

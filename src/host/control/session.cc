@@ -93,6 +93,8 @@ control_session::next control_session::run_ioctl(const zorv_ctl_request& request
       {request.buffer_addr, buffer_.data(), buffer_.size(), buffer_allowed});
   zorv_ctl_reply reply{};
   reply.kind = ZORV_CTL_IOCTL;
+  const bool needs_unused = request.command == ZORV_STOP_NODE || request.command == ZORV_DEL_NODE;
+  if (needs_unused && options_.settle_clients) options_.settle_clients();
   error_capture reason;
   {
     const kernel::user_space_scope scope(&space);

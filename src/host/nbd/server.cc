@@ -206,6 +206,20 @@ int nbd_server::start(const nbd_options& options, std::string* error) {
   return 0;
 }
 
+void nbd_server::settle() {
+  constexpr auto limit = std::chrono::seconds(2);
+  impl* i = impl_.get();
+  std::unique_lock guard(i->lock);
+  const auto none_leaving = [i] {
+    for (const connection& c : i->connections) {
+      pollfd p{c.fd, POLLRDHUP, 0};
+      if (c.fd >= 0 && ::poll(&p, 1, 0) == 1) return false;
+    }
+    return true;
+  };
+  i->closed.wait_for(guard, limit, none_leaving);
+}
+
 void nbd_server::stop() {
   impl* i = impl_.get();
   i->stopping.store(true);

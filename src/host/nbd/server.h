@@ -26,6 +26,9 @@ class nbd_server {
 
   //   returns  0 | negative errno, with one sentence in *error
   [[nodiscard]] int start(const nbd_options& options, std::string* error);
+  // Waits until the connections whose peers have gone have released their nodes, at most two
+  // seconds: whoever has disconnected finds the node unused.
+  void settle();
   // Stops accepting, lets requests in flight finish, closes every connection and every node.
   void stop();
 
