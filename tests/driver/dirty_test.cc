@@ -160,9 +160,7 @@ TEST_F(dirty_test, after_five_seconds_a_write_goes_on_and_says_so_once) {
   client keeps_open(0U);
   slow_files slow(0);
   write_in_thread a(0, 6), b(0, 7);
-  ASSERT_TRUE(eventually([] {
-    return (filter()->incr_bmp[0] >> 6) == 3;  // both have marked
-  }));
+  ASSERT_TRUE(eventually([&] { return changed(0, incr) == std::vector<u32>{6, 7}; }));
   kernel::turn_clock(4000);
   EXPECT_FALSE(eventually([&] { return a.done() || b.done(); }, 100));
   kernel::turn_clock(1000);
