@@ -5,9 +5,8 @@
 
 #include "driver/bitmap/bitmap.h"
 #include "driver/bitmap/dirty.h"
-#include "driver/core/log.h"
 #include "kernel/fs.h"
-#include "kernel/printk.h"
+#include "support/at_log_line.h"
 #include "support/driver_fixture.h"
 
 using namespace zorv;
@@ -54,36 +53,6 @@ struct bitmap_file_test : driver_test {
     EXPECT_EQ(del(m), 0);
     return result;
   }
-};
-
-// Does something once, in the task that logs, when a line with the text goes by.
-class at_log_line {
- public:
-  at_log_line(std::string text, std::function<void()> act) {
-    text_ = std::move(text);
-    act_ = std::move(act);
-    next_ = kernel::set_printk_sink(sink);
-    zorv_debug_before_ = zorv::zorv_debug;
-    zorv::zorv_debug = 2;
-  }
-  ~at_log_line() {
-    zorv::zorv_debug = zorv_debug_before_;
-    kernel::set_printk_sink(next_);
-    EXPECT_FALSE(act_) << "no line with " << text_;
-    act_ = nullptr;
-  }
-  at_log_line(const at_log_line&) = delete;
-  at_log_line& operator=(const at_log_line&) = delete;
-
- private:
-  static void sink(const char* line) {
-    next_(line);
-    if (act_ && std::string(line).find(text_) != std::string::npos) std::exchange(act_, nullptr)();
-  }
-  static inline std::string text_;
-  static inline std::function<void()> act_;
-  static inline kernel::printk_sink next_ = nullptr;
-  int zorv_debug_before_ = 0;
 };
 
 }  // namespace
@@ -216,19 +185,28 @@ TEST_F(bitmap_file_test, a_file_on_the_node_itself_is_refused) {
 // A bit set between the save's copy and its end is not in the file: a new mark follows.
 TEST_F(bitmap_file_test, a_bit_set_during_a_save_makes_its_file_stale) {
   saved_node();
+  mark(3);
+  ASSERT_TRUE(stale_on_disk());
   {
-    at_log_line hook("Killing all dirty requests", [] { mark(5); });
+    at_log_line hook("Killing all dirty requests", [] {
+      EXPECT_FALSE(zorv_marks_pending(filter())) << "an old bit";
+      mark(5);
+      EXPECT_TRUE(zorv_marks_pending(filter()));
+    });
     EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
   }
   EXPECT_TRUE(stale_on_disk());
-  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 5}));
+  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 3, 5}));
 }
 
 // The load reads the file, a write marks, the load puts the file's bits in place.
 TEST_F(bitmap_file_test, a_load_keeps_what_is_marked_meanwhile) {
   saved_node();
   {
-    at_log_line hook("zorv_get_file_dentry(): " + file, [] { mark(6); });
+    at_log_line hook("zorv_get_file_dentry(): " + file, [] {
+      EXPECT_TRUE(zorv_marks_pending(filter()));
+      mark(6);
+    });
     EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
   }
   EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 6}));

@@ -7,6 +7,7 @@
 #include "driver/core/log.h"
 #include "kernel/task.h"
 #include "kernel/time.h"
+#include "support/at_log_line.h"
 #include "support/driver_fixture.h"
 
 using namespace zorv;
@@ -131,13 +132,29 @@ TEST_F(dirty_test, a_save_cancels_what_it_makes_needless) {
   {
     const slow_files slow(0);
     mark(2);
+    at_log_line hook("Killing all dirty requests", [] {
+      EXPECT_EQ(filter()->marks_exposed.load(), 3U) << "the old file is still there";
+    });
     EXPECT_EQ(zorv_block_save_bmp(filter(), incr), 0);
-    EXPECT_TRUE(zorv_marks_pending(filter())) << "the other one is due";
+    EXPECT_EQ(filter()->marks_exposed.load(), 1U) << "the other one is due";
   }
   ASSERT_TRUE(settled());
   EXPECT_EQ(zorv_yield_to_dirty_requests(filter(), 10), 0);
   EXPECT_TRUE(is_saved(incr_file));
   EXPECT_TRUE(is_stale(diff_file));
+}
+
+TEST_F(dirty_test, a_load_cancels_what_it_makes_needless) {
+  {
+    const slow_files slow(0);
+    kernel::fault_arm(kernel::fault_site::file_open, 1, 1, EIO);
+    EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);  // not saved, so a mark is due
+    EXPECT_TRUE(zorv_marks_pending(filter()));
+    EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);  // the old file has all that the bitmap has
+  }
+  ASSERT_TRUE(settled());
+  EXPECT_EQ(zorv_yield_to_dirty_requests(filter(), 10), 0);
+  EXPECT_TRUE(is_saved(incr_file));
 }
 
 TEST_F(dirty_test, a_write_waits_for_its_mark) {

@@ -238,7 +238,7 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
     marks_guard guard(f);
     m.behind = m.maybe_current && bmp.dirty->load() != 0;
     m.noted = false;
-    zorv_marks_save_begin(f, type);
+    m.saving = true;
     bmp.dirty->store(0);
     std::memcpy(copy.get(), bmp.bits, bmp.size);
   }
@@ -246,6 +246,7 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
   const int rc = rewrite_file(f, type, copy.get(), bmp);
   {
     marks_guard guard(f);
+    m.saving = false;
     m.behind = false;
     m.given_up = false;
     if (rc == 0) {
@@ -255,7 +256,7 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
     }
   }
   // Marks that were cancelled for this save are queued anew if the file now lacks their bits.
-  zorv_marks_save_end(f, type);
+  zorv_marks_settle(f);
   return rc;
 }
 

@@ -75,9 +75,8 @@ int copy_out(const char* op, zorv_filter* f, const zorv_bmp_range_req& req, buff
   return -EFAULT;
 }
 
-// Changes the bitmap under bmp_lock and brings its file up to date. The file still looks current
-// while it no longer is, and no mark is queued, so writes that set bits wait for the save; one that
-// fails leaves the flag at 1 and has a mark queued at its end.
+// Changes the bitmap under bmp_lock and brings its file up to date. With the flag at 1 a write that
+// comes in between waits while the file still looks current; it goes when the save has emptied it.
 template <class Change>
 void change_and_save(zorv_filter* f, u32 type, Change change) {
   {
@@ -85,10 +84,8 @@ void change_and_save(zorv_filter* f, u32 type, Change change) {
     const zorv_bmp_view bmp = zorv_bmp_of(f, type);
     change(bmp.bits, bmp.size);
     bmp.dirty->store(1);
-    zorv_marks_save_begin(f, type);
   }
   (void)zorv_block_save_dirty_bmps(f);
-  zorv_marks_save_end(f, type);
 }
 
 void announce(const char* op, const char* doing, u32 type, const zorv_blkdev* dev) {

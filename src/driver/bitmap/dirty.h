@@ -67,10 +67,6 @@ class [[nodiscard]] SCOPED_CAPABILITY marks_guard {
   zorv_filter* f_;
 };
 
-// A command that changed the bitmap and is about to save it: writes that come in between wait for
-// the save, since no mark is queued for them. begin under bmp_lock, end without locks.
-void zorv_marks_save_begin(zorv_filter* f, u32 type) REQUIRES(f->bmp_lock);
-void zorv_marks_save_end(zorv_filter* f, u32 type);
 // The file on disk can no longer be taken for current, whatever happens.
 void zorv_marks_file_void(zorv_filter* f, u32 type);
 // kdirtyd could not write the mark.

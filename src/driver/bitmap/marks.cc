@@ -16,7 +16,7 @@ std::atomic<u64> marks_event{0};
 
 // The file may look current and, as it stands or as a save is about to leave it, lacks bits.
 bool outdated(const zorv_mark_state& m, bool dirty) {
-  return m.loading || (m.maybe_current && (dirty || m.behind)) || (m.saving != 0 && dirty);
+  return m.loading || (m.maybe_current && (dirty || m.behind)) || (m.saving && dirty);
 }
 
 }  // namespace
@@ -67,16 +67,6 @@ void zorv_marks_give_up(zorv_filter* f) {
       (given_up & 1) != 0 ? "Differential" : "", zorv_blk_major, f->filter_minor);
 }
 
-void zorv_marks_save_begin(zorv_filter* f, u32 type) { ++f->marks[type].saving; }
-
-void zorv_marks_save_end(zorv_filter* f, u32 type) {
-  {
-    marks_guard guard(f);
-    --f->marks[type].saving;
-  }
-  zorv_marks_settle(f);
-}
-
 void zorv_marks_file_void(zorv_filter* f, u32 type) {
   marks_guard guard(f);
   f->marks[type].maybe_current = false;
@@ -96,7 +86,7 @@ void zorv_marks_settle(zorv_filter* f) {
       zorv_mark_state& m = f->marks[type];
       // A save or load in progress settles when it ends; a mark that failed is not tried again
       // before the next save.
-      queue = m.maybe_current && m.saving == 0 && !m.loading && !m.noted && !m.given_up &&
+      queue = m.maybe_current && !m.saving && !m.loading && !m.noted && !m.given_up &&
               zorv_bmp_of(f, type).dirty->load(std::memory_order_relaxed) != 0 &&
               !zorv_marks_queued(f, type);
       if (queue) m.noted = true;

@@ -47,7 +47,7 @@ struct zorv_mark_state {
   bool noted = false;          // a mark is to be queued by whoever set this
   bool known = false;          // the bitmap has had its contents from a load
   bool name_synced = false;    // the file's directory entry is on disk; under bmp_mutex
-  u32 saving = 0;              // saves, and commands that are about to save
+  bool saving = false;         // a save has its copy and has not ended
   bool loading = false;
   u8* load_marks = nullptr;  // while loading: the bits that the load must keep
   zorv_dirty_req reserve;    // for the mark when memory is short

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Interleavings by plan: something happens exactly where the driver logs a certain line.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "driver/core/log.h"
+#include "kernel/printk.h"
+
+namespace zorv_test {
+
+// Does something once, in the task that logs, when a line with the text goes by.
+class at_log_line {
+ public:
+  at_log_line(std::string text, std::function<void()> act) {
+    {
+      const std::lock_guard<std::mutex> guard(lock_);
+      text_ = std::move(text);
+      act_ = std::move(act);
+    }
+    next_ = kernel::set_printk_sink(sink);
+    zorv_debug_before_ = zorv::zorv_debug;
+    zorv::zorv_debug = 2;
+  }
+  ~at_log_line() {
+    zorv::zorv_debug = zorv_debug_before_;
+    kernel::set_printk_sink(next_);
+    const std::lock_guard<std::mutex> guard(lock_);
+    EXPECT_FALSE(act_) << "no line with " << text_;
+    act_ = nullptr;
+  }
+  at_log_line(const at_log_line&) = delete;
+  at_log_line& operator=(const at_log_line&) = delete;
+
+ private:
+  static void sink(const char* line) {
+    next_(line);
+    std::function<void()> act;
+    {
+      const std::lock_guard<std::mutex> guard(lock_);
+      if (act_ && std::string(line).find(text_) != std::string::npos) act.swap(act_);
+    }
+    if (act) act();
+  }
+  static inline std::mutex lock_;
+  static inline std::string text_;
+  static inline std::function<void()> act_;
+  static inline kernel::printk_sink next_ = nullptr;
+  int zorv_debug_before_ = 0;
+};
+
+}  // namespace zorv_test
