@@ -243,6 +243,12 @@ TEST_F(bitmap_file_test, a_saved_file_and_its_name_survive_a_power_cut) {
   saved_node();
   kernel::fault_power_cut();
   EXPECT_EQ(read_file(file), saved_01_00);
+  kernel::fault_arm(kernel::fault_site::file_write, 1, 2, ENOSPC);
+  mark(9);
+  ASSERT_TRUE(eventually([] { return !zorv_marks_pending(filter()); }));
+  kernel::fault_power_cut();
+  EXPECT_TRUE(read_file(file).empty()) << "no room for the mark: the empty file was synced";
+  save_both();
   client c(0U);
   EXPECT_EQ(c.fill(11 * 65536, 512, 1), 0);
   kernel::fault_power_cut();

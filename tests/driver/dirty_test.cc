@@ -144,6 +144,15 @@ TEST_F(dirty_test, a_save_cancels_what_it_makes_needless) {
   EXPECT_TRUE(is_stale(diff_file));
 }
 
+TEST_F(dirty_test, a_save_that_overtakes_a_mark_makes_it_needless) {
+  at_log_line hook("Appending dirty request for Incremental",
+                   [] { EXPECT_EQ(zorv_block_save_bmp(filter(), incr), 0); });
+  mark(2);
+  ASSERT_TRUE(settled());
+  EXPECT_EQ(zorv_yield_to_dirty_requests(filter(), 10), 0);
+  EXPECT_TRUE(is_saved(incr_file));
+}
+
 TEST_F(dirty_test, a_load_cancels_what_it_makes_needless) {
   {
     const slow_files slow(0);
