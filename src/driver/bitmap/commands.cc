@@ -75,17 +75,27 @@ int copy_out(const char* op, zorv_filter* f, const zorv_bmp_range_req& req, buff
   return -EFAULT;
 }
 
-// Changes the bitmap under bmp_lock and brings its file up to date. With the flag at 1 a write that
-// comes in between waits while the file still looks current; it goes when the save has emptied it.
+// Changes the bitmap under bmp_lock. With the flag at 1 a write that comes before the save waits
+// while the file still looks current; it goes when the save has emptied it.
+template <class Change>
+void change_bits(zorv_filter* f, u32 type, Change change) {
+  marks_guard guard(f);
+  const zorv_bmp_view bmp = zorv_bmp_of(f, type);
+  change(bmp.bits, bmp.size);
+  bmp.dirty->store(1);
+}
+
 template <class Change>
 void change_and_save(zorv_filter* f, u32 type, Change change) {
-  {
-    marks_guard guard(f);
-    const zorv_bmp_view bmp = zorv_bmp_of(f, type);
-    change(bmp.bits, bmp.size);
-    bmp.dirty->store(1);
-  }
+  change_bits(f, type, change);
   (void)zorv_block_save_dirty_bmps(f);
+}
+
+// Adds the bits of another bitmap.
+auto merging(const buffer& added) {
+  return [&added](u8* bits, u32 size) {
+    for (u32 i = 0; i < size; ++i) bits[i] = static_cast<u8>(bits[i] | added[i]);
+  };
 }
 
 void announce(const char* op, const char* doing, u32 type, const zorv_blkdev* dev) {
@@ -111,26 +121,18 @@ int zorv_ioctl_get_and_clr_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
   buffer given;
   rc = copy_out(__func__, &dev->f, *req, &given);
   if (rc != 0) return rc;
-  zorv_filter* f = &dev->f;
-  bool changed = false;
-  {
-    marks_guard guard(f);
-    const zorv_bmp_view bmp = zorv_bmp_of(f, req->type);
-    changed = std::memcmp(given.get(), bmp.bits, bmp.size) != 0;
-    if (changed) std::memcpy(given.get(), bmp.bits, bmp.size);
-    std::memset(bmp.bits, 0, bmp.size);
-    bmp.dirty->store(1);
-    zorv_marks_save_begin(f, req->type);
-  }
-  if (changed && kernel::copy_to_user(req->data, given.get(), req->size) != 0) {
+  bool grown = false;
+  change_bits(&dev->f, req->type, [&](u8* bits, u32 size) {
+    grown = std::memcmp(given.get(), bits, size) != 0;
+    if (grown) std::memcpy(given.get(), bits, size);
+    std::memset(bits, 0, size);
+  });
+  if (grown && kernel::copy_to_user(req->data, given.get(), req->size) != 0) {
     zorv_log(LOG_ERROR, "%s(): Failed to copyout the bitmap", __func__);
     rc = -EFAULT;
-    kernel::spin_guard guard(&f->bmp_lock);
-    const zorv_bmp_view bmp = zorv_bmp_of(f, req->type);
-    for (u32 i = 0; i < bmp.size; ++i) bmp.bits[i] = static_cast<u8>(bmp.bits[i] | given[i]);
+    change_bits(&dev->f, req->type, merging(given));
   }
-  (void)zorv_block_save_dirty_bmps(f);
-  zorv_marks_save_end(f, req->type);
+  (void)zorv_block_save_dirty_bmps(&dev->f);
   return rc;
 }
 
@@ -141,9 +143,7 @@ int zorv_ioctl_merge_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
   buffer added;
   rc = copy_in(__func__, *req, &added);
   if (rc != 0) return rc;
-  change_and_save(&dev->f, req->type, [&added](u8* bits, u32 size) {
-    for (u32 i = 0; i < size; ++i) bits[i] = static_cast<u8>(bits[i] | added[i]);
-  });
+  change_and_save(&dev->f, req->type, merging(added));
   return 0;
 }
 
