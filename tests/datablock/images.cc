@@ -303,8 +303,15 @@ fs_image make_xfs(const std::string& path, u64 bytes_total, u32 group_count, u32
 
 // ---- maps ----------------------------------------------------------------------------------
 
+namespace {
+std::string unused_disk_name() {
+  static std::atomic<int> used{0};
+  return "image" + std::to_string(used++);
+}
+}  // namespace
+
 image_disk::image_disk(const fs_image& image, u64 extra_bytes)
-    : disk_("image", image.bytes + extra_bytes) {
+    : disk_(unused_disk_name(), image.bytes + extra_bytes) {
   const int fd = ::open(image.path.c_str(), O_RDONLY | O_CLOEXEC);
   EXPECT_GE(fd, 0) << image.path;
   bytes piece(1 << 20);

@@ -43,7 +43,8 @@ bit_vector ext2_in_use(const std::string& path, u64* blocks = nullptr);
 bit_vector reiserfs_in_use(const std::string& path);
 bit_vector xfs_in_use(const std::string& path, u64 blocks, u32 blocks_per_group);
 
-// An image in a memory disk, opened for reading by the first use of bdev(). extra_bytes: the disk goes on behind the image.
+// An image in a memory disk, opened for reading by the first use of bdev(). extra_bytes: the disk
+// goes on behind the image.
 class image_disk {
  public:
   explicit image_disk(const fs_image& image, u64 extra_bytes = 0);
