@@ -4,6 +4,7 @@
 #include "driver/bitmap/bitmap.h"
 
 #include "driver/bitmap/dirty.h"
+#include "kernel/uaccess.h"
 #include "support/driver_fixture.h"
 
 using namespace zorv;
@@ -162,6 +163,39 @@ TEST_F(bitmap_test, a_copy_or_allocation_that_fails_changes_nothing) {
     EXPECT_EQ(get_bmp(m, incr), map) << std::hex << number;
     EXPECT_EQ(dirty(m, incr), 0U);
   }
+}
+
+// A caller's memory at which a write is marked while a command copies into it.
+struct marking_space : kernel::user_space {
+  std::function<void()> mark;
+  int writes = 0, fail_at = 0;
+  bytes got;
+  bool read(void*, kernel::user_addr, std::size_t) override { return false; }
+  bool write(kernel::user_addr, const void* from, std::size_t n) override {
+    if (++writes == fail_at) return false;
+    if (writes == 1) mark();
+    got.assign(static_cast<const u8*>(from), static_cast<const u8*>(from) + n);
+    return true;
+  }
+};
+
+TEST_F(bitmap_test, get_and_clear_hands_out_all_that_it_clears) {
+  const u32 m = add_started_filter(disk.path());
+  marking_space space;
+  space.mark = [&] { zorv_block_mark_extents(filter(m), 8 * 128, 1); };
+  const kernel::user_space_scope scope(&space);
+  zorv_block_mark_extents(filter(m), 0, 1);
+  zorv_bmp_range_req req{m, incr, bmp_bytes, {}, 0x1000};
+  space.fail_at = 2;
+  EXPECT_EQ(zorv_ioctl_get_and_clr_bmp(zorv_blkdev_arr[m], &req), -EFAULT);
+  EXPECT_EQ(changed(m, incr), (std::vector<u32>{0, 8})) << "nothing is cleared";
+  space.mark = [&] { zorv_block_mark_extents(filter(m), 16 * 128, 1); };
+  space.writes = space.fail_at = 0;
+  EXPECT_EQ(zorv_ioctl_get_and_clr_bmp(zorv_blkdev_arr[m], &req), 0);
+  bytes want(bmp_bytes, 0);
+  want[0] = want[1] = want[2] = 1;
+  EXPECT_EQ(space.got, want);
+  EXPECT_TRUE(changed(m, incr).empty());
 }
 
 // Writers set bits and remember them; an agent takes and clears. Every bit set must turn up.
