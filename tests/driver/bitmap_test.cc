@@ -84,65 +84,48 @@ TEST_F(bitmap_test, commands_change_their_bitmap_and_save_it) {
 
 TEST_F(bitmap_test, info_looks_only_at_the_extents) {
   const u32 m = add_started_filter(disk.path());
-  bytes map(bmp_bytes, 0);
-  const auto look = [&] {
+  const auto info_of = [&](u8 most, u8 last) {
+    bytes map(bmp_bytes, most);
+    map[12] = last;
     EXPECT_EQ(range(ZORV_SET_BMP, m, incr, &map), 0);
     const auto i = info(m);
-    return i.incr_bmp_clear * 10 + i.incr_bmp_full;
+    return std::pair{i.incr_bmp_clear, i.incr_bmp_full};
   };
-  map[12] = 0xF0;
-  EXPECT_EQ(look(), 10U) << "spare bits count as nothing";
-  map[12] = 0x08;
-  EXPECT_EQ(look(), 0U);
-  map.assign(bmp_bytes, 0xFF);
-  map[12] = 0x0F;
-  EXPECT_EQ(look(), 1U);
-  map[3] = 0xFE;
-  EXPECT_EQ(look(), 0U);
-  EXPECT_EQ(info(m).diff_bmp_clear, 1U);
+  EXPECT_EQ(info_of(0, 0xF0), std::pair(1U, 0U)) << "spare bits count as nothing";
+  EXPECT_EQ(info_of(0, 0x08), std::pair(0U, 0U));
+  EXPECT_EQ(info_of(0xFF, 0x0F), std::pair(0U, 1U));
+  EXPECT_EQ(info_of(0xFE, 0xFF), std::pair(0U, 0U));
 }
 
 TEST_F(bitmap_test, refusals_name_their_cause) {
   const u32 m = add_started_filter(disk.path());
   bytes exact(bmp_bytes), shorter(bmp_bytes - 1);
-  const std::string size_text = "Invalid bitmap size 12. Should have been 13";
-  const std::string null_text = "NULL bitmap data pointer passed as input";
-  const std::string both_text =
-      "bitmap size and bitmap data pointer must either be both NULL or both not-NULL";
-  const struct {
-    u32 number;
-    std::string op;
-  } sized[] = {{ZORV_GET_BMP, "get_bmp"},
-               {ZORV_MERGE_BMP, "merge_bmp"},
-               {ZORV_GET_AND_CLR_BMP, "get_and_clr_bmp"},
-               {ZORV_SET_BMP, "set_bmp"}};
-  const auto refused = [&](const std::string& op, const std::string& text, int rc) {
-    EXPECT_EQ(rc, -EINVAL) << op;
-    EXPECT_EQ(log.errors(), "<3>ERROR: zorv_ioctl_" + op + "(): " + text + "\n");
-    log.clear();
-  };
-  log.clear();
-  for (const auto& c : sized) {
-    refused(c.op, "Invalid bitmap type 2 (should be either 1 or 0)", range(c.number, m, 2, &exact));
-    refused(c.op, size_text, range(c.number, m, incr, &shorter));
-    zorv_bmp_range_req no_data{m, incr, bmp_bytes, {}, 0};
-    refused(c.op, c.number == ZORV_SET_BMP ? both_text : null_text, command(c.number, &no_data));
+  const std::string both = "bitmap size and bitmap data pointer must either be both NULL or both ";
+  const std::pair<u32, std::string> commands[] = {
+      {ZORV_GET_BMP, "get_bmp"},     {ZORV_GET_AND_CLR_BMP, "get_and_clr_bmp"},
+      {ZORV_MERGE_BMP, "merge_bmp"}, {ZORV_SET_BMP, "set_bmp"},
+      {ZORV_CLR_BMP, "clr_bmp"},     {ZORV_SAVE_BMP, "save_bmp"},
+      {ZORV_LOAD_BMP, "load_bmp"}};
+  for (const auto& c : commands) {
+    const u32 number = c.first;
+    const std::string& op = c.second;
+    const auto refused = [&](u32 type, u32 size, const void* data, const std::string& text) {
+      zorv_bmp_range_req req{m, type, size, {}, reinterpret_cast<u64>(data)};
+      log.clear();
+      EXPECT_EQ(command(number, &req), -EINVAL) << op;
+      EXPECT_EQ(log.errors().rfind("<3>ERROR: zorv_ioctl_" + op + "(): " + text, 0), 0U)
+          << log.errors();
+    };
+    refused(2, bmp_bytes, exact.data(), "Invalid bitmap type 2 (should be either 1 or 0)\n");
+    zorv_blkdev_arr[m]->dev_type = ZORV_DEV_SNAP;
+    refused(incr, bmp_bytes, exact.data(), "zorv(100, 0) is not a filter device\n");
+    zorv_blkdev_arr[m]->dev_type = ZORV_DEV_FILTER;
+    if (number == ZORV_CLR_BMP || number == ZORV_SAVE_BMP || number == ZORV_LOAD_BMP) continue;
+    refused(incr, bmp_bytes - 1, shorter.data(), "Invalid bitmap size 12. Should have been 13\n");
+    const bool set = number == ZORV_SET_BMP;
+    refused(incr, bmp_bytes, nullptr, set ? both : "NULL bitmap data pointer passed as input\n");
+    if (set) refused(incr, 0, exact.data(), both);
   }
-  zorv_bmp_range_req no_size{m, incr, 0, {}, reinterpret_cast<u64>(exact.data())};
-  refused("set_bmp", both_text, command(ZORV_SET_BMP, &no_size));
-  const struct {
-    u32 number;
-    std::string op;
-  } plain[] = {{ZORV_CLR_BMP, "clr_bmp"}, {ZORV_SAVE_BMP, "save_bmp"}, {ZORV_LOAD_BMP, "load_bmp"}};
-  for (const auto& c : plain)
-    refused(c.op, "Invalid bitmap type 7 (should be either 1 or 0)", bmp(c.number, m, 7));
-
-  zorv_blkdev_arr[m]->dev_type = ZORV_DEV_SNAP;
-  for (const auto& c : sized)
-    refused(c.op, "zorv(100, 0) is not a filter device", range(c.number, m, incr, &exact));
-  for (const auto& c : plain)
-    refused(c.op, "zorv(100, 0) is not a filter device", bmp(c.number, m, incr));
-  zorv_blkdev_arr[m]->dev_type = ZORV_DEV_FILTER;
 }
 
 TEST_F(bitmap_test, a_copy_or_allocation_that_fails_changes_nothing) {
