@@ -96,7 +96,7 @@ bool must_hold(const zorv_filter& f, const kernel::bio* bio) {
     bool allocated = false;
     for (u64 c = r.first; c <= r.last; ++c) {
       if (zorv_blkbmp_test_bit(&t->s.datablock_bmp, c) != 0) allocated = true;
-      if (zorv_cowbmp_test_bit(&t->s.cowbmp, static_cast<s32>(c)) != 0) ++copied;
+      if (zorv_cowbmp_test_stable(&t->s.cowbmp, static_cast<s32>(c)) != 0) ++copied;
     }
     if (copied == r.last - r.first + 1) return false;
     if (allocated) return true;

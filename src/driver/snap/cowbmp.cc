@@ -12,7 +12,9 @@ namespace {
 
 constexpr u32 page_shift = 15;  // bits to pages
 constexpr u32 page_bits = 1U << page_shift;
-constexpr u64 max_bits = 1ULL << 31;  // chunk numbers are signed 32-bit
+constexpr u64 max_bits = 1ULL << 31;         // chunk numbers are signed 32-bit
+constexpr u32 marks_at = kernel::page_size;  // in a page's memory, behind the bits
+constexpr u32 page_memory = 2 * kernel::page_size;
 
 s32 pages_for(u64 nbits) {
   return nbits == 0 ? 0 : static_cast<s32>(((nbits - 1) >> page_shift) + 1);
@@ -36,6 +38,7 @@ void free_pages_locked(zorv_cowbmp* b) REQUIRES(b->lock) {
 std::atomic_ref<u8> byte_of(u8* page, s32 bit) {
   return std::atomic_ref<u8>(page[(static_cast<u32>(bit) & (page_bits - 1)) >> 3]);
 }
+std::atomic_ref<u8> mark_byte_of(u8* page, s32 bit) { return byte_of(page + marks_at, bit); }
 u8 mask_of(s32 bit) { return static_cast<u8>(1U << (static_cast<u32>(bit) & 7)); }
 
 bool covers_locked(const zorv_cowbmp* b, s32 bit) REQUIRES_SHARED(b->lock) {
@@ -79,7 +82,7 @@ int read_pages_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes, const cha
   kernel::kbuf<u8> spare;
   for (s32 i = 0; i < b->npages; ++i) {
     if (spare == nullptr) {
-      spare.reset(static_cast<u8*>(kernel::kzalloc(kernel::page_size, kernel::GFP_KERNEL)));
+      spare.reset(static_cast<u8*>(kernel::kzalloc(page_memory, kernel::GFP_KERNEL)));
       if (spare == nullptr) {
         zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_cowbmp_load");
         return -ENOMEM;
@@ -149,44 +152,85 @@ int zorv_cowbmp_load(zorv_cowbmp* b, const char* path) {
   return rc;
 }
 
-int zorv_cowbmp_test_bit(zorv_cowbmp* b, s32 bit) {
-  if (b == nullptr) return uninitialized(__func__);
-  int rc;
-  {
-    rzread_guard guard(&b->lock);
-    if (b->pages == nullptr) {
-      rc = -ENODATA;
-    } else if (!covers_locked(b, bit)) {
-      rc = -ERANGE;
-    } else {
-      u8* page = b->pages[bit >> page_shift];
-      rc = page != nullptr && (byte_of(page, bit).load() & mask_of(bit)) != 0 ? 1 : 0;
+namespace {
+
+// The page of a bit, made if it is absent, with the lock held for reading while use() runs on it.
+template <class Use>
+int with_page(zorv_cowbmp* b, s32 bit, gfp_t flags, const char* op, Use use) {
+  if (b == nullptr) return uninitialized(op);
+  for (;;) {
+    {
+      rzread_guard guard(&b->lock);
+      if (b->pages == nullptr) return uninitialized(op);
+      if (!covers_locked(b, bit)) return out_of_range(op, bit);
+      if (u8* page = b->pages[bit >> page_shift]) return use(page);
     }
+    kernel::kbuf<u8> fresh(static_cast<u8*>(kernel::kzalloc(page_memory, flags)));
+    if (fresh == nullptr) {
+      zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", op);
+      return -ENOMEM;
+    }
+    rzwrite_guard guard(&b->lock);
+    if (b->pages == nullptr || !covers_locked(b, bit)) continue;  // destroyed meanwhile
+    u8*& slot = b->pages[bit >> page_shift];
+    if (slot == nullptr) slot = fresh.release();
   }
-  if (rc == -ENODATA) return uninitialized(__func__);
-  if (rc == -ERANGE) return out_of_range(__func__, bit);
-  return rc;
+}
+
+// What is known of a bit.
+struct look {
+  int rc;       // 1 | 0 | -ENODATA (not initialised) | -ERANGE
+  bool marked;  // on its way
+};
+look look_at(zorv_cowbmp* b, s32 bit) {
+  if (b == nullptr) return {-ENODATA, false};
+  rzread_guard guard(&b->lock);
+  if (b->pages == nullptr) return {-ENODATA, false};
+  if (!covers_locked(b, bit)) return {-ERANGE, false};
+  u8* page = b->pages[bit >> page_shift];
+  if (page == nullptr) return {0, false};
+  // The bit first: whoever sees it set sees the mark that was set before it.
+  const bool set = (byte_of(page, bit).load() & mask_of(bit)) != 0;
+  const bool marked = (mark_byte_of(page, bit).load() & mask_of(bit)) != 0;
+  return {set ? 1 : 0, marked};
+}
+
+int test(zorv_cowbmp* b, s32 bit, const char* op, bool stable_only) {
+  const look l = look_at(b, bit);
+  if (l.rc == -ENODATA) return uninitialized(op);
+  if (l.rc == -ERANGE) return out_of_range(op, bit);
+  return stable_only && l.marked ? 0 : l.rc;
+}
+
+}  // namespace
+
+int zorv_cowbmp_test_bit(zorv_cowbmp* b, s32 bit) { return test(b, bit, __func__, false); }
+int zorv_cowbmp_test_stable(zorv_cowbmp* b, s32 bit) { return test(b, bit, __func__, true); }
+
+chunk_state zorv_cowbmp_state(zorv_cowbmp* b, s32 bit) {
+  const look l = look_at(b, bit);
+  if (l.marked) return chunk_state::on_its_way;
+  return l.rc == 1 ? chunk_state::copied : chunk_state::missing;
 }
 
 int zorv_cowbmp_set_bit(zorv_cowbmp* b, s32 bit, gfp_t flags, zorv_file* file) {
-  if (b == nullptr) return uninitialized(__func__);
-  {
-    rzread_guard guard(&b->lock);
-    if (b->pages == nullptr) return uninitialized(__func__);
-    if (!covers_locked(b, bit)) return out_of_range(__func__, bit);
-    if (u8* page = b->pages[bit >> page_shift]) return set_in_page(page, bit, file);
+  return with_page(b, bit, flags, __func__,
+                   [bit, file](u8* page) { return set_in_page(page, bit, file); });
+}
+
+int zorv_cowbmp_begin_copy(zorv_cowbmp* b, s32 bit, gfp_t flags) {
+  return with_page(b, bit, flags, __func__, [bit](u8* page) {
+    mark_byte_of(page, bit).fetch_or(mask_of(bit));
+    return 0;
+  });
+}
+
+void zorv_cowbmp_end_copy(zorv_cowbmp* b, s32 bit) {
+  rzread_guard guard(&b->lock);
+  if (b->pages == nullptr || !covers_locked(b, bit)) return;
+  if (u8* page = b->pages[bit >> page_shift]) {
+    mark_byte_of(page, bit).fetch_and(static_cast<u8>(~mask_of(bit)));
   }
-  kernel::kbuf<u8> fresh(static_cast<u8*>(kernel::kzalloc(kernel::page_size, flags)));
-  if (fresh == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
-    return -ENOMEM;
-  }
-  rzwrite_guard guard(&b->lock);
-  if (b->pages == nullptr) return uninitialized(__func__);  // destroyed meanwhile
-  if (!covers_locked(b, bit)) return out_of_range(__func__, bit);
-  u8*& slot = b->pages[bit >> page_shift];
-  if (slot == nullptr) slot = fresh.release();
-  return set_in_page(slot, bit, file);
 }
 
 int zorv_cowbmp_destroy(zorv_cowbmp* b) {

@@ -5,6 +5,10 @@
 //
 // Bits are tested beside starts, stops and resumes, so the lock lives as long as the snap's record:
 // destroy takes the pages away and leaves the lock.
+//
+// Beside its bit every chunk has a mark that it is on its way: set when its copy is decided, taken
+// away when its bit is on stable storage. A set bit says where the old contents are; a set bit
+// without that mark says that the disk may be overwritten.
 #pragma once
 
 #include "driver/core/lock.h"
@@ -17,7 +21,8 @@ struct zorv_cowbmp {
   rzrwlock lock;  // write: install a page, load, destroy
   u64 nbits GUARDED_BY(lock) = 0;
   s32 npages GUARDED_BY(lock) = 0;
-  u8** pages GUARDED_BY(lock) = nullptr;  // a slot is null (32768 clear bits) or 4096 bytes
+  // A slot is null (32768 clear bits) or 4096 bytes of bits and 4096 bytes of marks.
+  u8** pages GUARDED_BY(lock) = nullptr;
 };
 
 [[nodiscard]] int zorv_cowbmp_init(zorv_cowbmp* b, u64 nbits);  // 0 | -ENOMEM
@@ -27,9 +32,17 @@ struct zorv_cowbmp {
 // 1 | 0 | -EINVAL when the bitmap is not initialised or ends before the bit (callers read that as
 // set)
 [[nodiscard]] int zorv_cowbmp_test_bit(zorv_cowbmp* b, s32 bit);
+// The same, and 0 as long as the chunk is on its way: whether it may be overwritten.
+[[nodiscard]] int zorv_cowbmp_test_stable(zorv_cowbmp* b, s32 bit);
 // Sets the bit and, when it was clear, writes its byte to the file.
 //   returns  0 | -EINVAL | -ENOMEM | -EIO (set in memory, not in the file)
 [[nodiscard]] int zorv_cowbmp_set_bit(zorv_cowbmp* b, s32 bit, gfp_t flags, zorv_file* file);
+
+enum class chunk_state { missing, on_its_way, copied };
+[[nodiscard]] chunk_state zorv_cowbmp_state(zorv_cowbmp* b, s32 bit);
+[[nodiscard]] int zorv_cowbmp_begin_copy(zorv_cowbmp* b, s32 bit, gfp_t flags);  // as set_bit
+void zorv_cowbmp_end_copy(zorv_cowbmp* b, s32 bit);
+
 int zorv_cowbmp_destroy(zorv_cowbmp* b);
 
 }  // namespace zorv

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Copying a group of chunks from the HDD into a snap's COW data file.
+// Copying a batch of chunks from the HDD into a snap's COW data file.
 //
-// The order is what a power cut may not break: data, sync, bits, sync. Only then do the writes that
-// wait for the chunks find them copied. Whatever fails makes the snap and the older ones invalid;
-// the writes then go without them.
+// The order is what a power cut may not break: data, sync, bits, sync. Only then do the chunks stop
+// being on their way, and writes to them find them copied. Whatever fails makes the snap and the
+// older ones invalid; the writes then go without them.
 //
 // The last chunk may reach beyond the end of the HDD. What the HDD does not have is not read; the
 // file is as long as all chunks and reads as zero there.
@@ -29,19 +29,18 @@ void zorv_end_cow_read_sync(kernel::bio* bio, int) {
   if (state->left.fetch_sub(1) == 1) kernel::complete(&state->done);
 }
 
-// Pages that are copied together: [first, first + count) of the group, at most group_pages.
+// Pages that are copied together: [first, first + count) of the batch, at most group_pages.
 struct slice {
   u64 first;
   u32 count;
 };
 
-void locate_pages(cow_worker* w, const slice& s) {
-  const zorv_snap& snap = w->group.snap->s;
+void locate_pages(cow_worker* w, const zorv_snap& snap, const slice& s) {
   const u64 pages_per_chunk = snap.chunk_size / kernel::page_size;
   const u64 end = w->filter->dev_size >> kernel::sector_shift;
   for (u32 k = 0; k < s.count; ++k) {
     const u64 page = s.first + k;
-    const auto chunk = static_cast<u64>(w->group.chunks[page / pages_per_chunk]);
+    const auto chunk = static_cast<u64>(w->batch.chunks[page / pages_per_chunk]);
     const u64 sector = (chunk << (snap.chunk_shift - kernel::sector_shift)) +
                        page_sectors * (page % pages_per_chunk);
     const u64 there = sector < end ? std::min<u64>(end - sector, page_sectors) : 0;
@@ -119,8 +118,7 @@ int read_pages(cow_worker* w, const slice& s) {
 }
 
 // Writes the pages to where they lie on the HDD, adjacent ones at once.
-int write_cowed_pages(cow_worker* w, const slice& s) {
-  zorv_blkdev* t = w->group.snap;
+int write_cowed_pages(cow_worker* w, zorv_blkdev* t, const slice& s) {
   for (u32 k = 0, n; k < s.count && snap_usable(t); k += n) {
     kernel::cond_resched();
     n = run_length(w, k, s.count);
@@ -144,10 +142,10 @@ int sync_file(zorv_file* file) {
   return rc;
 }
 
-int mark_chunks_cowed(zorv_blkdev* t, const cow_group& g) {
-  for (u32 i = 0; i < g.count && snap_usable(t); ++i) {
+int mark_chunks_cowed(zorv_blkdev* t, const cow_batch& b) {
+  for (u32 i = 0; i < b.count && snap_usable(t); ++i) {
     const int rc =
-        zorv_cowbmp_set_bit(&t->s.cowbmp, g.chunks[i], kernel::GFP_NOIO, t->s.cow_bmp_file);
+        zorv_cowbmp_set_bit(&t->s.cowbmp, b.chunks[i], kernel::GFP_NOIO, t->s.cow_bmp_file);
     if (rc != 0) return rc;
   }
   return 0;
@@ -169,31 +167,57 @@ void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
   }
 }
 
-void cow_chunks(cow_worker* w) {
-  cow_group& g = w->group;
-  zorv_blkdev* t = g.snap;
-  rzread_guard files(&t->s.file_lock);  // its files stay open; a stop waits here
-  if (!snap_usable(t)) return;
-  std::sort(g.chunks, g.chunks + g.count);
-  const u64 pages = u64{g.count} * (t->s.chunk_size / kernel::page_size);
-  zorv_log(2, "%s(): COWing %d chunks (%d pages), snap_minor=%d, queue_cnt=%d", __func__, g.count,
-           static_cast<s32>(pages), t->s.snap_minor, w->filter->cowqueue.cnt.load());
+namespace {
 
+// Reads and writes all pages of the batch.
+void copy_pages(cow_worker* w, zorv_blkdev* t) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  const u64 pages = u64{w->batch.count} * (t->s.chunk_size / kernel::page_size);
   for (u64 first = 0; first < pages && snap_usable(t); first += group_pages) {
     const slice s{first, static_cast<u32>(std::min<u64>(pages - first, group_pages))};
-    locate_pages(w, s);
-    if (read_pages(w, s) != 0) zorv_snap_invalidate(t, __func__);
-    if (snap_usable(t) && write_cowed_pages(w, s) != 0) {
+    locate_pages(w, t->s, s);
+    if (read_pages(w, s) != 0) zorv_snap_invalidate(t, "cow_chunks");
+    if (snap_usable(t) && write_cowed_pages(w, t, s) != 0) {
       zorv_snap_invalidate(t, "write_cowed_page");
     }
   }
+}
+
+void log_groups(const cow_worker* w, const zorv_snap& s) {
+  const cow_batch& b = w->batch;
+  for (u32 g = 0, start = 0; g < b.groups; start = b.group_end[g++]) {
+    const u32 chunks = b.group_end[g] - start;
+    zorv_log(2, "%s(): COWing %d chunks (%d pages), snap_minor=%d, queue_cnt=%d", "cow_chunks",
+             chunks, static_cast<s32>(u64{chunks} * (s.chunk_size / kernel::page_size)),
+             s.snap_minor, w->filter->cowqueue.cnt.load());
+  }
+}
+
+}  // namespace
+
+void cow_chunks(cow_worker* w) {
+  cow_batch& b = w->batch;
+  zorv_blkdev* t = cow_find_snap(w->filter, b.snap_minor);
+  if (t == nullptr || !snap_usable(t)) return;
+  rzread_guard files(&t->s.file_lock);  // its files stay open; a stop waits here
+  if (!snap_usable(t)) return;
+  log_groups(w, t->s);
+  // Should the snap have been stopped and started again since, nothing is on its way in it.
+  const auto gone = [t](s32 c) {
+    return zorv_cowbmp_state(&t->s.cowbmp, c) != chunk_state::on_its_way;
+  };
+  b.count = static_cast<u32>(std::remove_if(b.chunks, b.chunks + b.count, gone) - b.chunks);
+  std::sort(b.chunks, b.chunks + b.count);
+
+  copy_pages(w, t);
   if (!snap_usable(t)) return;
   if (sync_file(t->s.cow_data_file) != 0) {
     zorv_snap_invalidate(t, __func__);
     return;
   }
-  if (mark_chunks_cowed(t, g) != 0) zorv_snap_invalidate(t, "mark_chunk_cowed");
+  if (mark_chunks_cowed(t, b) != 0) zorv_snap_invalidate(t, "mark_chunk_cowed");
   if (snap_usable(t) && sync_file(t->s.cow_bmp_file) != 0) zorv_snap_invalidate(t, __func__);
+  if (!snap_usable(t)) return;
+  for (u32 i = 0; i < b.count; ++i) zorv_cowbmp_end_copy(&t->s.cowbmp, b.chunks[i]);
 }
 
 }  // namespace zorv

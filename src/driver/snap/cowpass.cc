@@ -2,11 +2,12 @@
 // One pass over the COW queue, from its head to its tail: what can be served or sent on is, and
 // the chunks that held writes wait for are collected into a group.
 //
-// The thread is the queue's only consumer, so a request stays where it is while the thread works
-// on it without the queue's lock. Whatever is appended meanwhile and overlaps it stands behind it.
+// The task is the queue's only consumer, so a request stays where it is while the task works on it
+// without the queue's lock. Whatever is appended meanwhile and overlaps it stands behind it.
 //
-// Progress: the head of the queue overlaps nothing earlier, so it is settled or puts a chunk into
-// the group; a group that is copied sets its bits or invalidates its snap.
+// Progress: the head of the queue overlaps nothing earlier, so it is settled, or waits for a chunk
+// that is on its way or becomes so as soon as the copying task is idle; a batch that is copied sets
+// its bits or invalidates its snap.
 #include "driver/core/log.h"
 #include "driver/io/aio.h"
 #include "driver/snap/cowwork.h"
@@ -37,66 +38,106 @@ chunk_range chunks_of(const cow_request* r, u32 chunk_shift) {
   return {r->first_sector >> shift, r->last_sector >> shift};
 }
 
-decision forward(zorv_filter* f, const cow_request* r) {
+kernel::bio* tracked_clone(zorv_filter* f, const cow_request* r) {
   kernel::bio* clone = zorv_aio_clone(&f->aio, r->bio, 1, kernel::GFP_NOIO);
-  if (clone == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Failed to clone BIO", op);
-    return {verdict::ended, -EIO};
-  }
+  if (clone == nullptr) zorv_log(LOG_ERROR, "%s(): Failed to clone BIO", op);
+  return clone;
+}
+
+decision send(zorv_filter* f, kernel::bio* clone) {
   clone->bi_bdev = f->hdd_bdev;
   kernel::generic_make_request(clone);
   return {verdict::sent};
 }
 
-// The first chunk of the write that the snap still needs; -1: none.
-s32 first_missing(zorv_blkdev* snap, const cow_request* r) {
-  if (!snap_usable(snap)) return -1;
-  rzread_guard files(&snap->s.file_lock);
-  if (!snap_usable(snap)) return -1;  // stopped meanwhile
-  const chunk_range range = chunks_of(r, snap->s.chunk_shift);
-  for (u64 c = range.first; c <= range.last; ++c) {
-    if (zorv_cowbmp_test_bit(&snap->s.cowbmp, static_cast<s32>(c)) == 0) {
-      return static_cast<s32>(c);
-    }
-  }
-  return -1;
+decision forward(zorv_filter* f, const cow_request* r) {
+  kernel::bio* clone = tracked_clone(f, r);
+  return clone != nullptr ? send(f, clone) : decision{verdict::ended, -EIO};
 }
 
-struct missing_chunk {
-  zorv_blkdev* snap;  // null: nothing is missing
-  s32 chunk;
+// What has to happen before a write may go.
+struct need {
+  zorv_blkdev* snap = nullptr;  // null: nothing
+  s32 chunk = -1;               // the first chunk that is missing; -1: all are on their way
+  bool more = false;            // that is not the only one
 };
+
+need needs_of(zorv_blkdev* snap, const cow_request* r) {
+  need n;
+  if (!snap_usable(snap)) return n;
+  rzread_guard files(&snap->s.file_lock);
+  if (!snap_usable(snap)) return n;  // stopped meanwhile
+  const chunk_range range = chunks_of(r, snap->s.chunk_shift);
+  for (u64 c = range.first; c <= range.last && !n.more; ++c) {
+    const chunk_state state = zorv_cowbmp_state(&snap->s.cowbmp, static_cast<s32>(c));
+    if (state == chunk_state::copied) continue;
+    n.snap = snap;
+    if (state == chunk_state::on_its_way) continue;
+    if (n.chunk >= 0) {
+      n.more = true;
+    } else {
+      n.chunk = static_cast<s32>(c);
+    }
+  }
+  return n;
+}
 
 // What has to be copied before the write may go: for the snap it was queued for, and for the
 // newest one, which may have started after the write was queued by a submitter that no freeze
 // holds back. What the newest has serves all older ones.
-missing_chunk next_missing(const zorv_filter* f, const cow_request* r, s32 snap_minor)
+need next_need(const zorv_filter* f, const cow_request* r, s32 snap_minor)
     REQUIRES_SHARED(zorv_blkdev_rwlock) {
   zorv_blkdev* target = snap_minor < 0 ? nullptr : cow_find_snap(f, snap_minor);
-  if (target != nullptr) {
-    const s32 chunk = first_missing(target, r);
-    if (chunk >= 0) return {target, chunk};
-  }
+  need n;
+  if (target != nullptr) n = needs_of(target, r);
+  if (n.snap != nullptr) return n;
   zorv_blkdev* newest = f->snaps.back();
   while (newest != nullptr && newest->started.load() == 0) {
     newest = f->snaps.prev_of(newest->s.snap_link);
   }
-  if (newest != nullptr && newest != target) {
-    const s32 chunk = first_missing(newest, r);
-    if (chunk >= 0) return {newest, chunk};
-  }
-  return {nullptr, -1};
+  if (newest != nullptr && newest != target) n = needs_of(newest, r);
+  return n;
 }
 
-decision decide_filter(cow_worker* w, const cow_request* r, s32 snap_minor)
+// A pass under way.
+struct pass {
+  cow_worker* w;
+  collecting mode;
+  u32 copies;  // as of its start
+  pass_result result;
+};
+
+// Adds the chunk to the group, or invalidates its snap.
+decision add_to_group(pass* p, const need& n) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  cow_batch& b = p->w->batch;
+  if (b.count == 0) {
+    b.snap_minor = static_cast<s32>(n.snap->s.snap_minor);
+    // A chunk larger than a group is a group of its own, copied piece by piece.
+    const u32 fits = group_bytes >> n.snap->s.chunk_shift;
+    b.capacity = fits != 0 ? fits : 1;
+  } else if (b.snap_minor != static_cast<s32>(n.snap->s.snap_minor)) {
+    return {verdict::end_pass};
+  }
+  if (zorv_cowbmp_begin_copy(&n.snap->s.cowbmp, n.chunk, kernel::GFP_NOIO) != 0) {
+    zorv_snap_invalidate(n.snap, op);
+    p->w->filter->cowqueue.events.fetch_add(1);  // the next pass lets the write go
+    return {verdict::keep};
+  }
+  b.chunks[b.count++] = n.chunk;
+  if (n.more) ++p->result.more;
+  return {b.count >= b.capacity ? verdict::end_pass : verdict::keep};
+}
+
+decision decide_filter(pass* p, cow_request* r, s32 snap_minor)
     REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  if (!r->is_write) return forward(w->filter, r);
-  const missing_chunk m = next_missing(w->filter, r, snap_minor);
-  if (m.snap == nullptr) return forward(w->filter, r);
-  cow_group& g = w->group;
-  if (g.count != 0 && g.snap != m.snap) return {verdict::end_pass};
-  g.add(m.snap, m.chunk);
-  return {g.full() ? verdict::end_pass : verdict::keep};
+  if (!r->is_write) return forward(p->w->filter, r);
+  const need n = next_need(p->w->filter, r, snap_minor);
+  if (n.snap == nullptr) return forward(p->w->filter, r);
+  if (p->mode == collecting::no) {
+    r->waits_since = p->copies;
+    return {verdict::keep};
+  }
+  return n.chunk < 0 ? decision{verdict::keep} : add_to_group(p, n);
 }
 
 bool any_copied(const zorv_filter* f, zorv_blkdev* snap, const cow_request* r) {
@@ -112,14 +153,22 @@ bool any_copied(const zorv_filter* f, zorv_blkdev* snap, const cow_request* r) {
 
 decision decide_snap(cow_worker* w, const cow_request* r, zorv_blkdev* snap)
     REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  if (!any_copied(w->filter, snap, r)) return forward(w->filter, r);
+  zorv_filter* f = w->filter;
+  if (!any_copied(f, snap, r)) {
+    kernel::bio* clone = tracked_clone(f, r);
+    if (clone == nullptr) return {verdict::ended, -EIO};
+    // From here on no write to the range reaches the HDD before the read, so what is not copied
+    // now is still there.
+    if (!any_copied(f, snap, r)) return send(f, clone);
+    kernel::bio_put(clone);
+  }
   return {verdict::ended, cow_serve_read(w, snap, r->bio)};
 }
 
 //   overlaps_earlier  a request before it in the queue touches its sectors
-decision decide(cow_worker* w, const cow_request* r, s32 snap_minor, bool overlaps_earlier)
+decision decide(pass* p, cow_request* r, s32 snap_minor, bool overlaps_earlier)
     REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  zorv_filter* f = w->filter;
+  const zorv_filter* f = p->w->filter;
   if (kernel::major_of(r->dev) != static_cast<u32>(zorv_blk_major)) {
     zorv_log(LOG_ERROR, "%s(): Request to unknown block device in COW request queue", op);
     return {verdict::ended, -EIO};
@@ -136,34 +185,10 @@ decision decide(cow_worker* w, const cow_request* r, s32 snap_minor, bool overla
     if (!snap_usable(snap) || snap->s.stop_pending.load() != 0) return {verdict::ended, -EIO};
   }
   if (overlaps_earlier) return {verdict::keep};
-  return snap == nullptr ? decide_filter(w, r, snap_minor) : decide_snap(w, r, snap);
+  return snap == nullptr ? decide_filter(p, r, snap_minor) : decide_snap(p->w, r, snap);
 }
 
 }  // namespace
-
-void cow_group::reset() {
-  snap = nullptr;
-  capacity = 0;
-  count = 0;
-  std::memset(seen, 0xff, sizeof(seen));
-}
-
-void cow_group::add(zorv_blkdev* target, s32 chunk) {
-  if (count == 0) {
-    snap = target;
-    // A chunk larger than a group is a group of its own, copied piece by piece.
-    const u32 fits = group_bytes >> target->s.chunk_shift;
-    capacity = fits != 0 ? fits : 1;
-  }
-  constexpr u32 slots = 2 * group_max_chunks;
-  u32 at = static_cast<u32>(chunk) * 2654435761U % slots;
-  while (seen[at] != -1) {
-    if (seen[at] == chunk) return;
-    at = (at + 1) % slots;
-  }
-  seen[at] = chunk;
-  chunks[count++] = chunk;
-}
 
 zorv_blkdev* cow_find_snap(const zorv_filter* f, s32 minor) {
   zorv_blkdev* dev = zorv_blkdev_find(static_cast<u32>(minor));
@@ -172,26 +197,38 @@ zorv_blkdev* cow_find_snap(const zorv_filter* f, s32 minor) {
   return ours ? dev : nullptr;
 }
 
-void cow_pass(cow_worker* w) {
+pass_result cow_pass(cow_worker* w, collecting mode) {
   zorv_cowqueue& q = w->filter->cowqueue;
-  w->group.reset();
+  pass p{w, mode, w->copies.load(), {}};
+  const u32 group_start = mode == collecting::yes ? w->batch.count : 0;
   kernel::spin_lock(&q.lock);
   cow_request* r = q.reqs.front();
   while (r != nullptr) {
+    if (mode == collecting::no && r->waits_since == p.copies) {
+      r = q.reqs.next_of(r->queue_link);
+      continue;
+    }
     const s32 snap_minor = r->snap_minor;
     const bool overlaps_earlier = zorv_cowqueue_overlaps_earlier(&q, r);
     kernel::spin_unlock(&q.lock);
 
-    const decision d = decide(w, r, snap_minor, overlaps_earlier);
+    const decision d = decide(&p, r, snap_minor, overlaps_earlier);
     if (d.what == verdict::ended) kernel::bio_endio(r->bio, d.rc);
 
     kernel::spin_lock(&q.lock);
-    if (d.what == verdict::end_pass) break;
+    if (d.what == verdict::end_pass) {
+      p.result.ended_early = true;
+      break;
+    }
     cow_request* next = q.reqs.next_of(r->queue_link);
     if (d.what != verdict::keep) zorv_cowqueue_remove(&q, r);
     r = next;
   }
   kernel::spin_unlock(&q.lock);
+  if (mode == collecting::yes && w->batch.count > group_start) {
+    w->batch.group_end[w->batch.groups++] = w->batch.count;
+  }
+  return p.result;
 }
 
 }  // namespace zorv

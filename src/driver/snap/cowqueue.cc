@@ -159,6 +159,7 @@ int zorv_cowqueue_append(zorv_cowqueue* q, s32 snap_minor, kernel::bio* bio, gfp
       q->reqs.push_back(&r->queue_link);
     }
   }
+  q->events.fetch_add(1);
   kernel::wake_up(&q->wait);
   return 0;
 }

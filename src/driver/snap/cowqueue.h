@@ -33,6 +33,7 @@ struct cow_request {
   sector_t first_sector = 0;
   sector_t last_sector = 0;  // inclusive
   bool is_write = false;
+  u32 waits_since = 0;  // the consumer's: the copy that it waits to see the end of
 };
 
 constexpr u32 cowqueue_hash_size = 16384;
@@ -42,6 +43,8 @@ struct zorv_cowqueue {
   kernel::list_of<cow_block>* hash = nullptr;  // cowqueue_hash_size buckets; under lock
   kernel::spinlock_t lock;
   std::atomic<s32> cnt{0};
+  // Counts what may let the consumer get further: requests that came, copies that were made.
+  std::atomic<u32> events{0};
   kernel::wait_queue_head wait;  // the COW thread sleeps here
 };
 

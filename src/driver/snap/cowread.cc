@@ -20,23 +20,66 @@ void read_from_hdd_complete(kernel::bio* bio, int) {
   kernel::complete(&static_cast<wait_state*>(bio->bi_private)->done);
 }
 
+// A tracked clone of the bio, or the bio itself where there is none; its end completes the state.
+kernel::bio* track(zorv_filter* f, kernel::bio* bio, wait_state* state) {
+  kernel::init_completion(&state->done);
+  bio->bi_private = state;
+  bio->bi_end_io = read_from_hdd_complete;
+  kernel::bio* clone = zorv_aio_clone(&f->aio, bio, 1, kernel::GFP_NOIO);
+  return clone != nullptr ? clone : bio;
+}
+
+void send_and_wait(zorv_filter* f, kernel::bio* bio, wait_state* state) {
+  kernel::submit_bio(kernel::READ, bio);
+  kernel::blk_unplug(kernel::bdev_get_queue(f->hdd_bdev));
+  kernel::wait_for_completion(&state->done);
+}
+
+// The snap that has the chunk as the given one shows it; null: the HDD has it.
+zorv_blkdev* source_of(const zorv_filter* f, zorv_blkdev* snap, s32 chunk) {
+  for (zorv_blkdev* t = snap; t != nullptr; t = f->snaps.next_of(t->s.snap_link)) {
+    if (snap_has_chunk(t, chunk)) return t;
+  }
+  return nullptr;
+}
+
 // Adjacent pieces from one source.
 struct piece_run {
   zorv_blkdev* source = nullptr;  // null: the HDD
   sector_t sector = 0;
   u32 bytes = 0;             // 0: nothing collected
-  std::byte* end = nullptr;  // where the memory of a file's run goes on
-  std::byte* to = nullptr;   // a file's run
+  std::byte* to = nullptr;   // a file's run: its memory
+  std::byte* end = nullptr;  // and where that would go on
 };
 
-int read_run_from_hdd(cow_worker* w, const piece_run& run) {
-  zorv_filter* f = w->filter;
-  w->read_bio.bi_sector = run.sector;
-  w->read_bio.bi_bdev = f->hdd_bdev;
-  if (cow_read_and_wait(f, &w->read_bio) == 0) return 0;
+// A read under way.
+struct snap_read {
+  cow_worker* w;
+  zorv_blkdev* snap;
+  piece_run run;
+};
+
+//   returns  0 | -EIO | -EAGAIN (some of it has been copied since it was looked up)
+int read_run_from_hdd(const snap_read& r) {
+  zorv_filter* f = r.w->filter;
+  kernel::bio* bio = &r.w->read_bio;
+  wait_state state;
+  bio->bi_sector = r.run.sector;
+  bio->bi_bdev = f->hdd_bdev;
+  kernel::bio* clone = track(f, bio, &state);
+  // The range is ours now: what is still not copied is still there.
+  const u32 shift = r.snap->s.chunk_shift - kernel::sector_shift;
+  const u64 last = (r.run.sector + kernel::bio_sectors(bio) - 1) >> shift;
+  for (u64 c = r.run.sector >> shift; c <= last; ++c) {
+    if (source_of(f, r.snap, static_cast<s32>(c)) == nullptr) continue;
+    if (clone != bio) kernel::bio_put(clone);
+    return -EAGAIN;
+  }
+  send_and_wait(f, clone, &state);
+  if (bio->bi_uptodate.load()) return 0;
   zorv_log(LOG_ERROR, "%s(): Failed to read %d bytes starting from sector %d from device (%d, %d)",
-           "read_from_hdd", run.bytes, static_cast<s32>(run.sector), kernel::major_of(f->hdd_dev),
-           kernel::minor_of(f->hdd_dev));
+           "read_from_hdd", r.run.bytes, static_cast<s32>(r.run.sector),
+           kernel::major_of(f->hdd_dev), kernel::minor_of(f->hdd_dev));
   return -EIO;
 }
 
@@ -47,68 +90,51 @@ int read_run_from_file(const piece_run& run) {
   if (!snap_usable(run.source) || s.cow_data_file == nullptr) return -EIO;
   const int bytes = static_cast<int>(run.bytes);
   const int rc = zorv_fread(s.cow_data_file, run.sector << kernel::sector_shift, run.to, bytes);
-  return rc == bytes ? 0 : -EIO;
+  // A snap that became invalid meanwhile may have been emptied under the read.
+  return rc == bytes && snap_usable(run.source) ? 0 : -EIO;
 }
 
-int flush(cow_worker* w, piece_run* run) {
-  if (run->bytes == 0) return 0;
-  const int rc = run->source == nullptr ? read_run_from_hdd(w, *run) : read_run_from_file(*run);
-  run->bytes = 0;
+int flush(snap_read* r) {
+  if (r->run.bytes == 0) return 0;
+  const int rc = r->run.source == nullptr ? read_run_from_hdd(*r) : read_run_from_file(r->run);
+  r->run.bytes = 0;
   return rc;
 }
 
+// Whether the piece continues the run.
+bool goes_on(const snap_read& r, const zorv_blkdev* source, const std::byte* memory) {
+  if (r.run.source != source) return false;
+  return source == nullptr ? r.w->read_bio.bi_vcnt < kernel::bio_max_segments : r.run.end == memory;
+}
+
 // Appends the piece to the run, reading what was collected where it does not go on.
-int collect(cow_worker* w, piece_run* run, zorv_blkdev* source, sector_t sector,
-            const kernel::bio_vec& seg, u32 offset, u32 length) {
+int collect(snap_read* r, zorv_blkdev* source, sector_t sector, const kernel::bio_vec& seg,
+            u32 offset, u32 length) {
   std::byte* memory = kernel::page_address(seg.bv_page) + seg.bv_offset + offset;
-  if (run->bytes != 0) {
-    bool goes_on = run->source == source;
-    if (goes_on && source == nullptr) goes_on = w->read_bio.bi_vcnt < kernel::bio_max_segments;
-    if (goes_on && source != nullptr) goes_on = run->end == memory;
-    if (!goes_on) {
-      const int rc = flush(w, run);
-      if (rc != 0) return rc;
-    }
+  if (r->run.bytes != 0 && !goes_on(*r, source, memory)) {
+    const int rc = flush(r);
+    if (rc != 0) return rc;
   }
-  if (run->bytes == 0) {
-    run->source = source;
-    run->sector = sector;
-    run->to = memory;
-    if (source == nullptr) kernel::bio_init(&w->read_bio, w->read_vecs, kernel::bio_max_segments);
+  kernel::bio* bio = &r->w->read_bio;
+  if (r->run.bytes == 0) {
+    r->run.source = source;
+    r->run.sector = sector;
+    r->run.to = memory;
+    if (source == nullptr) kernel::bio_init(bio, r->w->read_vecs, kernel::bio_max_segments);
   }
   if (source == nullptr) {
-    (void)kernel::bio_add_page(&w->read_bio, seg.bv_page, length, seg.bv_offset + offset);
+    (void)kernel::bio_add_page(bio, seg.bv_page, length, seg.bv_offset + offset);
   }
-  run->bytes += length;
-  run->end = memory + length;
+  r->run.bytes += length;
+  r->run.end = memory + length;
   return 0;
 }
 
-zorv_blkdev* source_of(const zorv_filter* f, zorv_blkdev* snap, s32 chunk) {
-  for (zorv_blkdev* t = snap; t != nullptr; t = f->snaps.next_of(t->s.snap_link)) {
-    if (snap_has_chunk(t, chunk)) return t;
-  }
-  return nullptr;
-}
-
-}  // namespace
-
-int cow_read_and_wait(zorv_filter* f, kernel::bio* bio) {
-  wait_state state;
-  kernel::init_completion(&state.done);
-  bio->bi_private = &state;
-  bio->bi_end_io = read_from_hdd_complete;
-  kernel::bio* clone = zorv_aio_clone(&f->aio, bio, 1, kernel::GFP_NOIO);
-  kernel::submit_bio(kernel::READ, clone != nullptr ? clone : bio);
-  kernel::blk_unplug(kernel::bdev_get_queue(f->hdd_bdev));
-  kernel::wait_for_completion(&state.done);
-  return bio->bi_uptodate.load() ? 0 : -EIO;
-}
-
-int cow_serve_read(cow_worker* w, zorv_blkdev* snap, kernel::bio* bio) {
+// One try; -EAGAIN as above.
+int serve_once(cow_worker* w, zorv_blkdev* snap, kernel::bio* bio) {
   const u32 shift = snap->s.chunk_shift - kernel::sector_shift;
   sector_t sector = bio->bi_sector;
-  piece_run run;
+  snap_read r{w, snap, {}};
   s32 chunk = -1;
   zorv_blkdev* source = nullptr;
   for (; bio->bi_idx < bio->bi_vcnt; ++bio->bi_idx) {
@@ -122,13 +148,31 @@ int cow_serve_read(cow_worker* w, zorv_blkdev* snap, kernel::bio* bio) {
       const u64 to_border = (((piece_chunk + 1) << shift) - sector) << kernel::sector_shift;
       const u32 rest = seg.bv_len - offset;
       const u32 length = to_border < rest ? static_cast<u32>(to_border) : rest;
-      const int rc = collect(w, &run, source, sector, seg, offset, length);
+      const int rc = collect(&r, source, sector, seg, offset, length);
       if (rc != 0) return rc;
       offset += length;
       sector += length >> kernel::sector_shift;
     }
   }
-  return flush(w, &run);
+  return flush(&r);
+}
+
+}  // namespace
+
+int cow_read_and_wait(zorv_filter* f, kernel::bio* bio) {
+  wait_state state;
+  send_and_wait(f, track(f, bio, &state), &state);
+  return bio->bi_uptodate.load() ? 0 : -EIO;
+}
+
+int cow_serve_read(cow_worker* w, zorv_blkdev* snap, kernel::bio* bio) {
+  const u16 first_segment = bio->bi_idx;
+  int rc;
+  do {  // every repetition has seen another chunk copied
+    bio->bi_idx = first_segment;
+    rc = serve_once(w, snap, bio);
+  } while (rc == -EAGAIN);
+  return rc;
 }
 
 }  // namespace zorv
