@@ -67,7 +67,7 @@ _zorvctl() {
       options=$'--valid\n--stop-pending\n--del-pending'
       ;;
     list::0) answers=$'filter\nsnap' ;;
-    @(start|stop|del|info|uri)::0) answers=$(_zorvctl_nodes) ;;
+    start::0 | stop::0 | del::0 | info::0 | uri::0) answers=$(_zorvctl_nodes) ;;
     bmp::*) answers=$'get\nget-clear\nset\nmerge\nclear\nsave\nload\nshow' ;;
     bmp:*:0) answers=$(_zorvctl_nodes filter) ;;
     bmp:*:1) answers=$'incr\ndiff' ;;

@@ -29,6 +29,11 @@ void expect_refused(const std::vector<std::string>& args, int status, const std:
   }
 }
 
+struct nbd_closer {
+  void operator()(nbd_handle* h) const { nbd_close(h); }
+};
+using nbd_ptr = std::unique_ptr<nbd_handle, nbd_closer>;
+
 struct ctl_daemon : testing::Test {
   temp_dir dir;
   std::string image = dir / "disk.img";
@@ -39,9 +44,12 @@ struct ctl_daemon : testing::Test {
         {"add-filter", "disk", "--extent-size", "64K", "--bmp-dir", dir.path(), "--name", "data"});
     d->must({"start", "data"});
   }
-  static void write(const daemon_process& d, const std::string& what) {
-    const auto r = run_program({"qemu-io", "-f", "raw", "-c", "write -q " + what, d.uri("data")});
-    EXPECT_EQ(r.status, 0) << r.out << r.err;
+  // Writes 512 bytes and stays connected.
+  static nbd_ptr write(const daemon_process& d, u64 offset) {
+    nbd_ptr nbd(nbd_create());
+    EXPECT_EQ(nbd_connect_uri(nbd.get(), d.uri("data").c_str()), 0) << nbd_get_error();
+    EXPECT_EQ(nbd_pwrite(nbd.get(), std::string(512, 'x').data(), 512, offset, 0), 0);
+    return nbd;
   }
   static std::string changed(daemon_process* d, const char* type) {
     return d->must({"bmp", "show", "data", type});
@@ -116,9 +124,9 @@ TEST_F(ctl_daemon, bitmaps_outlive_a_clean_end_and_not_a_crash) {
     EXPECT_EQ(changed(&d, "incr"), all) << "nothing is known at first";
     d.must({"bmp", "clear", "data", "incr"});
     d.must({"bmp", "clear", "data", "diff"});
-    write(d, "64k 512");
+    const nbd_ptr client = write(d, 65536);
     EXPECT_EQ(changed(&d, "incr"), one);
-    EXPECT_EQ(d.end(SIGTERM), 0) << d.log();
+    EXPECT_EQ(d.end(SIGTERM), 0) << "with a client connected: " << d.log();
   }
   {
     daemon_process d({"--disk", image});
@@ -126,11 +134,8 @@ TEST_F(ctl_daemon, bitmaps_outlive_a_clean_end_and_not_a_crash) {
     EXPECT_EQ(changed(&d, "incr"), one);
     EXPECT_EQ(changed(&d, "diff"), one);
     // With the node open nothing saves the bitmaps, and no old save may count.
-    nbd_handle* nbd = nbd_create();
-    EXPECT_EQ(nbd_connect_uri(nbd, d.uri("data").c_str()), 0) << nbd_get_error();
-    EXPECT_EQ(nbd_pwrite(nbd, std::string(512, 'x').data(), 512, 1 << 20, 0), 0);
+    const nbd_ptr client = write(d, 1 << 20);
     d.end(SIGKILL);
-    nbd_close(nbd);
   }
   daemon_process d({"--disk", image});
   add_data(&d);

@@ -166,6 +166,24 @@ TEST_F(control_test, bad_addresses_are_EFAULT_and_clear_nothing) {
   ::munmap(read_only, 4096);
 }
 
+TEST_F(control_test, records_of_any_content_are_refused) {
+  serve();
+  const handle h = open();
+  memory_disk bystander{"d1", 1 << 20};
+  for (const u32 number :
+       {ZORV_ADD_FILTER_NODE, ZORV_ADD_SNAP_NODE, ZORV_DEL_NODE, ZORV_START_NODE, ZORV_STOP_NODE,
+        ZORV_GET_DEVICE_LIST, ZORV_GET_INFO, ZORV_LOAD_BMP, ZORV_SAVE_BMP, ZORV_CLR_BMP,
+        ZORV_SET_BMP, ZORV_MERGE_BMP, ZORV_GET_BMP, ZORV_GET_AND_CLR_BMP, ZORV_GET_DATABLOCK_BMP,
+        ZORV_TEST_DATABLOCK, ZORV_RESUME_SNAP}) {
+    for (const u8 fill : {0x00, 0x41, 0xff}) {  // none of them ends a text but the first
+      bytes record(number >> 16 & 0x3fff, fill);
+      const bytes before = record;
+      EXPECT_EQ(zorv_ioctl(h.get(), number, record.data()), -1) << zorv_command_name(number);
+      EXPECT_EQ(record, before) << zorv_command_name(number);
+    }
+  }
+}
+
 TEST_F(control_test, a_taken_bitmap_that_nobody_read_is_merged_back) {
   serve();
   add_filter(disk.path());

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <list>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -88,7 +89,11 @@ void control_server::impl::accept_loop() {
     unique_fd fd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     reap();
     if (fd) {
-      serve(std::move(fd));
+      try {
+        serve(std::move(fd));
+      } catch (const std::bad_alloc&) {
+        host_log(log_level::error, "no memory for a control connection");
+      }
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
       // The connection stays pending; ask again when something may have been freed.
       ::poll(fds + 1, 1, 100);
