@@ -17,8 +17,10 @@ namespace {
 
 class loop_device {
  public:
-  explicit loop_device(const std::string& image) {
-    const program_result r = run_program({"losetup", "--find", "--show", image});
+  explicit loop_device(const std::string& image, const std::vector<std::string>& options = {}) {
+    std::vector<std::string> argv = {"losetup", "--find", "--show", image};
+    argv.insert(argv.end(), options.begin(), options.end());
+    const program_result r = run_program(argv);
     if (r.status == 0) path_ = r.out.substr(0, r.out.find('\n'));
     std::cout << (path_.empty() ? "no loop devices here: refusals only\n"
                                 : "host block device: " + path_ + "\n");
@@ -33,6 +35,24 @@ class loop_device {
 
  private:
   std::string path_;
+};
+
+class mount_point {
+ public:
+  mount_point(const std::string& device, std::string dir) : dir_(std::move(dir)) {
+    there_ = run_program({"mount", device, dir_}).status == 0;
+    std::cout << (there_ ? "mounted\n" : "no mounting here: nothing to refuse\n");
+  }
+  ~mount_point() {
+    if (there_) EXPECT_EQ(run_program({"umount", dir_}).status, 0);
+  }
+  mount_point(const mount_point&) = delete;
+  mount_point& operator=(const mount_point&) = delete;
+  [[nodiscard]] bool there() const { return there_; }
+
+ private:
+  std::string dir_;
+  bool there_ = false;
 };
 
 // Opens alone, as a mount would; -1 while somebody else has it.
@@ -73,9 +93,10 @@ TEST_F(ctl_host_disk, is_held_while_a_node_stands_over_it) {
 
   EXPECT_THAT(add(loop.path()).err, HasSubstr("Can't attach to an open HDD device"));
   ::close(fd);
-  ASSERT_EQ(run_program({"losetup", "--detach", loop.path()}).status, 0);
-  ASSERT_EQ(run_program({"losetup", "--read-only", loop.path(), dir / "disk.img"}).status, 0);
-  EXPECT_THAT(add(loop.path()).err, HasSubstr("Unable to open HDD device"));
+  make_image(dir / "fixed.img", 8 << 20);
+  const loop_device fixed(dir / "fixed.img", {"--read-only"});
+  ASSERT_TRUE(fixed.there());
+  EXPECT_THAT(add(fixed.path()).err, HasSubstr("Unable to open HDD device"));
   EXPECT_EQ(d.end(SIGTERM), 0);
 }
 
@@ -85,12 +106,12 @@ TEST_F(ctl_host_disk, mounted_ones_are_refused) {
   if (!loop.there()) return;
   ASSERT_EQ(run_program({"mke2fs", "-q", loop.path()}).status, 0);
   ASSERT_EQ(::mkdir((dir / "mnt").c_str(), 0700), 0);
-  const bool mounted = run_program({"mount", loop.path(), dir / "mnt"}).status == 0;
-  std::cout << (mounted ? "mounted\n" : "no mounting here: nothing to refuse\n");
-  if (!mounted) return;
-  EXPECT_THAT(add(loop.path()).err, HasSubstr("Can't attach to mounted HDD device"));
-  EXPECT_THAT(d.ctl({"datablock", "test", loop.path()}).err, HasSubstr("mounted"));
-  EXPECT_EQ(run_program({"umount", dir / "mnt"}).status, 0);
+  {
+    const mount_point mnt(loop.path(), dir / "mnt");
+    if (!mnt.there()) return;
+    EXPECT_THAT(add(loop.path()).err, HasSubstr("Can't attach to mounted HDD device"));
+    EXPECT_THAT(d.ctl({"datablock", "test", loop.path()}).err, HasSubstr("mounted"));
+  }
   EXPECT_EQ(add(loop.path()).status, 0) << d.log();
   EXPECT_EQ(d.end(SIGTERM), 0);
 }

@@ -245,6 +245,22 @@ TEST_F(control_test, nonsense_gets_a_reason_and_the_end) {
     EXPECT_NE(text.find(c.reason), std::string::npos) << text;
     EXPECT_TRUE(peer.closed());
   }
+  // A buffer that was sent to be read is not written to, and the other way round.
+  add_filter(disk.path());
+  for (const bool in : {true, false}) {
+    raw_peer peer(options.socket_path);
+    zorv_bmp_range_req record{.type = ZORV_BMP_INCREMENTAL, .size = 32, .data = 0x10000};
+    auto r = request(ZORV_CTL_IOCTL, in ? ZORV_GET_BMP : ZORV_SET_BMP);
+    r.flags = in ? ZORV_CTL_BUFFER_IN : ZORV_CTL_BUFFER_OUT;
+    r.record_bytes = sizeof record;
+    r.buffer_addr = record.data;
+    r.buffer_bytes = record.size;
+    peer.send(&r, sizeof r);
+    peer.send(&record, sizeof record);
+    if (in) peer.send(bytes(32).data(), 32);
+    std::string text;
+    EXPECT_EQ(peer.reply(&text).result, -EFAULT);
+  }
   // Host requests with arguments that end too early or too late are refused; the client stays.
   raw_peer peer(options.socket_path);
   for (const std::string& arguments : {std::string(), std::string("\xff\xff\xff\xff", 4),
