@@ -122,6 +122,11 @@ INSTANTIATE_TEST_SUITE_P(
                       doubt_case{"unknown_incompat", "-t ext2 -b 1024",
                                  "debugfs -w -R 'feature FEATURE_I31' $i",
                                  "has features that are not known here", false},
+                      doubt_case{"partitioned_later", "-t ext2 -b 1024",
+                                 "printf '\\0\\0\\0\\0\\203\\0\\0\\0\\0\\10\\0\\0\\0\\10\\0\\0' |"
+                                 "dd of=$i bs=1 seek=446 conv=notrunc;"
+                                 "printf '\\125\\252' | dd of=$i bs=1 seek=510 conv=notrunc",
+                                 "shares the device with a partition table", false},
                       doubt_case{"unknown_ro_compat", "-t ext2 -b 1024",
                                  "debugfs -w -R 'feature FEATURE_R31' $i",
                                  "has features that are not known here", false}),

@@ -76,6 +76,11 @@ class [[nodiscard]] fs_reader_use {
 // The log line of a file system in doubt.
 void fs_reader_log_doubt(const char* caller, const char* fs_name, devt dev, const char* why);
 
+// Why the device may belong to somebody else than the file system whose superblock was found: a
+// partition table or a volume manager's label stands in front of it, so the superblock may be what
+// a former use of the disk left behind. Null when there is no sign of that. Reads two sectors.
+[[nodiscard]] const char* fs_reader_rival(kernel::block_device* hdd);
+
 // The chunks that a read is asked for, and their output.
 struct chunk_window {
   u64 first;  // chunk
