@@ -92,20 +92,17 @@ void transmission::unplug() {
 
 // Makes sure that a useful number of bytes can be received; false when there is no buffer for it.
 bool transmission::make_room() {
-  if (in_ != nullptr && pending() == 0 && in_->refs == 1) in_->used = in_at_ = 0;
-  if (in_ != nullptr && in_->room() >= min_receive_bytes) return true;
   const std::size_t bytes = pending();
-  if (in_ != nullptr && in_->refs == 1) {
-    std::memmove(in_->memory, in_->memory + in_at_, bytes);
-  } else {
-    buffer* fresh = pool_.take();
-    if (fresh == nullptr) return false;
-    if (in_ != nullptr) {
-      std::memcpy(fresh->memory, in_->memory + in_at_, bytes);
-      pool_.drop(in_);
-    }
-    in_ = fresh;
+  if (in_ != nullptr && bytes == 0 && in_->refs == 1) in_->used = in_at_ = 0;
+  if (in_ != nullptr && in_->room() >= min_receive_bytes) return true;
+  buffer* to = in_;
+  if (in_ == nullptr || in_->refs != 1) {
+    to = pool_.take();
+    if (to == nullptr) return false;
   }
+  if (bytes != 0) std::memmove(to->memory, in_->memory + in_at_, bytes);
+  if (in_ != nullptr && to != in_) pool_.drop(in_);
+  in_ = to;
   in_->used = bytes;
   in_at_ = 0;
   return true;
@@ -113,17 +110,7 @@ bool transmission::make_room() {
 
 // Returns false when there was nothing to receive yet.
 bool transmission::receive(int flags) {
-  std::size_t want = in_->room();
-  if (current_ != nullptr && current_->type == cmd_write) {
-    // Inside a large write, so much that a whole piece is there; the next one then begins at the
-    // front of a buffer and at a page of the disk.
-    const std::size_t left = current_->length - current_done_;
-    if (left > max_piece_bytes && pending() < max_piece_bytes &&
-        max_piece_bytes - pending() < want) {
-      want = max_piece_bytes - pending();
-    }
-  }
-  const ssize_t n = ::recv(fd_, in_->memory + in_->used, want, flags);
+  const ssize_t n = ::recv(fd_, in_->memory + in_->used, in_->room(), flags);
   if (n > 0) {
     in_->used += static_cast<std::size_t>(n);
   } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
