@@ -52,7 +52,7 @@ class buffer_pool {
   void trim();
 
  private:
-  static constexpr std::size_t kept_buffers = 8;
+  static constexpr std::size_t kept_buffers = 4;
 
   std::byte* memory_ = nullptr;
   std::size_t buffers_ = 0;

@@ -28,6 +28,8 @@ namespace zorv {
 
 namespace {
 
+constexpr int send_buffer_bytes = 1 << 20;
+// How long a client that is told of the end may take to read its last replies.
 constexpr auto reply_limit = std::chrono::seconds(5);
 
 struct connection {
@@ -150,6 +152,8 @@ void nbd_server::impl::take(int fd) {
     return;
   }
   told_full = false;
+  // As much as the host lets anybody have: a large read then is sent with fewer stops.
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes);
   try {
     connection& c = connections.emplace_back();
     c.fd = fd;
