@@ -446,6 +446,40 @@ TEST_F(nbd_test, stop_ends_requests_in_flight_and_every_connection) {
   EXPECT_NE(::access(options.socket_path.c_str(), F_OK), 0);
 }
 
+TEST_F(nbd_test, garbage_harms_only_who_sends_it) {
+  const auto seed = static_cast<u32>(::testing::UnitTest::GetInstance()->random_seed());
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  raw_client good(options.socket_path);
+  ASSERT_TRUE(good.enter("disk"));
+  for (u32 i = 0; i < 200; ++i) {
+    raw_client c(options.socket_path);
+    const bytes dice = pattern(64, seed + i);
+    if (i % 2 == 0) {
+      c.greet();
+      packed m;
+      for (int k = 0; k < 8; ++k) {  // options that are almost right
+        bytes data = k % 2 == 0 ? go_data("disk", {1, 3}) : meta_data("disk", {"base:allocation"});
+        data[dice[k] % data.size()] ^= dice[k + 8];
+        m.text("IHAVEOPT").be32(dice[k + 16] % 12).be32(static_cast<u32>(data.size()));
+        m.insert(m.end(), data.begin(), data.end());
+      }
+      c.send(m);
+    } else {
+      ASSERT_TRUE(c.enter("disk", i % 4 == 1));
+      packed m;
+      for (int k = 0; k < 8; ++k) {  // requests with one odd field, payload that is none
+        m.be32(wire::magic_request).be16(dice[k] % 32).be16(dice[k + 8] % 9).be64(k);
+        m.be64(u64{dice[k + 16]} << (dice[k + 24] % 60))
+            .be32(u32{dice[k + 32]} << dice[k + 40] % 32);
+      }
+      c.send(m);
+    }
+    c.hang_up();
+    if (i % 20 == 0) ASSERT_EQ(good.call(cmd_read, 0, 4096).error, 0U);
+  }
+  EXPECT_TRUE(eventually([this] { return openers() == 1; }));
+}
+
 // ---- the socket ----------------------------------------------------------------------------
 
 TEST_F(nbd_test, the_socket_is_private_a_live_one_is_left_alone_a_stale_one_replaced) {
