@@ -357,25 +357,23 @@ TEST_F(nbd_test, a_frozen_device_delays_requests_and_keeps_answering_earlier_one
   ASSERT_TRUE(eventually([this] { return disk.held_count() == 1; }));
   disk.serve(serving::at_once);
   kernel::block_device* bdev = disk.bdev();
-  std::thread starter([&] {
-    kernel::super_block* sb = kernel::freeze_bdev(bdev);
-    EXPECT_TRUE(disk.peek(0, 4096) == pattern(4096, 1));
-    EXPECT_EQ(disk.held_count(), 0U);
-    const u64 writes = disk.writes();
-    EXPECT_EQ(c.hear(before).error, 0U);
-    const u64 during = c.ask(cmd_write, MiB, 4096, 0, pattern(4096, 2));
-    EXPECT_FALSE(c.anything_to_hear(50));
-    EXPECT_EQ(disk.writes(), writes);
-    kernel::thaw_bdev(bdev, sb);
-    EXPECT_EQ(c.hear(during).error, 0U);
-  });
+  kernel::super_block* sb = nullptr;
+  std::thread starter([&] { sb = kernel::freeze_bdev(bdev); });
   ASSERT_TRUE(eventually([bdev] {
     const bool open = kernel::blkdev_try_enter(bdev);
     if (open) kernel::blkdev_exit(bdev);
     return !open;
   }));
+  const u64 during = c.ask(cmd_write, MiB, 4096, 0, pattern(4096, 2));
+  ASSERT_TRUE(eventually([&c] { return c.everything_taken(); }));
   disk.release_all();
   starter.join();
+  const u64 writes = disk.writes();
+  EXPECT_EQ(c.hear(before).error, 0U);
+  EXPECT_FALSE(c.anything_to_hear(50));
+  EXPECT_EQ(disk.writes(), writes);
+  kernel::thaw_bdev(bdev, sb);
+  EXPECT_EQ(c.hear(during).error, 0U);
 }
 
 // ---- the end of a connection ---------------------------------------------------------------

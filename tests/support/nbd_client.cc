@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "support/nbd_client.h"
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -47,6 +49,11 @@ bool raw_client::send(const bytes& data) {
 bool raw_client::anything_to_hear(int limit_ms) {
   pollfd p{fd_, POLLIN, 0};
   return ::poll(&p, 1, limit_ms) == 1;
+}
+
+bool raw_client::everything_taken() {
+  int left = 0;
+  return ::ioctl(fd_, SIOCOUTQ, &left) == 0 && left == 0;
 }
 
 bytes raw_client::receive(std::size_t n) {

@@ -75,6 +75,7 @@ class raw_client {
     return hear(ask(type, offset, length, flags, payload));
   }
   [[nodiscard]] bool anything_to_hear(int limit_ms);
+  [[nodiscard]] bool everything_taken();  // the peer has received all that was sent
 
  private:
   struct expected {
