@@ -48,5 +48,11 @@ soak: deps-test
 	cmake --build --preset dev -j $(JOBS)
 	ZORV_SOAK_SEEDS=$(or $(SEEDS),2000) build/dev/tests/test_snap --gtest_filter='*model*'
 
+# libFuzzer over the three file system readers; SECONDS=N for each.
+fuzz: deps-ci
+	cmake --preset fuzz -DZORV_FUZZ_SECONDS=$(or $(SECONDS),60)
+	cmake --build --preset fuzz -j $(JOBS) --target fuzz_ext2 fuzz_reiserfs fuzz_xfs
+	ctest --preset fuzz -j $(JOBS)
+
 clean:
 	rm -rf build
