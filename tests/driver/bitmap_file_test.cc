@@ -128,7 +128,9 @@ TEST_F(bitmap_file_test, the_load_takes_nothing_but_a_whole_file) {
     const bool taken = row.message.empty();
     EXPECT_EQ(get_bmp(0, incr), taken ? bytes({1, 0}) : bytes({0xFF, 0xFF})) << row.message;
     EXPECT_EQ(dirty(), taken ? 0U : 1U);
-    if (!taken) EXPECT_TRUE(log.has("<3>ERROR: zorv_block_load_bmp(): File " + file + row.message));
+    if (!taken) {
+      EXPECT_TRUE(log.has("<3>ERROR: zorv_block_load_bmp(): File " + file + row.message));
+    }
   }
   std::filesystem::remove(file);
   EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), -EIO);
@@ -162,8 +164,11 @@ TEST_F(bitmap_file_test, a_failed_save_keeps_the_flag_and_is_tried_again) {
     EXPECT_EQ(zorv_block_load_bmp(filter(), incr), rc);
     kernel::fault_disarm_all();
     const std::vector<u32> want{0, 3};
-    if (rc == -ENOMEM) EXPECT_EQ(changed(0, incr), want) << "the bitmap is untouched";
-    if (rc != -ENOMEM) EXPECT_EQ(get_bmp(0, incr), bytes(2, 0xFF));
+    if (rc == -ENOMEM) {
+      EXPECT_EQ(changed(0, incr), want) << "the bitmap is untouched";
+    } else {
+      EXPECT_EQ(get_bmp(0, incr), bytes(2, 0xFF));
+    }
   }
 }
 
