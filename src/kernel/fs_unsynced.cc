@@ -5,7 +5,8 @@
 // and the length that it would have after a cut (a page is saved the first time it changes; a sync
 // forgets the pages; a synced write updates them). Per changed name: whether the directory on
 // stable storage has it, with a descriptor of the file that it stands for. A cut puts the pages,
-// the lengths and the names back. Everything happens under one mutex, so that a change and its
+// the lengths and the names back. What stable storage holds is what the record says: the host is
+// not asked to sync while recording. Everything happens under one mutex, so that a change and its
 // record are one step.
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -208,7 +209,6 @@ s64 unsynced_write(int fd, const void* buffer, std::size_t bytes, u64 offset, bo
 int unsynced_fsync(int fd) {
   record& r = the_record();
   const std::scoped_lock guard(r.lock);
-  if (const int rc = host_fsync(fd); rc != 0) return rc;
   struct stat st;
   if (::fstat(fd, &st) != 0) return -errno;
   const auto it = r.files.find({st.st_dev, st.st_ino});
@@ -238,7 +238,6 @@ int unsynced_unlink(const char* path) {
 int unsynced_sync_directory(const char* directory) {
   record& r = the_record();
   const std::scoped_lock guard(r.lock);
-  if (const int rc = host_sync_directory(directory); rc != 0) return rc;
   struct stat st;
   if (::stat(directory, &st) != 0) return -errno;
   std::erase_if(r.names, [&](auto& entry) {

@@ -51,9 +51,26 @@ int quiesce(zorv_blkdev* filter, u64 deadline) NO_THREAD_SAFETY_ANALYSIS {
   }
 }
 
+// Whether every snap behind it is still without an instant. What stands behind a snap in the list
+// counts as newer: its copies are taken for what the snap shows.
+bool is_newest(const zorv_filter& f, const zorv_blkdev* snap) {
+  for (const zorv_blkdev* n = newer(f, snap); n != nullptr; n = newer(f, n)) {
+    if (n->s.has_instant.load() != 0) return false;
+  }
+  return true;
+}
+
+// Puts a stopped snap behind everything that has had its instant.
+void make_newest(zorv_filter* f, zorv_blkdev* snap) REQUIRES(zorv_blkdev_rwlock) {
+  snap->s.snap_link.unlink();
+  f->snaps.push_back(&snap->s.snap_link);
+}
+
 // The instant of the snapshot: under the write side of the filter's snap_rwlock, so that every
 // request is routed either wholly before it or wholly after.
-void take_snapshot(zorv_blkdev* filter, zorv_blkdev* snap) {
+//   returns  0 | -EAGAIN (another snap behind it has had its instant meanwhile)
+int take_snapshot(zorv_blkdev* filter, zorv_blkdev* snap) {
+  if (!is_newest(filter->f, snap)) return -EAGAIN;
   {
     zorv_cowqueue& q = filter->f.cowqueue;
     kernel::spin_guard guard(&q.lock);
@@ -63,7 +80,9 @@ void take_snapshot(zorv_blkdev* filter, zorv_blkdev* snap) {
     }
   }
   snap->s.snap_valid.store(zorv_snap_valid_at_start(snap, "zorv_block_start_device"));
+  snap->s.has_instant.store(1);
   snap->started.store(1);
+  return 0;
 }
 
 // From the files to the instant; the caller holds the snap's dev_mutex and both pins.
@@ -79,15 +98,15 @@ int bring_up_snap(zorv_blkdev* filter, zorv_blkdev* snap, kernel::block_device* 
   if (filter_bdev == nullptr) {
     // Nobody can open the filter now, so nothing but a request being routed has to be waited for.
     rzwrite_lock(&filter->f.snap_rwlock);
-    take_snapshot(filter, snap);
+    const int rc = take_snapshot(filter, snap);
     rzwrite_unlock(&filter->f.snap_rwlock);
-    return 0;
+    return rc;
   }
   kernel::super_block* frozen = kernel::freeze_bdev(filter_bdev);
   if (kernel::is_err(frozen)) return kernel::ptr_err(frozen);
-  const int rc = quiesce(filter, deadline);
+  int rc = quiesce(filter, deadline);
   if (rc == 0) {
-    take_snapshot(filter, snap);
+    rc = take_snapshot(filter, snap);
     rzwrite_unlock(&filter->f.snap_rwlock);
   }
   kernel::thaw_bdev(filter_bdev, frozen);
@@ -413,13 +432,29 @@ int unknown_node(const char* op, u32 minor) {
   return -EINVAL;
 }
 
+bool starts_out_of_order(const zorv_blkdev* dev) {
+  return dev->dev_type == ZORV_DEV_SNAP && dev->started.load() == 0 && filter_of(dev) != nullptr &&
+         !is_newest(dev->s.filter->f, dev);
+}
+
 }  // namespace
 
 int zorv_ioctl_start_node(const zorv_node_req* req) {
   zorv_log(1, "%s(): Starting zorv(%d, %d)", __func__, zorv_blk_major, req->minor);
-  table_read_guard table;
-  zorv_blkdev* dev = zorv_blkdev_find(req->minor);
-  return dev == nullptr ? unknown_node(__func__, req->minor) : zorv_block_start_device(dev);
+  for (;;) {
+    {
+      table_read_guard table;
+      zorv_blkdev* dev = zorv_blkdev_find(req->minor);
+      if (dev == nullptr) return unknown_node(__func__, req->minor);
+      if (!starts_out_of_order(dev)) {
+        const int rc = zorv_block_start_device(dev);
+        if (rc != -EAGAIN || !starts_out_of_order(dev)) return rc;
+      }
+    }
+    table_write_guard table;
+    zorv_blkdev* dev = zorv_blkdev_find(req->minor);
+    if (dev != nullptr && starts_out_of_order(dev)) make_newest(&dev->s.filter->f, dev);
+  }
 }
 
 int zorv_ioctl_stop_node(const zorv_node_req* req) {

@@ -35,7 +35,8 @@ struct zorv_filter {
   u32 extent_cnt = 0;
   u64 dev_size = 0;  // bytes
   char bmp_dir[ZORV_PATH_LEN] = {};
-  // Started or not, oldest first. Changed under the table's write lock.
+  // Oldest first: in the order of creation, and a snap that starts after one behind it had its
+  // instant goes behind that. Changed under the table's write lock.
   kernel::list_of<zorv_blkdev> snaps;
 
   rzmutex bmp_mutex;            // bitmap file work
@@ -84,6 +85,7 @@ struct zorv_snap {
   zorv_blkbmp datablock_bmp;
   u64 cow_data_size = 0;  // bytes
   u32 cow_bmp_size = 0;   // bytes
+  std::atomic<u32> has_instant{0};  // has been started or resumed since it was created
   std::atomic<u32> snap_valid{0};
   std::atomic<u32> stop_pending{0};
   std::atomic<u32> del_pending{0};

@@ -54,6 +54,7 @@ int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req)
     s.snap_valid.store(complete && served ? req->snap_valid : 0);
     s.stop_pending.store(req->stop_pending);
     s.del_pending.store(req->del_pending);
+    s.has_instant.store(1);
     snap->started.store(1);
   }
   if (complete && served) return 0;
