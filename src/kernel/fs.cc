@@ -150,6 +150,11 @@ u64 file_size(file* f) {
   return static_cast<u64>(st.st_size);
 }
 
+bool file_linked(file* f) {
+  struct stat st;
+  return ::fstat(f->fd, &st) == 0 && st.st_nlink > 0;
+}
+
 u64 file_allocated(const char* path) {
   struct stat st;
   if (::stat(path, &st) != 0) return 0;

@@ -82,7 +82,9 @@ int filp_close(file* f);
 [[nodiscard]] s64 vfs_read(file* f, void* buffer, std::size_t bytes, s64* pos);
 [[nodiscard]] s64 vfs_write(file* f, const void* buffer, std::size_t bytes, s64* pos);
 [[nodiscard]] int vfs_fsync(file* f);
-[[nodiscard]] u64 file_size(file* f);                // bytes, from its inode
+[[nodiscard]] u64 file_size(file* f);  // bytes, from its inode
+// Whether a name leads to the file still: what is written to one without goes with its last handle.
+[[nodiscard]] bool file_linked(file* f);
 [[nodiscard]] u64 file_allocated(const char* path);  // bytes the host has given it; 0 if missing
 // Syncs the directory that holds the path, so that a new name in it survives a power cut.
 [[nodiscard]] int fs_sync_parent(const char* path);

@@ -132,10 +132,11 @@ int write_cowed_pages(cow_worker* w, zorv_blkdev* t, const slice& s) {
   return 0;
 }
 
-// A sync that fails may have lost what it was for.
+// A sync that fails may have lost what it was for. So has one of a file that was deleted, with its
+// directory perhaps: nobody finds it after a restart.
 int sync_file(zorv_file* file) {
   if (file == nullptr) return 0;
-  const int rc = zorv_fsync(file);
+  const int rc = kernel::file_linked(file->filp) ? zorv_fsync(file) : -ENOENT;
   if (rc != 0) {
     zorv_log(LOG_ERROR, "%s(): Failed to sync %s: rc=%d", "cow_chunks", file->fname, rc);
   }
