@@ -24,7 +24,9 @@ class nbd_clients : public ::testing::Test {
     daemon->must({"start", "vm"});
   }
   void TearDown() override {
-    if (daemon->pid() > 0) EXPECT_EQ(daemon->end(SIGTERM), 0) << daemon->log();
+    if (daemon->pid() > 0) {
+      EXPECT_EQ(daemon->end(SIGTERM), 0) << daemon->log();
+    }
   }
 
   // What it prints; fails the test unless it succeeds.

@@ -204,7 +204,9 @@ TEST_P(nbd_replies, data_goes_both_ways_in_every_size) {
     EXPECT_TRUE(c.call(cmd_read, offset, length).data == data) << length;
     const auto whole = c.call(cmd_read, offset, length, GetParam() ? cmd_flag_df : 0);
     EXPECT_TRUE(whole.data == data) << length;
-    if (GetParam()) EXPECT_EQ(whole.data_chunks.size(), 1U);
+    if (GetParam()) {
+      EXPECT_EQ(whole.data_chunks.size(), 1U);
+    }
   }
   EXPECT_EQ(c.call(cmd_write_zeroes, 8 * MiB, 5 * MiB).error, 0U);
   EXPECT_TRUE(disk.peek(8 * MiB, 5 * MiB) == bytes(5 * MiB));
@@ -252,7 +254,9 @@ TEST_F(nbd_test, what_fua_and_flush_acknowledge_survives_a_power_cut) {
     disk.poke(MiB, bytes(4 * MiB, 0xee));
     const bytes payload = t.type == cmd_write ? data : bytes();
     ASSERT_EQ(c.call(t.type, MiB, t.length, t.flags, payload).error, 0U);
-    if (t.flush) ASSERT_EQ(c.call(cmd_flush, 0, 0).error, 0U);
+    if (t.flush) {
+      ASSERT_EQ(c.call(cmd_flush, 0, 0).error, 0U);
+    }
     disk.power_cut();
     disk.power_on();
     EXPECT_TRUE(disk.peek(MiB, t.length) == data) << t.type << " " << t.length;
@@ -403,7 +407,9 @@ TEST_F(nbd_test, a_client_that_vanishes_leaves_nothing_open) {
     EXPECT_EQ(openers(), 1);
     deaths[i](&c);
     c.hang_up();
-    if (disk.held_count() != 0) EXPECT_EQ(openers(), 1) << "released under a request";
+    if (disk.held_count() != 0) {
+      EXPECT_EQ(openers(), 1) << "released under a request";
+    }
     disk.serve(serving::at_once);
     disk.release_all();
     EXPECT_TRUE(eventually([this] { return openers() == 0; })) << i;
@@ -473,7 +479,9 @@ TEST_F(nbd_test, garbage_harms_only_who_sends_it) {
       c.send(m);
     }
     c.hang_up();
-    if (i % 20 == 0) ASSERT_EQ(good.call(cmd_read, 0, 4096).error, 0U);
+    if (i % 20 == 0) {
+      ASSERT_EQ(good.call(cmd_read, 0, 4096).error, 0U);
+    }
   }
   EXPECT_TRUE(eventually([this] { return openers() == 1; }));
 }

@@ -107,7 +107,9 @@ std::vector<raw_client::option_reply> raw_client::haggle(u32 option, const bytes
 
 bool raw_client::enter(const std::string& name, bool structured) {
   greet();
-  if (structured) EXPECT_EQ(outcome(wire::opt_structured_reply), wire::rep_ack);
+  if (structured) {
+    EXPECT_EQ(outcome(wire::opt_structured_reply), wire::rep_ack);
+  }
   return outcome(wire::opt_go, go_data(name)) == wire::rep_ack;
 }
 
