@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// What snapshots are for: a file system whose files change stays whole, with its old files, in
+// the snapshot, and its free space costs nothing.
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "e2e/snap_fixture.h"
+
+using namespace zorv_test;
+
+namespace {
+
+// A kind of file system, by its own tools.
+struct fs_kind {
+  const char* name;
+  void (*make)(const std::string& image, const std::string& tree);
+  // Removes and rewrites files.
+  void (*change)(const std::string& image, const std::string& tree);
+  const char* check;  // the command that looks for errors and changes nothing
+  bytes (*file)(const std::string& image, const std::string& name);
+};
+
+bytes ext3_file(const std::string& image, const std::string& name) {
+  const temp_dir dir;
+  shell("debugfs -R 'dump /" + name + " " + (dir / "out") + "' " + image);
+  return read_file(dir / "out");
+}
+
+void make_ext3(const std::string& image, const std::string& tree) {
+  make_image(image, 16 * MiB);
+  shell("mke2fs -q -F -t ext3 -b 4096 -d " + tree + " " + image);
+}
+
+void change_ext3(const std::string& image, const std::string& tree) {
+  std::string commands;
+  for (const char* old : {"f1", "f4", "f6"}) commands += std::string("rm /") + old + "\n";
+  commands += "mkdir /d\n";
+  for (const char* f : {"f2", "f3", "f7"}) {
+    commands += "write " + tree + "/" + f + " d/" + f + "\n";
+  }
+  write_file(image + ".commands", bytes(commands.begin(), commands.end()));
+  shell("debugfs -w -f " + image + ".commands " + image);
+}
+
+void make_xfs(const std::string& image, const std::string& tree) {
+  std::string proto = "/\n0 0\nd--755 0 0\n";
+  for (const auto& f : std::filesystem::directory_iterator(tree)) {
+    proto += f.path().filename().string() + " ---644 0 0 " + f.path().string() + "\n";
+  }
+  proto += "$\n";
+  write_file(image + ".proto", bytes(proto.begin(), proto.end()));
+  std::filesystem::remove(image);
+  make_image(image, 40 * MiB);
+  shell("mkfs.xfs --unsupported -q -m crc=0 -n ftype=0 -d agcount=2 -p " + image + ".proto " +
+        image);
+}
+
+// Made anew with fewer files: their blocks and the inodes lie where others were.
+void change_xfs(const std::string& image, const std::string& tree) {
+  const temp_dir fewer;
+  for (const char* f : {"f3", "f6", "f7"}) {
+    std::filesystem::copy(tree + "/" + f, fewer / f);
+  }
+  make_xfs(image, fewer.path());
+}
+
+// The extents that its inode names.
+bytes xfs_file(const std::string& image, const std::string& name) {
+  std::istringstream words(shell("xfs_db -r -c 'sb 0' -c 'p agblocks blocksize' -c 'path /" + name +
+                                 "' -c 'p core.size' -c 'bmap -d' " + image + " | tr '(/)=' ' '"));
+  const bytes disk = read_file(image);
+  bytes content;
+  u64 group_blocks = 0, block_bytes = 0, size = 0;
+  for (std::string word; words >> word;) {
+    if (word == "agblocks") words >> group_blocks;
+    if (word == "blocksize") words >> block_bytes;
+    if (word == "core.size") words >> size;
+    if (word != "startblock") continue;
+    u64 number = 0, group = 0, block = 0, count = 0;
+    words >> number >> group >> block >> word >> count;
+    const auto from =
+        disk.begin() + static_cast<long>((group * group_blocks + block) * block_bytes);
+    content.insert(content.end(), from, from + static_cast<long>(count * block_bytes));
+  }
+  EXPECT_LE(size, content.size());
+  content.resize(size);
+  return content;
+}
+
+class snap_file_system : public snap_e2e, public testing::WithParamInterface<fs_kind> {
+ protected:
+  // Lets two clients write what differs between the disk and a changed image of it.
+  void write_differences(const bytes& before, const bytes& after) {
+    constexpr u64 piece = 32 * KiB;
+    const auto write_half = [&](u64 half) {
+      nbd_connection client(d->uri("disk"));
+      for (u64 at = half * piece; at < after.size(); at += 2 * piece) {
+        const auto from = after.begin() + static_cast<long>(at);
+        const bytes block(from, from + piece);
+        if (std::equal(block.begin(), block.end(), before.begin() + static_cast<long>(at)))
+          continue;
+        EXPECT_EQ(client.write(at, block), 0);
+      }
+    };
+    std::thread other(write_half, 1);
+    write_half(0);
+    other.join();
+  }
+};
+
+TEST_P(snap_file_system, stays_whole_with_its_old_files) {
+  const fs_kind& fs = GetParam();
+  std::map<std::string, bytes> files;
+  std::filesystem::create_directory(dir / "tree");
+  for (u32 i = 0; i < 8; ++i) {
+    const std::string name = "f" + std::to_string(i);
+    files[name] = make_random_file(dir / ("tree/" + name), (5 + 56 * i) * KiB, i);
+  }
+  fs.make(dir / "disk.raw", dir / "tree");
+  const bytes before = read_file(dir / "disk.raw");
+  write_file(dir / "changed.raw", before);
+  fs.change(dir / "changed.raw", dir / "tree");
+  const bytes after = read_file(dir / "changed.raw");
+
+  serve(dir / "disk.raw");
+  take_snap("snap");
+  write_differences(before, after);
+  EXPECT_TRUE(show("disk") == after);
+  shell(fs.check + (" " + dir / "disk.raw"));
+  EXPECT_GT(copied("snap"), 0U);
+  shell("nbdcopy '" + d->uri("snap") + "' " + dir / "snap.raw");
+  shell(fs.check + (" " + dir / "snap.raw"));
+  for (const auto& [name, content] : files) {
+    EXPECT_TRUE(fs.file(dir / "snap.raw", name) == content) << name;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    on, snap_file_system,
+    testing::Values(fs_kind{"ext3", make_ext3, change_ext3, "e2fsck -fn", ext3_file},
+                    fs_kind{"xfs", make_xfs, change_xfs, "xfs_repair -n", xfs_file}),
+    [](const auto& kind) { return kind.param.name; });
+
+// The numbers and ranges that a tool prints.
+std::vector<u64> block_list(const std::string& text) {
+  std::vector<u64> blocks;
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    const std::size_t dash = word.find('-');
+    const u64 first = std::stoull(word);
+    const u64 last = dash == std::string::npos ? first : std::stoull(word.substr(dash + 1));
+    for (u64 b = first; b <= last; ++b) blocks.push_back(b);
+  }
+  return blocks;
+}
+
+TEST_F(snap_e2e, free_space_is_not_copied_and_data_is) {
+  constexpr u64 image_bytes = 16 * MiB, block_bytes = 4 * KiB, chunk_blocks = chunk / block_bytes;
+  std::filesystem::create_directory(dir / "tree");
+  const bytes big = make_random_file(dir / "tree/big", 7 * MiB, 1);
+  make_ext3(dir / "disk.raw", dir / "tree");
+  std::vector<u64> free_in_chunk(image_bytes / chunk);
+  for (const u64 b :
+       block_list(shell("dumpe2fs " + dir / "disk.raw" +
+                        " 2>/dev/null | sed -n 's/^  Free blocks: //p' | tr , ' '"))) {
+    ++free_in_chunk[b / chunk_blocks];
+  }
+  const auto data = block_list(shell("debugfs -R 'blocks /big' " + dir / "disk.raw"));
+  ASSERT_GE(data.size(), big.size() / block_bytes);
+
+  serve(dir / "disk.raw");
+  take_snap("snap");
+  const u64 cow_file_at_start = info("snap").at("cow_data_allocated");
+  nbd_connection client(d->uri("disk"));
+  u64 free_chunks = 0;
+  for (u64 c = 0; c < free_in_chunk.size(); ++c) {
+    if (free_in_chunk[c] != chunk_blocks) continue;
+    EXPECT_EQ(client.write(c * chunk, bytes(chunk, 0x55)), 0);
+    ++free_chunks;
+  }
+  EXPECT_GT(free_chunks, 100U);
+  EXPECT_EQ(copied("snap"), 0U);
+  EXPECT_EQ(info("snap").at("cow_data_allocated"), cow_file_at_start);
+
+  std::set<u64> data_chunks;
+  for (const u64 b : data) {
+    EXPECT_EQ(client.write(b * block_bytes, bytes(block_bytes, 0xaa)), 0);
+    data_chunks.insert(b / chunk_blocks);
+  }
+  EXPECT_EQ(copied("snap"), data_chunks.size() * chunk);
+  EXPECT_GE(info("snap").at("cow_data_allocated"), data_chunks.size() * chunk);
+  write_file(dir / "snap.raw", show("snap"));
+  shell("e2fsck -fn " + dir / "snap.raw");
+  EXPECT_TRUE(ext3_file(dir / "snap.raw", "big") == big);
+}
+
+}  // namespace
