@@ -20,11 +20,11 @@ using json = nlohmann::ordered_json;
 
 enum status { status_done = 0, status_refused = 1, status_usage = 2, status_no_daemon = 3 };
 
-// Ends the command. number is an errno, 0 when none applies.
+// Ends the command. The error is a positive errno, 0 when none applies.
 class failure : public std::runtime_error {
  public:
-  failure(status exit_status, int number, const std::string& text)
-      : std::runtime_error(text), exit_status(exit_status), number(number) {}
+  failure(status ends_with, int error, const std::string& text)
+      : std::runtime_error(text), exit_status(ends_with), number(error) {}
   status exit_status;
   int number;
 };
