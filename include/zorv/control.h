@@ -17,8 +17,9 @@
 
 /* Kinds of request. */
 #define ZORV_CTL_IOCTL 1u /* a command of the driver */
-#define ZORV_CTL_HOST 2u  /* a ZORV_HOST_* request; arguments in the record, answer in the buffer \
-                           */
+#define ZORV_CTL_HOST                                                        \
+  2u /* a ZORV_HOST_* request; arguments in the record, answer in the buffer \
+      */
 
 /* Flags of a request. */
 #define ZORV_CTL_BUFFER_IN 1u  /* the buffer's bytes follow the record */

@@ -83,8 +83,8 @@ struct zorv_snap {
   zorv_file* cow_bmp_file = nullptr;
   zorv_cowbmp cowbmp;
   zorv_blkbmp datablock_bmp;
-  u64 cow_data_size = 0;  // bytes
-  u32 cow_bmp_size = 0;   // bytes
+  u64 cow_data_size = 0;            // bytes
+  u32 cow_bmp_size = 0;             // bytes
   std::atomic<u32> has_instant{0};  // has been started or resumed since it was created
   std::atomic<u32> snap_valid{0};
   std::atomic<u32> stop_pending{0};
