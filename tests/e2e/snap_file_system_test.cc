@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // What snapshots are for: a file system whose files change stays whole, with its old files, in
 // the snapshot, and its free space costs nothing.
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
@@ -52,7 +54,7 @@ void make_xfs(const std::string& image, const std::string& tree) {
   proto += "$\n";
   write_file(image + ".proto", bytes(proto.begin(), proto.end()));
   std::filesystem::remove(image);
-  make_image(image, 40 * MiB);
+  make_image(image, 32 * MiB);
   shell("mkfs.xfs --unsupported -q -m crc=0 -n ftype=0 -d agcount=2 -p " + image + ".proto " +
         image);
 }
@@ -70,7 +72,7 @@ void change_xfs(const std::string& image, const std::string& tree) {
 bytes xfs_file(const std::string& image, const std::string& name) {
   std::istringstream words(shell("xfs_db -r -c 'sb 0' -c 'p agblocks blocksize' -c 'path /" + name +
                                  "' -c 'p core.size' -c 'bmap -d' " + image + " | tr '(/)=' ' '"));
-  const bytes disk = read_file(image);
+  std::ifstream disk(image, std::ios::binary);
   bytes content;
   u64 group_blocks = 0, block_bytes = 0, size = 0;
   for (std::string word; words >> word;) {
@@ -80,9 +82,10 @@ bytes xfs_file(const std::string& image, const std::string& name) {
     if (word != "startblock") continue;
     u64 number = 0, group = 0, block = 0, count = 0;
     words >> number >> group >> block >> word >> count;
-    const auto from =
-        disk.begin() + static_cast<long>((group * group_blocks + block) * block_bytes);
-    content.insert(content.end(), from, from + static_cast<long>(count * block_bytes));
+    bytes extent(count * block_bytes);
+    disk.seekg(static_cast<long>((group * group_blocks + block) * block_bytes));
+    disk.read(reinterpret_cast<char*>(extent.data()), static_cast<long>(extent.size()));
+    content.insert(content.end(), extent.begin(), extent.end());
   }
   EXPECT_LE(size, content.size());
   content.resize(size);
@@ -97,11 +100,9 @@ class snap_file_system : public snap_e2e, public testing::WithParamInterface<fs_
     const auto write_half = [&](u64 half) {
       nbd_connection client(d->uri("disk"));
       for (u64 at = half * piece; at < after.size(); at += 2 * piece) {
+        if (std::memcmp(&after[at], &before[at], piece) == 0) continue;
         const auto from = after.begin() + static_cast<long>(at);
-        const bytes block(from, from + piece);
-        if (std::equal(block.begin(), block.end(), before.begin() + static_cast<long>(at)))
-          continue;
-        EXPECT_EQ(client.write(at, block), 0);
+        EXPECT_EQ(client.write(at, bytes(from, from + piece)), 0);
       }
     };
     std::thread other(write_half, 1);
@@ -167,7 +168,7 @@ TEST_F(snap_e2e, free_space_is_not_copied_and_data_is) {
                         " 2>/dev/null | sed -n 's/^  Free blocks: //p' | tr , ' '"))) {
     ++free_in_chunk[b / chunk_blocks];
   }
-  const auto data = block_list(shell("debugfs -R 'blocks /big' " + dir / "disk.raw"));
+  auto data = block_list(shell("debugfs -R 'blocks /big' " + dir / "disk.raw"));
   ASSERT_GE(data.size(), big.size() / block_bytes);
 
   serve(dir / "disk.raw");
@@ -184,6 +185,7 @@ TEST_F(snap_e2e, free_space_is_not_copied_and_data_is) {
   EXPECT_EQ(copied("snap"), 0U);
   EXPECT_EQ(info("snap").at("cow_data_allocated"), cow_file_at_start);
 
+  data.resize(600);  // a part of it will do
   std::set<u64> data_chunks;
   for (const u64 b : data) {
     EXPECT_EQ(client.write(b * block_bytes, bytes(block_bytes, 0xaa)), 0);

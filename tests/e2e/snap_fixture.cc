@@ -123,7 +123,9 @@ void snap_e2e::serve(const std::string& image) {
 }
 
 void snap_e2e::TearDown() {
-  if (d != nullptr && d->pid() > 0) EXPECT_EQ(d->end(SIGTERM), 0) << d->log();
+  if (d != nullptr && d->pid() > 0) {
+    EXPECT_EQ(d->end(SIGTERM), 0) << d->log();
+  }
 }
 
 void snap_e2e::add_snap(const std::string& name, const std::string& cow_dir) {
