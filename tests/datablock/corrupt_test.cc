@@ -120,6 +120,7 @@ TEST_F(spoiled_images, ext2_by_table) {
       {"wild first block", 1024 + 20, 0xfffffff0, 0, "has an impossible first block"},
       {"more blocks than the device", 1024 + 4, 0xffffffff, 0, "is larger than the device"},
       {"more bits than a bitmap", 1024 + 32, 8200, 0, "impossible number of blocks per group"},
+      {"fewer groups than inodes", 1024 + 4, 4097, 0, "has counts that contradict each other"},
       {"tiny groups", 1024 + 32, 1, 0, "impossible number of blocks per group"},
   };
   for (const ext2_damage& d : table) {
@@ -251,6 +252,20 @@ TEST_F(spoiled_images, xfs_by_table) {
     log.clear();
     disk_->disk().poke(d.at, old);
   }
+}
+
+// A group whose extents do not add up to its count is set as a whole; the others stay exact.
+TEST_F(spoiled_images, xfs_group_that_disagrees_is_set_alone) {
+  std::mt19937 random = fixed();
+  use(make_xfs(dir / "image", 64 * MiB, 4, 4096, &random));
+  bit_vector expected = chunks_of(image_, image_.bytes, 4096);
+  std::fill(expected.begin() + 4096, expected.begin() + 2 * 4096, true);
+  const u64 free_blocks_at = 16 * MiB + 512 + 55;
+  bytes free_blocks = disk_->disk().peek(free_blocks_at, 1);
+  free_blocks[0] ^= 1;
+  disk_->disk().poke(free_blocks_at, free_blocks);
+  EXPECT_EQ(difference(build_map(disk_->bdev(), 4096).chunks, expected), "") << log.errors();
+  EXPECT_EQ(log.count("is inconsistent with its B+tree ("), 1);
 }
 
 // An image that ends early, cut shorter and shorter.
