@@ -16,7 +16,8 @@ finish() {
 trap finish EXIT
 trap 'exit 130' INT TERM
 
-bold=$(tput bold 2>/dev/null || true) plain=$(tput sgr0 2>/dev/null || true)
+bold="" plain=""
+[ ! -t 1 ] || { bold=$(tput bold 2>/dev/null || true) plain=$(tput sgr0 2>/dev/null || true); }
 say() { printf '\n%s%s%s\n' "$bold" "$*" "$plain"; }
 run() { printf '  $ %s\n' "$(shown "$@")"; "$@" | sed "s|$work/||g; s|^|    |"; }
 shown() { sed "s|$work/||g; s|^zctl|zorvctl|; s|^add_filter|zorvctl add-filter /dev/image/disk --extent-size 64K --bmp-dir state --name data|" <<<"$*"; }
@@ -68,7 +69,7 @@ run add_filter
 zctl bmp clear data incr >/dev/null
 zctl bmp clear data diff >/dev/null
 run zctl start data
-run nbdinfo --list "$(uri '')"
+run nbdinfo --size "$(uri data)"
 
 say "3. A client writes the 6000 blocks of a file, one after the other, and a snapshot starts meanwhile"
 cat >"$work/writer.py" <<'X'
@@ -172,8 +173,8 @@ h = nbd.NBD(); h.connect_uri(sys.argv[1])
 h.pwrite(b"!" * 4096, 64 << 20)
 os.kill(int(sys.argv[2]), signal.SIGKILL)
 X
-$python "$work/crash.py" "$(uri data)" "$daemon"
-wait "$daemon" 2>/dev/null || true
+# In one group, so that the shell's own word about the end of its job stays away.
+{ $python "$work/crash.py" "$(uri data)" "$daemon"; wait "$daemon" || true; } 2>/dev/null
 serve
 add_filter >/dev/null
 run zctl bmp show data incr
