@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Making nodes, and taking them through their life.
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <ctime>
 #include <limits>
+#include <random>
 
 #include "cli/cli.h"
 #include "cli/nodes.h"
@@ -52,27 +54,30 @@ answer add_filter(session& s, const new_node& given) {
                 {"bmp_dir", field(req.bmp_dir)}});
 }
 
-// A name for the COW files of a snap that was given none: its filter's and the time.
-std::string snap_file_stem(const std::string& filter) {
+// A name for the COW files of a snap that was given none: its filter's, the time, and a number
+// that no other snap of the same second has.
+std::string snap_file_stem(std::string filter) {
+  std::replace(filter.begin(), filter.end(), '/', '_');
   const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
   std::tm utc{};
   ::gmtime_r(&now, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
-  return filter + "-" + text;
+  char time[32];
+  std::strftime(time, sizeof time, "%Y%m%dT%H%M%SZ", &utc);
+  char number[16];
+  std::snprintf(number, sizeof number, "-%08x", std::random_device{}());
+  return filter + "-" + time + number;
 }
 
-// DIR/STEM, or DIR/STEM-2, -3, ...: one whose files are not there yet. A stem that the user chose
-// is taken as it is, so that the same names come back after a restart.
-std::string snap_file_base(const new_node& given, const zorv_info_req& filter) {
-  const std::string dir = absolute_path(given.cow_dir) + "/";
-  if (!given.name.empty()) return dir + given.name;
-  const std::string stem = dir + snap_file_stem(field(filter.name));
-  for (int i = 1;; ++i) {
-    const std::string base = i == 1 ? stem : stem + "-" + std::to_string(i);
-    if (::access((base + ".cowbmp").c_str(), F_OK) != 0 &&
-        ::access((base + ".cowdata").c_str(), F_OK) != 0) {
-      return base;
+// Two snaps that wrote to the same files would destroy each other.
+void refuse_shared_files(session& s, const zorv_add_snap_req& req) {
+  const std::string wanted[] = {field(req.cow_bmp_fname), field(req.cow_data_fname)};
+  if (wanted[0] == wanted[1]) throw failure(status_usage, 0, "the COW files must be two files");
+  for (const zorv_info_req& other : all_nodes(s, ZORV_DEV_SNAP)) {
+    for (const std::string& file : wanted) {
+      if (file == field(other.cow_bmp_fname) || file == field(other.cow_data_fname)) {
+        throw failure(status_refused, EEXIST,
+                      file + " belongs to the snap " + field(other.name) + " already");
+      }
     }
   }
 }
@@ -87,12 +92,16 @@ answer add_snap(session& s, const new_node& given) {
     fill(req.cow_bmp_fname, absolute_path(given.cow_bmp), "--cow-bmp");
     fill(req.cow_data_fname, absolute_path(given.cow_data), "--cow-data");
   } else {
-    const std::string base = snap_file_base(given, filter);
+    // A name that the user chose is taken as it is, so that the same files are found again after a
+    // restart.
+    const std::string base = absolute_path(given.cow_dir) + "/" +
+                             (given.name.empty() ? snap_file_stem(field(filter.name)) : given.name);
     fill(req.cow_bmp_fname, base + ".cowbmp", "the COW bitmap file's path");
     fill(req.cow_data_fname, base + ".cowdata", "the COW data file's path");
   }
   fill(req.uuid, given.uuid, "--uuid");
   fill(req.name, given.name, "--name");
+  refuse_shared_files(s, req);
   s.command(ZORV_ADD_SNAP_NODE, &req);
   return added("snap", static_cast<std::uint32_t>(req.snap_minor), field(req.name), field(req.uuid),
                {{"filter_minor", req.filter_minor},
