@@ -77,7 +77,7 @@ void fill_field(char* to, std::size_t bytes, const std::string& from, const char
     usage(std::string(what) + " is too long: at most " + std::to_string(bytes - 1) + " bytes");
   }
   std::memset(to, 0, bytes);
-  std::memcpy(to, from.data(), from.size());
+  from.copy(to, bytes - 1);
 }
 
 std::string table::text() const {

@@ -58,9 +58,11 @@ bool claim_run_dir(const std::string& dir, unique_fd* lock) {
   if (!*lock) return fail("cannot use the run directory " + dir + ": " + std::strerror(errno));
   if (::flock(lock->get(), LOCK_EX | LOCK_NB) != 0) {
     char pid[32] = {};
-    const bool known = ::pread(lock->get(), pid, sizeof pid - 1, 0) > 0;
-    return fail("another zorvd" + (known ? " (process " + std::string(pid) + ")" : std::string()) +
-                " serves the run directory " + dir);
+    std::string holder = "another zorvd";
+    if (::pread(lock->get(), pid, sizeof pid - 1, 0) > 0) {
+      holder.append(" (process ").append(pid).append(")");
+    }
+    return fail(holder + " serves the run directory " + dir);
   }
   const std::string pid = std::to_string(::getpid());
   if (::ftruncate(lock->get(), 0) != 0 ||
