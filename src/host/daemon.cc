@@ -76,7 +76,9 @@ bool set_parameters(const daemon_options& options) {
   for (const auto& [name, value] : options.parameters) {
     const int rc = kernel::module_param_set(name, value);
     if (rc == -ENOENT) return fail("there is no parameter " + name);
-    if (rc != 0) return fail("parameter " + name + " takes a 32-bit decimal number, not " + value);
+    if (rc == 0) continue;
+    std::string text = "parameter ";
+    return fail(text.append(name).append(" takes a 32-bit decimal number, not ").append(value));
   }
   if (zorv_max_blk_minor < 0 || static_cast<kernel::u32>(zorv_max_blk_minor) > kernel::minor_mask) {
     return fail("parameter zorv_max_blk_minor: " + std::to_string(zorv_max_blk_minor) +
