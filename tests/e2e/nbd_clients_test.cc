@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // A filter's export under the programs that people use.
-#include <filesystem>
-
 #include "support/daemon.h"
 #include "support/nbd_client.h"
 
@@ -114,19 +112,6 @@ TEST_F(nbd_clients, two_writers_on_one_export_verify_what_they_wrote) {
        "--offset_increment=32m", "--rw=randrw", "--bsrange=512-256k", "--blockalign=512",
        "--iodepth=32", "--verify=crc32c", "--verify_fatal=1", "--verify_state_save=0",
        "--randseed=7", "--thread"});
-}
-
-TEST_F(nbd_clients, a_file_system_survives_the_way_there_and_back) {
-  make_image(dir / "fs.raw", image_bytes);
-  std::filesystem::create_directory(dir / "tree");
-  for (u8 i = 1; i < 50; ++i) {
-    write_file(dir / ("tree/" + std::to_string(i)), bytes(std::size_t{i} * 10007, i));
-  }
-  run({"mke2fs", "-q", "-F", "-t", "ext4", "-d", dir / "tree", dir / "fs.raw"});
-  run({"qemu-img", "convert", "-n", "-O", "raw", dir / "fs.raw", uri()});
-  run({"nbdcopy", uri(), dir / "back.raw"});
-  run({"e2fsck", "-fn", dir / "back.raw"});
-  run({"e2fsck", "-fn", dir / "vm.raw"});
 }
 
 TEST_F(nbd_clients, a_node_is_busy_while_connected_and_free_right_after) {
