@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "host/disk/disk.h"
+#include "host/disk/engine.h"
 #include "kernel/fault.h"
 #include "kernel/fs.h"
 #include "kernel/uaccess.h"
@@ -193,6 +194,20 @@ TEST_F(image_test, a_broken_tail_is_not_served_and_read_only_is_read_only) {
   ASSERT_FALSE(kernel::is_err(bdev));
   EXPECT_EQ(bdev->bd_disk->capacity_sectors.load(), 19U);
   kernel::blkdev_put(bdev, kernel::FMODE_READ);
+}
+
+TEST_F(image_test, a_sync_that_failed_once_is_never_believed_again) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);  // reads and writes as it likes, but cannot be synced
+  const auto engine =
+      zorv::file_engine::create(ends[0], zorv::engine_backing::block_device, "a pipe");
+  ASSERT_NE(engine, nullptr);
+  EXPECT_EQ(engine->sync(), -EINVAL);
+  const int good = ::open(make("vm.raw", 4096).c_str(), O_RDWR);
+  ASSERT_EQ(::dup2(good, ends[0]), ends[0]);
+  EXPECT_EQ(engine->sync(), -EIO);
+  EXPECT_EQ(log.count("a pipe: a sync failed"), 1);
+  for (const int fd : {ends[0], ends[1], good}) ::close(fd);
 }
 
 TEST_F(image_test, block_ioctls_are_answered) {
