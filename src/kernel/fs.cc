@@ -68,19 +68,27 @@ s64 host_pwrite(int fd, const void* buffer, std::size_t bytes, u64 offset) {
   }
 }
 
-int host_fsync(int fd) {
+namespace {
+
+int host_sync(int fd, int (*sync)(int)) {
   for (;;) {
-    if (::fsync(fd) == 0) return 0;
+    if (sync(fd) == 0) return 0;
     // What cannot be synced at all (a character device, some directories) has nothing to lose.
     if (errno == EINVAL) return 0;
     if (errno != EINTR) return -errno;
   }
 }
 
+}  // namespace
+
+// Contents, length and whatever else is needed to find them again; the times may lag, which spares
+// a commit of the host's journal for every change in place.
+int host_fsync(int fd) { return host_sync(fd, ::fdatasync); }
+
 int host_sync_directory(const char* directory) {
   const int fd = host_open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
   if (fd < 0) return fd;
-  const int rc = host_fsync(fd);
+  const int rc = host_sync(fd, ::fsync);
   ::close(fd);
   return rc;
 }

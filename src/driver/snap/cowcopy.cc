@@ -19,27 +19,12 @@ namespace {
 
 constexpr u32 page_sectors = kernel::page_size >> kernel::sector_shift;
 
-struct read_state {
-  std::atomic<u32> left{1};  // bios in flight, and their submitter
-  kernel::completion done;
-};
-
-void zorv_end_cow_read_sync(kernel::bio* bio, int) {
-  auto* state = static_cast<read_state*>(bio->bi_private);
-  if (state->left.fetch_sub(1) == 1) kernel::complete(&state->done);
-}
-
-// Pages that are copied together: [first, first + count) of the batch, at most group_pages.
-struct slice {
-  u64 first;
-  u32 count;
-};
-
-void locate_pages(cow_worker* w, const zorv_snap& snap, const slice& s) {
+// Finds out where pages [first, first + count) of the batch lie; count at most group_pages.
+void locate_pages(cow_worker* w, const zorv_snap& snap, u64 first, u32 count) {
   const u64 pages_per_chunk = snap.chunk_size / kernel::page_size;
   const u64 end = w->filter->dev_size >> kernel::sector_shift;
-  for (u32 k = 0; k < s.count; ++k) {
-    const u64 page = s.first + k;
+  for (u32 k = 0; k < count; ++k) {
+    const u64 page = first + k;
     const auto chunk = static_cast<u64>(w->batch.chunks[page / pages_per_chunk]);
     const u64 sector = (chunk << (snap.chunk_shift - kernel::sector_shift)) +
                        page_sectors * (page % pages_per_chunk);
@@ -89,27 +74,46 @@ void report_bad_run(cow_worker* w, u32 k, u32 pages) {
   if (named == 0) log_bad_block(w->filter, w->sectors[k]);
 }
 
-//   returns  0 | -EIO (logged)
-int read_pages(cow_worker* w, const slice& s) {
+// Pages that are read and written together, small enough for the second copy to find them in the
+// processor's cache.
+struct piece {
+  u32 first = 0;
+  u32 end = 0;
+  std::atomic<u32> left{1};  // bios in flight, and their submitter
+  kernel::completion done;
+};
+constexpr u32 piece_pages = 64;
+constexpr u32 max_pieces = group_pages / piece_pages;
+
+void zorv_end_cow_read_sync(kernel::bio* bio, int) {
+  auto* p = static_cast<piece*>(bio->bi_private);
+  if (p->left.fetch_sub(1) == 1) kernel::complete(&p->done);
+}
+
+// Sends the reads of a piece.
+//   returns  true when all of them have ended already
+bool begin_reads(cow_worker* w, piece* p) {
   zorv_filter* f = w->filter;
-  read_state state;
-  kernel::init_completion(&state.done);
-  for (u32 k = 0, n; k < s.count; k += n) {
-    n = run_length(w, k, s.count);
+  kernel::init_completion(&p->done);
+  for (u32 k = p->first, n; k < p->end; k += n) {
+    n = run_length(w, k, p->end);
     if (w->lengths[k] == 0) continue;
     fill_bio(w, k, n);
-    w->bios[k].bi_private = &state;
+    w->bios[k].bi_private = p;
     w->bios[k].bi_end_io = zorv_end_cow_read_sync;
-    state.left.fetch_add(1);
+    p->left.fetch_add(1);
     kernel::bio* clone = zorv_aio_clone(&f->aio, &w->bios[k], 1, kernel::GFP_NOIO);
     kernel::submit_bio(kernel::READ, clone != nullptr ? clone : &w->bios[k]);
   }
   kernel::blk_unplug(kernel::bdev_get_queue(f->hdd_bdev));
-  if (state.left.fetch_sub(1) != 1) kernel::wait_for_completion(&state.done);
+  return p->left.fetch_sub(1) == 1;
+}
 
+//   returns  0 | -EIO (logged)
+int check_reads(cow_worker* w, const piece& p) {
   int rc = 0;
-  for (u32 k = 0, n; k < s.count; k += n) {
-    n = run_length(w, k, s.count);
+  for (u32 k = p.first, n; k < p.end; k += n) {
+    n = run_length(w, k, p.end);
     if (w->lengths[k] == 0 || w->bios[k].bi_uptodate.load()) continue;
     report_bad_run(w, k, n);
     rc = -EIO;
@@ -118,10 +122,9 @@ int read_pages(cow_worker* w, const slice& s) {
 }
 
 // Writes the pages to where they lie on the HDD, adjacent ones at once.
-int write_cowed_pages(cow_worker* w, zorv_blkdev* t, const slice& s) {
-  for (u32 k = 0, n; k < s.count && snap_usable(t); k += n) {
-    kernel::cond_resched();
-    n = run_length(w, k, s.count);
+int write_cowed_pages(cow_worker* w, zorv_blkdev* t, const piece& p) {
+  for (u32 k = p.first, n; k < p.end && snap_usable(t); k += n) {
+    n = run_length(w, k, p.end);
     u32 bytes = 0;
     for (u32 i = k; i < k + n; ++i) bytes += w->lengths[i];
     if (bytes == 0) continue;
@@ -130,6 +133,36 @@ int write_cowed_pages(cow_worker* w, zorv_blkdev* t, const slice& s) {
     if (rc != static_cast<int>(bytes)) return -EIO;
   }
   return 0;
+}
+
+void finish_piece(cow_worker* w, zorv_blkdev* t, const piece& p)
+    REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  if (check_reads(w, p) != 0 && snap_usable(t)) zorv_snap_invalidate(t, "cow_chunks");
+  if (snap_usable(t) && write_cowed_pages(w, t, p) != 0) {
+    zorv_snap_invalidate(t, "write_cowed_page");
+  }
+}
+
+// Copies located pages. What the host has cached is written as soon as it is read; the rest is read
+// all at once.
+void copy_slice(cow_worker* w, zorv_blkdev* t, u32 count) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  piece pieces[max_pieces];
+  piece* in_flight[max_pieces];
+  u32 nr_in_flight = 0;
+  for (u32 i = 0, first = 0; first < count && snap_usable(t); ++i, first += piece_pages) {
+    piece* p = &pieces[i];
+    p->first = first;
+    p->end = std::min(first + piece_pages, count);
+    if (begin_reads(w, p)) {
+      finish_piece(w, t, *p);
+    } else {
+      in_flight[nr_in_flight++] = p;
+    }
+  }
+  for (u32 i = 0; i < nr_in_flight; ++i) {
+    kernel::wait_for_completion(&in_flight[i]->done);
+    finish_piece(w, t, *in_flight[i]);
+  }
 }
 
 // A sync that fails may have lost what it was for. So has one of a file that was deleted, with its
@@ -174,12 +207,9 @@ namespace {
 void copy_pages(cow_worker* w, zorv_blkdev* t) REQUIRES_SHARED(zorv_blkdev_rwlock) {
   const u64 pages = u64{w->batch.count} * (t->s.chunk_size / kernel::page_size);
   for (u64 first = 0; first < pages && snap_usable(t); first += group_pages) {
-    const slice s{first, static_cast<u32>(std::min<u64>(pages - first, group_pages))};
-    locate_pages(w, t->s, s);
-    if (read_pages(w, s) != 0) zorv_snap_invalidate(t, "cow_chunks");
-    if (snap_usable(t) && write_cowed_pages(w, t, s) != 0) {
-      zorv_snap_invalidate(t, "write_cowed_page");
-    }
+    const auto count = static_cast<u32>(std::min<u64>(pages - first, group_pages));
+    locate_pages(w, t->s, first, count);
+    copy_slice(w, t, count);
   }
 }
 
