@@ -126,36 +126,3 @@ TEST_F(tracker_test, destroy_waits_for_every_clone_and_the_last_one_takes_the_ca
   EXPECT_EQ(zorv_aio_init(&other), 0);
   zorv_aio_destroy(&other, 0);
 }
-
-TEST_F(tracker_test, an_allocation_that_fails_leaves_nothing_behind) {
-  zorv_aio_destroy(&aio, 0);
-  u64 n = 1;
-  for (; n < 30000; n = n < 8 ? n + 1 : n * 2) {
-    kernel::fault_arm(kernel::fault_site::alloc, n, 1, ENOMEM);
-    const int rc = zorv_aio_init(&aio);
-    const bool hit = kernel::fault_calls(kernel::fault_site::alloc) >= n;
-    kernel::fault_disarm_all();
-    if (rc == 0) {
-      EXPECT_FALSE(hit) << n;
-      break;
-    }
-    EXPECT_EQ(rc, -ENOMEM);
-    EXPECT_EQ(aio.hash, nullptr);
-    EXPECT_FALSE(kernel::kmem_cache_exists("aio_item") || kernel::kmem_cache_exists("aio_block"));
-  }
-  // The reserve stands in for the slab cache; when it is used up an atomic caller gets nothing.
-  std::vector<std::unique_ptr<request>> requests;
-  std::vector<kernel::bio*> clones;
-  for (u64 i = 0; i < 32; ++i) {
-    requests.push_back(std::make_unique<request>(disk.bdev(), i * 2048, 2048));
-    kernel::fault_arm(kernel::fault_site::alloc, 1, -1, ENOMEM);
-    kernel::bio* c = zorv_aio_clone(&aio, requests.back()->b, 0, kernel::GFP_ATOMIC);
-    kernel::fault_disarm_all();
-    if (c == nullptr) break;
-    clones.push_back(c);
-  }
-  EXPECT_GT(clones.size(), 0U);
-  EXPECT_LT(clones.size(), 32U);
-  for (kernel::bio* c : clones) kernel::bio_put(c);
-  EXPECT_TRUE(aio.items.empty());
-}
