@@ -2,7 +2,7 @@
 # Installs what the build, the tests and the demo need on Debian 12. Does nothing when all is there.
 #   install-deps.sh demo | test | ci | bench
 set -eu
-build="g++ clang cmake ninja-build make pkg-config liburing-dev libcli11-dev nlohmann-json3-dev"
+build="g++ clang cmake ninja-build make pkg-config libaio-dev libcli11-dev nlohmann-json3-dev"
 demo="libnbd-bin python3-libnbd qemu-utils e2fsprogs"
 test="libgtest-dev libgmock-dev libnbd-dev fio xfsprogs reiserfsprogs procps mount util-linux"
 case "${1:-test}" in
@@ -10,7 +10,7 @@ case "${1:-test}" in
   demo) want="$build $demo" ;;
   test) want="$build $demo $test" ;;
   ci) want="$build $demo $test clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev" ;;
-  bench) want="$build $demo $test libbenchmark-dev qemu-system-common nbdkit jq gcc python3" ;;
+  bench) want="$build $demo $test libbenchmark-dev qemu-system-common nbdkit liburing-dev jq gcc python3" ;;
   *) echo "usage: $0 build|demo|test|ci|bench" >&2; exit 2 ;;
 esac
 missing=""

@@ -15,11 +15,6 @@
 
 namespace kernel {
 
-struct file {
-  int fd = -1;
-  bool sync = false;  // every write is on stable storage when it returns
-};
-
 namespace {
 
 int host_open_flags(u32 flags) {
@@ -101,7 +96,9 @@ file* filp_open(const char* path, u32 flags, u32 mode) {
   file* f = knew<file>(GFP_KERNEL);
   if (f == nullptr) return err_ptr<file>(-ENOMEM);
   const int host = host_open_flags(flags);
-  int fd = fs_is_recording() ? unsynced_open(path, host, mode) : host_open(path, host, mode);
+  // While recording, what stable storage holds is what the record says: the host need not sync.
+  int fd =
+      fs_is_recording() ? unsynced_open(path, host & ~O_SYNC, mode) : host_open(path, host, mode);
   struct stat st;
   if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode)) {
     ::close(fd);
@@ -118,6 +115,7 @@ file* filp_open(const char* path, u32 flags, u32 mode) {
 
 int filp_close(file* f) {
   might_sleep("filp_close");
+  if (const int direct = f->direct.load(); direct >= 0) ::close(direct);
   // The descriptor is gone whatever close() says, EINTR included.
   const int rc = ::close(f->fd) == 0 || errno == EINTR ? 0 : -errno;
   kdelete(f);
@@ -132,12 +130,15 @@ s64 vfs_read(file* f, void* buffer, std::size_t bytes, s64* pos) {
   return n;
 }
 
+s64 file_pwrite(file* f, const void* buffer, std::size_t bytes, u64 offset) {
+  return fs_is_recording() ? unsynced_write(f->fd, buffer, bytes, offset, f->sync)
+                           : host_pwrite(f->fd, buffer, bytes, offset);
+}
+
 s64 vfs_write(file* f, const void* buffer, std::size_t bytes, s64* pos) {
   might_sleep("vfs_write");
   if (const int rc = fault_check(fault_site::file_write); rc != 0) return rc;
-  const u64 offset = static_cast<u64>(*pos);
-  const s64 n = fs_is_recording() ? unsynced_write(f->fd, buffer, bytes, offset, f->sync)
-                                  : host_pwrite(f->fd, buffer, bytes, offset);
+  const s64 n = file_pwrite(f, buffer, bytes, static_cast<u64>(*pos));
   if (n > 0) *pos += n;
   return n;
 }

@@ -81,6 +81,17 @@ int filp_close(file* f);
 // Positioned; *pos advances. Short counts as the host gives them; EINTR is retried.
 [[nodiscard]] s64 vfs_read(file* f, void* buffer, std::size_t bytes, s64* pos);
 [[nodiscard]] s64 vfs_write(file* f, const void* buffer, std::size_t bytes, s64* pos);
+// Writes that go on after the call that began them, beside each other: for data that is written
+// once, synced soon and read late if ever. Where the host can do it, whole pages go past its page
+// cache. One task's, for one file at a time; several tasks may write one file so. Writes under way
+// do not overlap, and their memory stays as it is until vfs_end_writes.
+class file_writes;
+[[nodiscard]] file_writes* file_writes_alloc();  // or null
+void file_writes_free(file_writes* w);           // nothing under way; null is fine
+void vfs_begin_write(file_writes* w, file* f, const void* buffer, std::size_t bytes, u64 offset);
+// Waits for all of them.
+//   returns  0 | the negative errno of a write that failed, of as many bytes as *failed_bytes says
+[[nodiscard]] int vfs_end_writes(file_writes* w, file* f, std::size_t* failed_bytes);
 [[nodiscard]] int vfs_fsync(file* f);
 [[nodiscard]] u64 file_size(file* f);  // bytes, from its inode
 // Whether a name leads to the file still: what is written to one without goes with its last handle.

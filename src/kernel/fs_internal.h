@@ -10,6 +10,12 @@
 
 namespace kernel {
 
+struct file {
+  int fd = -1;
+  bool sync = false;             // every write is on stable storage when it returns
+  std::atomic<int> direct = -1;  // a descriptor that goes past the page cache; -1: not asked for
+};
+
 // The absolute path without "//", "." and ".." (taken by their spelling, not through the host).
 std::string fs_normalise(std::string_view path);
 // Whether a normalised path names the device namespace: one of its directories or below.
@@ -30,6 +36,9 @@ int unsynced_fsync(int fd);
 int unsynced_unlink(const char* path);
 int unsynced_sync_directory(const char* directory);
 
+// A write at an offset, recorded when that is on: a count, short ones as the host gives them, or a
+// negative errno.
+s64 file_pwrite(file* f, const void* buffer, std::size_t bytes, u64 offset);
 // The plain calls with EINTR retried: a result, or a negative errno.
 s64 host_pread(int fd, void* buffer, std::size_t bytes, u64 offset);
 s64 host_pwrite(int fd, const void* buffer, std::size_t bytes, u64 offset);

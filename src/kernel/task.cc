@@ -7,6 +7,7 @@
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -151,6 +152,11 @@ void daemonize(const char* name) {
   char host_name[16] = {};  // what the host shows of it
   std::memcpy(host_name, name, len < sizeof(host_name) - 1 ? len : sizeof(host_name) - 1);
   pthread_setname_np(pthread_self(), host_name);
+}
+
+void set_user_nice(int nice) {
+  // On Linux a thread id here means that thread alone.
+  (void)::setpriority(PRIO_PROCESS, static_cast<id_t>(current()->pid), nice);
 }
 
 int complete_and_exit(completion* done, int code) {

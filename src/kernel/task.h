@@ -49,6 +49,10 @@ constexpr u32 clone_fs = 0x200, clone_files = 0x400, clone_sighand = 0x800;
 // every signal blocked from their start.
 void daemonize(const char* name);
 
+// Weighs the current thread against others for the processor, as nice(2) does: -20 (first) to 19.
+// Without the right to it nothing changes.
+void set_user_nice(int nice);
+
 // Ends a thread body: `return complete_and_exit(&done, 0);`. The completion is completed by
 // the thread's trampoline after the body has returned, when nothing of its frame is used any more.
 [[nodiscard]] int complete_and_exit(completion* done, int code);

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <filesystem>
 #include <map>
 #include <random>
 
@@ -140,6 +141,60 @@ TEST(fs, a_fifo_in_place_of_a_file_holds_nobody) {
   ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
   for (const u32 flags : {FO_RDONLY, FO_WRONLY, FO_RDWR}) {
     EXPECT_EQ(ptr_err(filp_open((dir / "fifo").c_str(), flags, 0)), -ENXIO);
+  }
+}
+
+TEST(fs, writes_at_once_all_reach_the_file) {
+  const std::unique_ptr<file_writes, void (*)(file_writes*)> writes(file_writes_alloc(),
+                                                                    file_writes_free);
+  std::size_t failed = 1;
+  for (const u32 flags : {FO_RDWR, FO_RDWR | FO_SYNC}) {
+    temp_dir dir;
+    const std::string path = dir / "file";
+    put_file(path, {0});
+    open_file f(path, flags);
+    // Two hundred pages, every second one begun, now and then a few bytes more or less.
+    bytes want(200 * 2 * page_size), memory(want.size() + page_size);
+    const auto aligned = reinterpret_cast<std::uintptr_t>(memory.data()) % page_size;
+    u8* pages = memory.data() + (aligned == 0 ? 0 : page_size - aligned);
+    for (std::size_t at = 0; at < want.size(); at += 2 * page_size) {
+      const std::size_t i = at / page_size;
+      const std::size_t skip = i % 14 == 6 ? 512 : 0,
+                        n = page_size + (i % 10 == 8 ? 100 : 0) - skip;
+      for (std::size_t k = at + skip; k < at + skip + n; ++k) {
+        want[k] = pages[k] = static_cast<u8>(k * 7 + i);
+      }
+      vfs_begin_write(writes.get(), f.f, pages + at + skip, n, at + skip);
+      // The host's cache meets what is not there yet.
+      if (i % 20 == 0) EXPECT_LE(zorv_test::read_file(path).size(), want.size());
+    }
+    EXPECT_EQ(vfs_end_writes(writes.get(), f.f, &failed), 0);
+    want.resize(std::filesystem::file_size(path));
+    EXPECT_TRUE(zorv_test::read_file(path) == want) << flags;
+    const int direct = ::open(path.c_str(), O_RDWR | O_DIRECT);
+    EXPECT_EQ(f.f->direct.load() >= 0, direct >= 0) << "it goes past the cache where it can";
+    ::close(direct);
+
+    fault_arm(fault_site::file_write, 2, 1, EIO);
+    for (const u64 at : {0, 4096, 8192}) {
+      vfs_begin_write(writes.get(), f.f, pages, at == 4096 ? 100 : 4096, at);
+    }
+    EXPECT_EQ(vfs_end_writes(writes.get(), f.f, &failed), -EIO);
+    EXPECT_EQ(failed, 100U);
+    EXPECT_EQ(vfs_end_writes(writes.get(), f.f, &failed), 0) << "told once";
+
+    open_file reader(path, FO_RDONLY);
+    vfs_begin_write(writes.get(), reader.f, pages, 4096, 0);
+    EXPECT_EQ(vfs_end_writes(writes.get(), reader.f, &failed), -EBADF);
+
+    fault_record_unsynced_begin();
+    bytes(4096, 0xcc).swap(want);
+    vfs_begin_write(writes.get(), f.f, want.data(), want.size(), 0);
+    EXPECT_EQ(vfs_end_writes(writes.get(), f.f, &failed), 0);
+    fault_power_cut();
+    fault_record_unsynced_end();
+    const bool kept = zorv_test::read_file(path)[0] == 0xcc;
+    EXPECT_EQ(kept, (flags & FO_SYNC) != 0);
   }
 }
 
