@@ -92,6 +92,7 @@ void pending_io::end_io(kernel::bio* b, int error) {
   auto* io = static_cast<pending_io*>(b->bi_private);
   if (error != 0) io->error_.store(error);
   kernel::block_device* bdev = io->bdev_;
+  if (io->left_.load() == 1) io->ended_by_ = kernel::current()->comm;
   kernel::bio_put(b);
   kernel::blkdev_exit(bdev);
   io->left_.fetch_sub(1);  // last: the owner may be gone right after

@@ -68,11 +68,13 @@ class pending_io {
   [[nodiscard]] bool done() const { return left_.load() == 0; }
   int wait();  // 0 or a negative errno; fails the test after 20 s
   [[nodiscard]] const bytes& data() const { return data_; }
+  [[nodiscard]] const std::string& ended_by() const { return ended_by_; }  // a task, once done
   static void end_io(kernel::bio* b, int error);
 
  private:
   kernel::block_device* bdev_;
   bytes data_;
+  std::string ended_by_;
   std::atomic<int> left_{0};
   std::atomic<int> error_{0};
 };

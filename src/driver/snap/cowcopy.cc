@@ -20,40 +20,40 @@ namespace {
 constexpr u32 page_sectors = kernel::page_size >> kernel::sector_shift;
 
 // Finds out where pages [first, first + count) of the batch lie; count at most group_pages.
-void locate_pages(cow_worker* w, const zorv_snap& snap, u64 first, u32 count) {
+void locate_pages(cow_copier* c, const zorv_snap& snap, u64 first, u32 count) {
   const u64 pages_per_chunk = snap.chunk_size / kernel::page_size;
-  const u64 end = w->filter->dev_size >> kernel::sector_shift;
+  const u64 end = c->worker->filter->dev_size >> kernel::sector_shift;
   for (u32 k = 0; k < count; ++k) {
     const u64 page = first + k;
-    const auto chunk = static_cast<u64>(w->batch.chunks[page / pages_per_chunk]);
+    const auto chunk = static_cast<u64>(c->batch.chunks[page / pages_per_chunk]);
     const u64 sector = (chunk << (snap.chunk_shift - kernel::sector_shift)) +
                        page_sectors * (page % pages_per_chunk);
     const u64 there = sector < end ? std::min<u64>(end - sector, page_sectors) : 0;
-    w->sectors[k] = sector;
-    w->lengths[k] = static_cast<u32>(there << kernel::sector_shift);
+    c->sectors[k] = sector;
+    c->lengths[k] = static_cast<u32>(there << kernel::sector_shift);
   }
 }
 
 // Pages from k on that lie behind each other on the HDD, as far as one bio carries them.
-u32 run_length(const cow_worker* w, u32 k, u32 count) {
-  if (w->lengths[k] == 0) return 1;
+u32 run_length(const cow_copier* c, u32 k, u32 count) {
+  if (c->lengths[k] == 0) return 1;
   u32 n = 1;
-  while (k + n < count && n < kernel::bio_max_segments && w->lengths[k + n] != 0 &&
-         w->sectors[k + n] == w->sectors[k] + u64{n} * page_sectors) {
+  while (k + n < count && n < kernel::bio_max_segments && c->lengths[k + n] != 0 &&
+         c->sectors[k + n] == c->sectors[k] + u64{n} * page_sectors) {
     ++n;
   }
   return n;
 }
 
-void fill_bio(cow_worker* w, u32 k, u32 pages) {
-  kernel::bio* b = &w->bios[k];
-  kernel::bio_init(b, &w->vecs[k], static_cast<u16>(pages));
-  b->bi_sector = w->sectors[k];
-  b->bi_bdev = w->filter->hdd_bdev;
+void fill_bio(cow_copier* c, u32 k, u32 pages) {
+  kernel::bio* b = &c->bios[k];
+  kernel::bio_init(b, &c->vecs[k], static_cast<u16>(pages));
+  b->bi_sector = c->sectors[k];
+  b->bi_bdev = c->worker->filter->hdd_bdev;
   b->bi_uptodate.store(true);
   for (u32 i = k; i < k + pages; ++i) {
-    (void)kernel::bio_add_page(b, kernel::page_at(w->pages + u64{i} * kernel::page_size),
-                               w->lengths[i], 0);
+    (void)kernel::bio_add_page(b, kernel::page_at(c->pages + u64{i} * kernel::page_size),
+                               c->lengths[i], 0);
   }
 }
 
@@ -63,15 +63,15 @@ void log_bad_block(const zorv_filter* f, sector_t sector) {
 }
 
 // Names the blocks of a run that could not be read as one.
-void report_bad_run(cow_worker* w, u32 k, u32 pages) {
+void report_bad_run(cow_copier* c, u32 k, u32 pages) {
   u32 named = 0;
   for (u32 i = k; pages > 1 && i < k + pages; ++i) {
-    fill_bio(w, i, 1);
-    if (cow_read_and_wait(w->filter, &w->bios[i]) == 0) continue;
-    log_bad_block(w->filter, w->sectors[i]);
+    fill_bio(c, i, 1);
+    if (cow_read_and_wait(c->worker->filter, &c->bios[i]) == 0) continue;
+    log_bad_block(c->worker->filter, c->sectors[i]);
     ++named;
   }
-  if (named == 0) log_bad_block(w->filter, w->sectors[k]);
+  if (named == 0) log_bad_block(c->worker->filter, c->sectors[k]);
 }
 
 // Pages that are read and written together, small enough for the second copy to find them in the
@@ -92,77 +92,75 @@ void zorv_end_cow_read_sync(kernel::bio* bio, int) {
 
 // Sends the reads of a piece.
 //   returns  true when all of them have ended already
-bool begin_reads(cow_worker* w, piece* p) {
-  zorv_filter* f = w->filter;
+bool begin_reads(cow_copier* c, piece* p) {
+  zorv_filter* f = c->worker->filter;
   kernel::init_completion(&p->done);
   for (u32 k = p->first, n; k < p->end; k += n) {
-    n = run_length(w, k, p->end);
-    if (w->lengths[k] == 0) continue;
-    fill_bio(w, k, n);
-    w->bios[k].bi_private = p;
-    w->bios[k].bi_end_io = zorv_end_cow_read_sync;
+    n = run_length(c, k, p->end);
+    if (c->lengths[k] == 0) continue;
+    fill_bio(c, k, n);
+    c->bios[k].bi_private = p;
+    c->bios[k].bi_end_io = zorv_end_cow_read_sync;
     p->left.fetch_add(1);
-    kernel::bio* clone = zorv_aio_clone(&f->aio, &w->bios[k], 1, kernel::GFP_NOIO);
-    kernel::submit_bio(kernel::READ, clone != nullptr ? clone : &w->bios[k]);
+    kernel::bio* clone = zorv_aio_clone(&f->aio, &c->bios[k], 1, kernel::GFP_NOIO);
+    kernel::submit_bio(kernel::READ, clone != nullptr ? clone : &c->bios[k]);
   }
   kernel::blk_unplug(kernel::bdev_get_queue(f->hdd_bdev));
   return p->left.fetch_sub(1) == 1;
 }
 
 //   returns  0 | -EIO (logged)
-int check_reads(cow_worker* w, const piece& p) {
+int check_reads(cow_copier* c, const piece& p) {
   int rc = 0;
   for (u32 k = p.first, n; k < p.end; k += n) {
-    n = run_length(w, k, p.end);
-    if (w->lengths[k] == 0 || w->bios[k].bi_uptodate.load()) continue;
-    report_bad_run(w, k, n);
+    n = run_length(c, k, p.end);
+    if (c->lengths[k] == 0 || c->bios[k].bi_uptodate.load()) continue;
+    report_bad_run(c, k, n);
     rc = -EIO;
   }
   return rc;
 }
 
-// Writes the pages to where they lie on the HDD, adjacent ones at once.
-int write_cowed_pages(cow_worker* w, zorv_blkdev* t, const piece& p) {
+// Begins to write the pages to where they lie on the HDD, adjacent ones at once.
+void begin_writes(cow_copier* c, zorv_blkdev* t, const piece& p) {
   for (u32 k = p.first, n; k < p.end && snap_usable(t); k += n) {
-    n = run_length(w, k, p.end);
+    n = run_length(c, k, p.end);
     u32 bytes = 0;
-    for (u32 i = k; i < k + n; ++i) bytes += w->lengths[i];
+    for (u32 i = k; i < k + n; ++i) bytes += c->lengths[i];
     if (bytes == 0) continue;
-    const int rc = zorv_fwrite(t->s.cow_data_file, w->sectors[k] << kernel::sector_shift,
-                               w->pages + u64{k} * kernel::page_size, static_cast<int>(bytes));
-    if (rc != static_cast<int>(bytes)) return -EIO;
-  }
-  return 0;
-}
-
-void finish_piece(cow_worker* w, zorv_blkdev* t, const piece& p)
-    REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  if (check_reads(w, p) != 0 && snap_usable(t)) zorv_snap_invalidate(t, "cow_chunks");
-  if (snap_usable(t) && write_cowed_pages(w, t, p) != 0) {
-    zorv_snap_invalidate(t, "write_cowed_page");
+    zorv_fwrite_begin(c->writes, t->s.cow_data_file, c->sectors[k] << kernel::sector_shift,
+                      c->pages + u64{k} * kernel::page_size, static_cast<int>(bytes));
   }
 }
 
-// Copies located pages. What the host has cached is written as soon as it is read; the rest is read
-// all at once.
-void copy_slice(cow_worker* w, zorv_blkdev* t, u32 count) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+// Copies located pages. What the host has cached is on its way to the file as soon as it is read;
+// the rest is read all at once.
+void copy_slice(cow_copier* c, zorv_blkdev* t, u32 count) REQUIRES_SHARED(zorv_blkdev_rwlock) {
   piece pieces[max_pieces];
   piece* in_flight[max_pieces];
   u32 nr_in_flight = 0;
-  for (u32 i = 0, first = 0; first < count && snap_usable(t); ++i, first += piece_pages) {
+  int read_rc = 0;
+  const auto finish = [&](const piece& p) {
+    if (check_reads(c, p) != 0) read_rc = -EIO;
+    if (read_rc == 0) begin_writes(c, t, p);
+  };
+  for (u32 i = 0, first = 0; first < count && read_rc == 0; ++i, first += piece_pages) {
     piece* p = &pieces[i];
     p->first = first;
     p->end = std::min(first + piece_pages, count);
-    if (begin_reads(w, p)) {
-      finish_piece(w, t, *p);
+    if (begin_reads(c, p)) {
+      finish(*p);
     } else {
       in_flight[nr_in_flight++] = p;
     }
   }
   for (u32 i = 0; i < nr_in_flight; ++i) {
     kernel::wait_for_completion(&in_flight[i]->done);
-    finish_piece(w, t, *in_flight[i]);
+    finish(*in_flight[i]);
   }
+  const int write_rc = zorv_fwrite_end(c->writes, t->s.cow_data_file);
+  if (read_rc != 0 && snap_usable(t)) zorv_snap_invalidate(t, "cow_chunks");
+  if (write_rc != 0 && snap_usable(t)) zorv_snap_invalidate(t, "write_cowed_page");
 }
 
 // A sync that fails may have lost what it was for. So has one of a file that was deleted, with its
@@ -176,7 +174,8 @@ int sync_file(zorv_file* file) {
   return rc;
 }
 
-int mark_chunks_cowed(zorv_blkdev* t, const cow_batch& b) {
+int mark_chunks_cowed(cow_worker* w, zorv_blkdev* t, const cow_batch& b) {
+  rzmutex_guard one_at_a_time(&w->bits_lock);
   for (u32 i = 0; i < b.count && snap_usable(t); ++i) {
     const int rc =
         zorv_cowbmp_set_bit(&t->s.cowbmp, b.chunks[i], kernel::GFP_NOIO, t->s.cow_bmp_file);
@@ -204,48 +203,53 @@ void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
 namespace {
 
 // Reads and writes all pages of the batch.
-void copy_pages(cow_worker* w, zorv_blkdev* t) REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  const u64 pages = u64{w->batch.count} * (t->s.chunk_size / kernel::page_size);
+void copy_pages(cow_copier* c, zorv_blkdev* t) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  const u64 pages = u64{c->batch.count} * (t->s.chunk_size / kernel::page_size);
   for (u64 first = 0; first < pages && snap_usable(t); first += group_pages) {
     const auto count = static_cast<u32>(std::min<u64>(pages - first, group_pages));
-    locate_pages(w, t->s, first, count);
-    copy_slice(w, t, count);
+    locate_pages(c, t->s, first, count);
+    copy_slice(c, t, count);
   }
 }
 
-void log_groups(const cow_worker* w, const zorv_snap& s) {
-  const cow_batch& b = w->batch;
+void log_groups(const cow_copier* c, const zorv_snap& s) {
+  const cow_batch& b = c->batch;
   for (u32 g = 0, start = 0; g < b.groups; start = b.group_end[g++]) {
     const u32 chunks = b.group_end[g] - start;
     zorv_log(2, "%s(): COWing %d chunks (%d pages), snap_minor=%d, queue_cnt=%d", "cow_chunks",
              chunks, static_cast<s32>(u64{chunks} * (s.chunk_size / kernel::page_size)),
-             s.snap_minor, w->filter->cowqueue.cnt.load());
+             s.snap_minor, c->worker->filter->cowqueue.cnt.load());
   }
 }
 
 }  // namespace
 
-void cow_chunks(cow_worker* w) {
-  cow_batch& b = w->batch;
-  zorv_blkdev* t = cow_find_snap(w->filter, b.snap_minor);
+void cow_chunks(cow_copier* c) {
+  cow_batch& b = c->batch;
+  zorv_blkdev* t = cow_find_snap(c->worker->filter, b.snap_minor);
   if (t == nullptr || !snap_usable(t)) return;
   rzread_guard files(&t->s.file_lock);  // its files stay open; a stop waits here
   if (!snap_usable(t)) return;
-  log_groups(w, t->s);
+  log_groups(c, t->s);
   // Should the snap have been stopped and started again since, nothing is on its way in it.
-  const auto gone = [t](s32 c) {
-    return zorv_cowbmp_state(&t->s.cowbmp, c) != chunk_state::on_its_way;
+  const auto gone = [t](s32 chunk) {
+    return zorv_cowbmp_state(&t->s.cowbmp, chunk) != chunk_state::on_its_way;
   };
   b.count = static_cast<u32>(std::remove_if(b.chunks, b.chunks + b.count, gone) - b.chunks);
   std::sort(b.chunks, b.chunks + b.count);
 
-  copy_pages(w, t);
+  copy_pages(c, t);
+  if (t->s.snap_valid.load() == 0) {
+    // What was written after it became invalid may have made the emptied file look like more.
+    (void)zorv_ftruncate(t->s.cow_data_fname);
+    return;
+  }
   if (!snap_usable(t)) return;
   if (sync_file(t->s.cow_data_file) != 0) {
     zorv_snap_invalidate(t, __func__);
     return;
   }
-  if (mark_chunks_cowed(t, b) != 0) zorv_snap_invalidate(t, "mark_chunk_cowed");
+  if (mark_chunks_cowed(c->worker, t, b) != 0) zorv_snap_invalidate(t, "mark_chunk_cowed");
   if (snap_usable(t) && sync_file(t->s.cow_bmp_file) != 0) zorv_snap_invalidate(t, __func__);
   if (!snap_usable(t)) return;
   for (u32 i = 0; i < b.count; ++i) zorv_cowbmp_end_copy(&t->s.cowbmp, b.chunks[i]);

@@ -2,8 +2,9 @@
 // One pass over the COW queue, from its head to its tail: what can be served or sent on is, and
 // the chunks that held writes wait for are collected into a group.
 //
-// The task is the queue's only consumer, so a request stays where it is while the task works on it
-// without the queue's lock. Whatever is appended meanwhile and overlaps it stands behind it.
+// The task is the queue's only consumer but for the reads that it has picked out, so a request
+// stays where it is while the task works on it without the queue's lock. Whatever is appended
+// meanwhile and overlaps it stands behind it.
 //
 // Progress: the head of the queue overlaps nothing earlier, so it is settled, or waits for a chunk
 // that is on its way or becomes so as soon as the copying task is idle; a batch that is copied sets
@@ -19,10 +20,11 @@ namespace {
 constexpr const char* op = "cow_worker";
 
 enum class verdict {
-  keep,      // stays for a later pass
-  end_pass,  // stays, and so does everything behind it
-  sent,      // its clone ends the bio
-  ended,     // the bio ends with the code
+  keep,        // stays for a later pass
+  end_pass,    // stays, and so does everything behind it
+  read_files,  // stays until the reading task has served it
+  sent,        // its clone ends the bio
+  ended,       // the bio ends with the code
 };
 
 struct decision {
@@ -102,14 +104,14 @@ need next_need(const zorv_filter* f, const cow_request* r, s32 snap_minor)
 // A pass under way.
 struct pass {
   cow_worker* w;
-  collecting mode;
-  u32 copies;  // as of its start
+  cow_batch* batch;  // null: nothing is collected
+  u32 copies;        // as of its start
   pass_result result;
 };
 
 // Adds the chunk to the group, or invalidates its snap.
 decision add_to_group(pass* p, const need& n) REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  cow_batch& b = p->w->batch;
+  cow_batch& b = *p->batch;
   if (b.count == 0) {
     b.snap_minor = static_cast<s32>(n.snap->s.snap_minor);
     // A chunk larger than a group is a group of its own, copied piece by piece.
@@ -133,7 +135,7 @@ decision decide_filter(pass* p, cow_request* r, s32 snap_minor)
   if (!r->is_write) return forward(p->w->filter, r);
   const need n = next_need(p->w->filter, r, snap_minor);
   if (n.snap == nullptr) return forward(p->w->filter, r);
-  if (p->mode == collecting::no) {
+  if (p->batch == nullptr) {
     r->waits_since = p->copies;
     return {verdict::keep};
   }
@@ -151,9 +153,9 @@ bool any_copied(const zorv_filter* f, zorv_blkdev* snap, const cow_request* r) {
   return false;
 }
 
-decision decide_snap(cow_worker* w, const cow_request* r, zorv_blkdev* snap)
+decision decide_snap(pass* p, const cow_request* r, zorv_blkdev* snap)
     REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  zorv_filter* f = w->filter;
+  zorv_filter* f = p->w->filter;
   if (!any_copied(f, snap, r)) {
     kernel::bio* clone = tracked_clone(f, r);
     if (clone == nullptr) return {verdict::ended, -EIO};
@@ -162,7 +164,7 @@ decision decide_snap(cow_worker* w, const cow_request* r, zorv_blkdev* snap)
     if (!any_copied(f, snap, r)) return send(f, clone);
     kernel::bio_put(clone);
   }
-  return {verdict::ended, cow_serve_read(w, snap, r->bio)};
+  return {verdict::read_files};
 }
 
 //   overlaps_earlier  a request before it in the queue touches its sectors
@@ -182,10 +184,10 @@ decision decide(pass* p, cow_request* r, s32 snap_minor, bool overlaps_earlier)
                zorv_blk_major, minor, zorv_blk_major, f->filter_minor);
       return {verdict::ended, -EIO};
     }
-    if (!snap_usable(snap) || snap->s.stop_pending.load() != 0) return {verdict::ended, -EIO};
+    if (!snap_readable(snap)) return {verdict::ended, -EIO};
   }
   if (overlaps_earlier) return {verdict::keep};
-  return snap == nullptr ? decide_filter(p, r, snap_minor) : decide_snap(p->w, r, snap);
+  return snap == nullptr ? decide_filter(p, r, snap_minor) : decide_snap(p, r, snap);
 }
 
 }  // namespace
@@ -197,14 +199,16 @@ zorv_blkdev* cow_find_snap(const zorv_filter* f, s32 minor) {
   return ours ? dev : nullptr;
 }
 
-pass_result cow_pass(cow_worker* w, collecting mode) {
+pass_result cow_pass(cow_worker* w, cow_batch* batch) {
   zorv_cowqueue& q = w->filter->cowqueue;
-  pass p{w, mode, w->copies.load(), {}};
-  const u32 group_start = mode == collecting::yes ? w->batch.count : 0;
+  pass p{w, batch, w->copies.load(), {}};
+  bool wake_readers = false;
+  const u32 group_start = batch != nullptr ? batch->count : 0;
   kernel::spin_lock(&q.lock);
   cow_request* r = q.reqs.front();
   while (r != nullptr) {
-    if (mode == collecting::no && r->waits_since == p.copies) {
+    const bool waits = batch == nullptr && r->waits_since == p.copies;
+    if (waits || r->picked_out) {
       r = q.reqs.next_of(r->queue_link);
       continue;
     }
@@ -214,6 +218,7 @@ pass_result cow_pass(cow_worker* w, collecting mode) {
 
     const decision d = decide(&p, r, snap_minor, overlaps_earlier);
     if (d.what == verdict::ended) kernel::bio_endio(r->bio, d.rc);
+    if (d.what == verdict::sent) p.result.sent = true;
 
     kernel::spin_lock(&q.lock);
     if (d.what == verdict::end_pass) {
@@ -221,12 +226,20 @@ pass_result cow_pass(cow_worker* w, collecting mode) {
       break;
     }
     cow_request* next = q.reqs.next_of(r->queue_link);
-    if (d.what != verdict::keep) zorv_cowqueue_remove(&q, r);
+    if (d.what == verdict::read_files) {
+      r->picked_out = true;
+      w->reads.push_back(&r->read_link);
+      w->nr_reads.fetch_add(1);
+      wake_readers = true;
+    } else if (d.what != verdict::keep) {
+      zorv_cowqueue_remove(&q, r);
+    }
     r = next;
   }
   kernel::spin_unlock(&q.lock);
-  if (mode == collecting::yes && w->batch.count > group_start) {
-    w->batch.group_end[w->batch.groups++] = w->batch.count;
+  if (wake_readers) kernel::wake_up_all(&w->reads_wait);
+  if (batch != nullptr && batch->count > group_start) {
+    batch->group_end[batch->groups++] = batch->count;
   }
   return p.result;
 }

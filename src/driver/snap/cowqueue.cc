@@ -188,6 +188,16 @@ bool zorv_cowqueue_overlaps_earlier(zorv_cowqueue* q, const cow_request* r) {
   return false;
 }
 
+bool zorv_cowqueue_overlaps_other(zorv_cowqueue* q, const cow_request* r) {
+  for (u64 block = r->first_sector >> block_shift; block <= r->last_sector >> block_shift;
+       ++block) {
+    for (const cow_block& entry : *bucket(q, block)) {
+      if (entry.req != r && overlap(entry.req, r->first_sector, r->last_sector)) return true;
+    }
+  }
+  return false;
+}
+
 void zorv_cowqueue_remove(zorv_cowqueue* q, cow_request* r) {
   for (cow_block& entry : r->blocks) entry.hash_link.unlink();
   r->queue_link.unlink();

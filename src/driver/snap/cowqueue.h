@@ -26,14 +26,16 @@ struct cow_block {
 // and direction are kept here and nobody but the consumer looks into the bio.
 struct cow_request {
   kernel::list_node<cow_request> queue_link{this};
-  kernel::list_of<cow_block> blocks;  // ascending
-  s32 snap_minor = -1;                // newest started snap when queued; negative: none; under lock
+  kernel::list_node<cow_request> read_link{this};  // among the picked out reads; under lock
+  kernel::list_of<cow_block> blocks;               // ascending
+  s32 snap_minor = -1;  // newest started snap when queued; negative: none; under lock
   kernel::bio* bio = nullptr;
   devt dev = 0;  // the node that the bio was sent to
   sector_t first_sector = 0;
   sector_t last_sector = 0;  // inclusive
   bool is_write = false;
-  u32 waits_since = 0;  // the consumer's: the copy that it waits to see the end of
+  bool picked_out = false;  // a read that the reading tasks serve; under lock
+  u32 waits_since = 0;      // the consumer's: the copy that it waits to see the end of
 };
 
 constexpr u32 cowqueue_hash_size = 16384;
@@ -53,6 +55,9 @@ struct zorv_cowqueue {
 //   returns  0 | -ENOMEM (nothing was queued; the caller ends the bio)
 [[nodiscard]] int zorv_cowqueue_append(zorv_cowqueue* q, s32 snap_minor, kernel::bio* bio,
                                        gfp_t flags);
+// Whether a held request other than r overlaps it.
+[[nodiscard]] bool zorv_cowqueue_overlaps_other(zorv_cowqueue* q, const cow_request* r)
+    REQUIRES(q->lock);
 // 1 when a held request of a selected direction overlaps the bio's sectors, else 0.
 [[nodiscard]] int zorv_cowqueue_find_overlap_req(zorv_cowqueue* q, int match_reads,
                                                  int match_writes, const kernel::bio* bio);

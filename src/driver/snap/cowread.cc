@@ -54,15 +54,15 @@ struct piece_run {
 
 // A read under way.
 struct snap_read {
-  cow_worker* w;
+  cow_reader* reader;
   zorv_blkdev* snap;
   piece_run run;
 };
 
 //   returns  0 | -EIO | -EAGAIN (some of it has been copied since it was looked up)
 int read_run_from_hdd(const snap_read& r) {
-  zorv_filter* f = r.w->filter;
-  kernel::bio* bio = &r.w->read_bio;
+  zorv_filter* f = r.reader->worker->filter;
+  kernel::bio* bio = &r.reader->bio;
   wait_state state;
   bio->bi_sector = r.run.sector;
   bio->bi_bdev = f->hdd_bdev;
@@ -104,7 +104,7 @@ int flush(snap_read* r) {
 // Whether the piece continues the run.
 bool goes_on(const snap_read& r, const zorv_blkdev* source, const std::byte* memory) {
   if (r.run.source != source) return false;
-  return source == nullptr ? r.w->read_bio.bi_vcnt < kernel::bio_max_segments : r.run.end == memory;
+  return source == nullptr ? r.reader->bio.bi_vcnt < kernel::bio_max_segments : r.run.end == memory;
 }
 
 // Appends the piece to the run, reading what was collected where it does not go on.
@@ -115,12 +115,12 @@ int collect(snap_read* r, zorv_blkdev* source, sector_t sector, const kernel::bi
     const int rc = flush(r);
     if (rc != 0) return rc;
   }
-  kernel::bio* bio = &r->w->read_bio;
+  kernel::bio* bio = &r->reader->bio;
   if (r->run.bytes == 0) {
     r->run.source = source;
     r->run.sector = sector;
     r->run.to = memory;
-    if (source == nullptr) kernel::bio_init(bio, r->w->read_vecs, kernel::bio_max_segments);
+    if (source == nullptr) kernel::bio_init(bio, r->reader->vecs, kernel::bio_max_segments);
   }
   if (source == nullptr) {
     (void)kernel::bio_add_page(bio, seg.bv_page, length, seg.bv_offset + offset);
@@ -131,10 +131,10 @@ int collect(snap_read* r, zorv_blkdev* source, sector_t sector, const kernel::bi
 }
 
 // One try; -EAGAIN as above.
-int serve_once(cow_worker* w, zorv_blkdev* snap, kernel::bio* bio) {
+int serve_once(cow_reader* reader, zorv_blkdev* snap, kernel::bio* bio) {
   const u32 shift = snap->s.chunk_shift - kernel::sector_shift;
   sector_t sector = bio->bi_sector;
-  snap_read r{w, snap, {}};
+  snap_read r{reader, snap, {}};
   s32 chunk = -1;
   zorv_blkdev* source = nullptr;
   for (; bio->bi_idx < bio->bi_vcnt; ++bio->bi_idx) {
@@ -143,7 +143,7 @@ int serve_once(cow_worker* w, zorv_blkdev* snap, kernel::bio* bio) {
       const u64 piece_chunk = sector >> shift;
       if (static_cast<s32>(piece_chunk) != chunk) {
         chunk = static_cast<s32>(piece_chunk);
-        source = source_of(w->filter, snap, chunk);
+        source = source_of(reader->worker->filter, snap, chunk);
       }
       const u64 to_border = (((piece_chunk + 1) << shift) - sector) << kernel::sector_shift;
       const u32 rest = seg.bv_len - offset;
@@ -165,14 +165,51 @@ int cow_read_and_wait(zorv_filter* f, kernel::bio* bio) {
   return bio->bi_uptodate.load() ? 0 : -EIO;
 }
 
-int cow_serve_read(cow_worker* w, zorv_blkdev* snap, kernel::bio* bio) {
-  const u16 first_segment = bio->bi_idx;
+namespace {
+
+//   returns  0 | -EIO
+int serve(cow_reader* reader, const cow_request* r) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  const auto minor = static_cast<s32>(kernel::minor_of(r->dev));
+  zorv_blkdev* snap = cow_find_snap(reader->worker->filter, minor);
+  if (snap == nullptr || !snap_readable(snap)) return -EIO;  // stopped since it was picked out
+  const u16 first_segment = r->bio->bi_idx;
   int rc;
   do {  // every repetition has seen another chunk copied
-    bio->bi_idx = first_segment;
-    rc = serve_once(w, snap, bio);
+    r->bio->bi_idx = first_segment;
+    rc = serve_once(reader, snap, r->bio);
   } while (rc == -EAGAIN);
   return rc;
+}
+
+// The oldest read that no reading task has begun, or null.
+cow_request* take_read(cow_worker* w) {
+  kernel::spin_guard guard(&w->filter->cowqueue.lock);
+  cow_request* r = w->reads.front();
+  if (r == nullptr) return nullptr;
+  r->read_link.unlink();
+  w->nr_reads.fetch_sub(1);
+  return r;
+}
+
+}  // namespace
+
+void cow_serve_read(cow_reader* reader) {
+  zorv_cowqueue& q = reader->worker->filter->cowqueue;
+  cow_request* r = take_read(reader->worker);
+  if (r == nullptr) return;
+  kernel::bio_endio(r->bio, serve(reader, r));
+  bool wake;
+  {
+    kernel::spin_guard guard(&q.lock);
+    wake = zorv_cowqueue_overlaps_other(&q, r);
+    zorv_cowqueue_remove(&q, r);
+  }
+  if (wake) {
+    q.events.fetch_add(1);
+    kernel::wake_up_all(&q.wait);
+  } else if (q.cnt.load() == 0) {
+    kernel::wake_up_all(&q.wait);  // whoever waits for the drain
+  }
 }
 
 }  // namespace zorv

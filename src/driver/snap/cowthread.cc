@@ -13,9 +13,16 @@ namespace zorv {
 
 namespace {
 
+// Somebody's write waits for these tasks while whoever reads a snap keeps the processors busy.
+constexpr int nice_for_held_writes = -20;
+constexpr int nice_for_snap_reads = 10;
+
 struct worker_deleter {
   void operator()(cow_worker* w) const {
-    kernel::vfree(w->pages);
+    for (cow_copier& c : w->copiers) {
+      kernel::vfree(c.pages);
+      kernel::file_writes_free(c.writes);
+    }
     w->~cow_worker();
     kernel::vfree(w);
   }
@@ -27,33 +34,51 @@ worker_ptr alloc_worker(zorv_filter* f) {
   if (memory == nullptr) return nullptr;
   worker_ptr w(new (memory) cow_worker);
   w->filter = f;
-  w->pages = static_cast<std::byte*>(kernel::vmalloc(group_bytes));
-  return w->pages != nullptr ? std::move(w) : nullptr;
+  for (cow_copier& c : w->copiers) {
+    c.worker = w.get();
+    c.pages = static_cast<std::byte*>(kernel::vmalloc(group_bytes));
+    c.writes = kernel::file_writes_alloc();
+    if (c.pages == nullptr || c.writes == nullptr) return nullptr;
+  }
+  for (cow_reader& r : w->readers) r.worker = w.get();
+  return w;
 }
 
 // Collects until there is nothing more to collect, or no room for what another pass may find.
-pass_result collect(cow_worker* w) REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  cow_batch& b = w->batch;
-  b.count = 0;
-  b.groups = 0;
+pass_result collect(cow_worker* w, cow_batch* b) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  b->count = 0;
+  b->groups = 0;
+  bool sent = false;
   pass_result r;
   do {
-    r = cow_pass(w, collecting::yes);
-  } while (!r.ended_early && r.more != 0 && b.count + r.more <= b.capacity);
+    r = cow_pass(w, b);
+    sent |= r.sent;
+  } while (!r.ended_early && r.more != 0 && b->count + r.more <= b->capacity);
+  r.sent = sent;
   return r;
 }
 
+// Hands the idle copying tasks what there is to be copied.
+//   returns  whether the HDD is to be unplugged
+bool hand_out(cow_worker* w) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  bool sent = false;
+  for (cow_copier& c : w->copiers) {
+    if (c.busy.load()) continue;
+    const pass_result r = collect(w, &c.batch);
+    sent |= r.sent;
+    if (c.batch.count != 0) {
+      w->copying.fetch_add(1);
+      c.busy.store(true);
+      kernel::wake_up(&c.wait);
+    }
+    if (!r.ended_early && r.more == 0) return sent;  // everything has been looked at
+  }
+  return cow_pass(w, nullptr).sent || sent;
+}
+
+// The copies come first: what is sent on goes to the HDD beside them.
 void pass(cow_worker* w) REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  if (w->busy.load()) {
-    (void)cow_pass(w, collecting::no);
-    return;
-  }
-  const pass_result r = collect(w);
-  if (w->batch.count != 0) {
-    w->busy.store(true);
-    kernel::wake_up(&w->wait);
-  }
-  if (r.ended_early) (void)cow_pass(w, collecting::no);
+  if (hand_out(w)) kernel::blk_unplug(kernel::bdev_get_queue(w->filter->hdd_bdev));
 }
 
 void serve(zorv_cowthread* t, cow_worker* w) {
@@ -76,40 +101,94 @@ void serve(zorv_cowthread* t, cow_worker* w) {
   }
 }
 
-// The copying task.
+// A copying task.
 int cowcopy(void* arg) {
-  auto* w = static_cast<cow_worker*>(arg);
+  auto* c = static_cast<cow_copier*>(arg);
+  cow_worker* w = c->worker;
   zorv_cowqueue& q = w->filter->cowqueue;
   kernel::daemonize("kcowd-copy");
+  kernel::set_user_nice(nice_for_held_writes);
   for (;;) {
-    kernel::wait_event(&w->wait, [w] { return w->stop.load() != 0 || w->busy.load(); });
-    if (!w->busy.load()) break;
+    kernel::wait_event(&c->wait, [c, w] { return w->stop.load() != 0 || c->busy.load(); });
+    if (!c->busy.load()) break;
     zorv_table_stand_aside(stand_aside::cow_thread);
     {
       table_read_guard table;
-      cow_chunks(w);
+      cow_chunks(c);
     }
     w->copies.fetch_add(1);
-    w->busy.store(false);
+    w->copying.fetch_sub(1);
+    c->busy.store(false);
     q.events.fetch_add(1);
     kernel::wake_up_all(&q.wait);
   }
-  return kernel::complete_and_exit(&w->done, 0);
+  return kernel::complete_and_exit(&c->done, 0);
 }
 
-// The working set and the copying task.
+// A reading task. What none has begun when they are stopped stays in the queue.
+int cowread(void* arg) {
+  auto* reader = static_cast<cow_reader*>(arg);
+  cow_worker* w = reader->worker;
+  kernel::daemonize("kcowd-read");
+  kernel::set_user_nice(nice_for_snap_reads);
+  const bool always = reader == &w->readers[0];
+  const auto due = [w, always] {
+    return w->stop.load() != 0 || (w->nr_reads.load() != 0 && (always || w->copying.load() == 0));
+  };
+  for (;;) {
+    kernel::wait_event(&w->reads_wait, due);
+    if (w->stop.load() != 0) break;
+    zorv_table_stand_aside(stand_aside::cow_thread);
+    table_read_guard table;
+    cow_serve_read(reader);
+  }
+  return kernel::complete_and_exit(&reader->done, 0);
+}
+
+// Starts a task of the worker's, which completes *done when it has ended.
+//   returns  0 | the negative code of thread creation; logged
+int start_task(int (*body)(void*), void* arg, const char* name, kernel::completion* done) {
+  kernel::init_completion(done);
+  const int rc = kernel::kernel_thread(
+      body, arg, kernel::clone_fs | kernel::clone_files | kernel::clone_sighand);
+  if (rc >= 0) return 0;
+  zorv_log(LOG_ERROR, "%s(): Failed to start COW thread %s: rc=%d", "cowthread", name, rc);
+  kernel::complete(done);  // nobody is there to wait for
+  return rc;
+}
+
+// Ends the other tasks.
+void stop_tasks(cow_worker* w) {
+  w->stop.store(1);
+  for (cow_copier& c : w->copiers) {
+    kernel::wake_up(&c.wait);
+    kernel::wait_for_completion(&c.done);
+  }
+  kernel::wake_up_all(&w->reads_wait);
+  for (cow_reader& r : w->readers) kernel::wait_for_completion(&r.done);
+  kernel::spin_guard guard(&w->filter->cowqueue.lock);
+  while (cow_request* r = w->reads.front()) r->read_link.unlink();  // they are the queue's alone
+}
+
+// The working set and the other tasks.
 //   returns  0 | -ENOMEM | the negative code of thread creation; logged
-int set_up(worker_ptr* w, const zorv_cowthread* t) {
-  *w = alloc_worker(t->filter);
-  if (*w == nullptr) {
+int set_up(worker_ptr* worker, const zorv_cowthread* t) {
+  *worker = alloc_worker(t->filter);
+  cow_worker* w = worker->get();
+  if (w == nullptr) {
     zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "cowthread");
     return -ENOMEM;
   }
-  kernel::init_completion(&(*w)->done);
-  const int rc = kernel::kernel_thread(
-      cowcopy, w->get(), kernel::clone_fs | kernel::clone_files | kernel::clone_sighand);
-  if (rc >= 0) return 0;
-  zorv_log(LOG_ERROR, "%s(): Failed to start COW thread %s: rc=%d", "cowthread", "kcowd-copy", rc);
+  int rc = 0;
+  for (cow_copier& c : w->copiers) {
+    const int started = start_task(cowcopy, &c, "kcowd-copy", &c.done);
+    if (rc == 0) rc = started;
+  }
+  for (cow_reader& r : w->readers) {
+    const int started = start_task(cowread, &r, "kcowd-read", &r.done);
+    if (rc == 0) rc = started;
+  }
+  if (rc != 0) stop_tasks(w);
   return rc;
 }
 
@@ -117,6 +196,7 @@ int cowthread(void* arg) {
   auto* t = static_cast<zorv_cowthread*>(arg);
   zorv_log(1, "%s(): Initializing...", __func__);
   kernel::daemonize(t->name);
+  kernel::set_user_nice(nice_for_held_writes);
   worker_ptr w;
   const int rc = set_up(&w, t);
   t->ready_rc = rc;
@@ -128,9 +208,7 @@ int cowthread(void* arg) {
   kernel::complete(&t->ready);
   if (rc == 0) {
     serve(t, w.get());
-    w->stop.store(1);
-    kernel::wake_up(&w->wait);
-    kernel::wait_for_completion(&w->done);
+    stop_tasks(w.get());
   }
   w.reset();
   return kernel::complete_and_exit(&t->done, 0);

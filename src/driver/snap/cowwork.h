@@ -2,10 +2,12 @@
 // What the parts of a COW thread share: the passes over the queue (cowpass.cc), the copying of
 // chunks (cowcopy.cc), the serving of snap reads (cowread.cc).
 //
-// kcowd is two tasks. The first goes over the queue: it serves snap reads, sends on what need not
-// wait, and collects the chunks that writes wait for. The second copies them and syncs. So while a
-// copy is being made or a sync runs, nothing stands still that does not wait for just that.
-// The first collects only while the second is idle: what has come in by then is copied together.
+// kcowd is several tasks. The first goes over the queue: it sends on what need not wait, collects
+// the chunks that writes wait for, and picks out the snap reads that need COW data files. The
+// copying tasks copy chunks and sync, the reading tasks serve those reads. So while a copy is being
+// made, a sync runs or a file is read, nothing stands still that does not wait for just that. The
+// first collects only while a copying task is idle: what has come in by then is copied together. Of
+// copying tasks there are two, so that one reads and writes while the other syncs.
 //
 // The first task never trusts a look at the bitmap that it took before it owned the range in the
 // clone tracker, because bits are set beside it.
@@ -32,29 +34,55 @@ struct cow_batch {
 
 // What a pass came to, beside what it sent on and settled.
 struct pass_result {
+  bool sent = false;         // the HDD may hold back what has been sent on: it is to be unplugged
   bool ended_early = false;  // requests behind have not been looked at
   u32 more = 0;              // writes that miss further chunks
 };
 
-// The working set, had before anybody is served: the copy path allocates nothing but clones and
-// bitmap pages.
-struct cow_worker {
-  zorv_filter* filter = nullptr;
-  kernel::bio read_bio;  // snap reads
-  kernel::bio_vec read_vecs[kernel::bio_max_segments];
+struct cow_worker;
+
+// A copying task with all it needs: the copy path allocates nothing but clones and bitmap pages.
+struct cow_copier {
+  cow_worker* worker = nullptr;
 
   cow_batch batch;                // whose it is: busy
   std::atomic<bool> busy{false};  // true: the copying task's, until it has made it false
-  std::atomic<u32> copies{1};     // batches done, one more
-  std::atomic<u32> stop{0};       // the copying task ends
-  kernel::wait_queue_head wait;   // the copying task sleeps here
+  kernel::wait_queue_head wait;   // it sleeps here
   kernel::completion done;        // it has ended
 
-  kernel::bio bios[group_pages];      // one per run of adjacent pages, the first page's
-  kernel::bio_vec vecs[group_pages];  // page k's segment
-  sector_t sectors[group_pages];      // where page k lies on the HDD
-  u32 lengths[group_pages];           // bytes of page k that the HDD has
-  std::byte* pages = nullptr;         // group_bytes, page by page
+  kernel::bio bios[group_pages];          // one per run of adjacent pages, the first page's
+  kernel::bio_vec vecs[group_pages];      // page k's segment
+  sector_t sectors[group_pages];          // where page k lies on the HDD
+  u32 lengths[group_pages];               // bytes of page k that the HDD has
+  std::byte* pages = nullptr;             // group_bytes, page by page
+  kernel::file_writes* writes = nullptr;  // of the COW data file
+};
+constexpr u32 nr_copiers = 2;
+
+// A reading task. The first always reads; the others only while nothing is being copied, because
+// what they read would hold up the syncs that writes wait for.
+struct cow_reader {
+  cow_worker* worker = nullptr;
+  kernel::completion done;  // it has ended
+  kernel::bio bio;
+  kernel::bio_vec vecs[kernel::bio_max_segments];
+};
+constexpr u32 nr_readers = 3;
+
+// The working set, had before anybody is served.
+struct cow_worker {
+  zorv_filter* filter = nullptr;
+  std::atomic<u32> stop{0};  // the other tasks end
+
+  cow_copier copiers[nr_copiers];
+  std::atomic<u32> copying{0};  // busy copiers
+  std::atomic<u32> copies{1};   // batches done, one more
+  rzmutex bits_lock;           // a byte of a COW bitmap file is written by one task at a time
+
+  cow_reader readers[nr_readers];
+  kernel::list_of<cow_request> reads;  // picked out, not begun; under the queue's lock
+  std::atomic<u32> nr_reads{0};        // of them
+  kernel::wait_queue_head reads_wait;  // the reading tasks sleep here
 };
 
 // Whether copies are made for the snap and held by it.
@@ -65,23 +93,25 @@ inline bool snap_usable(const zorv_blkdev* s) {
 inline bool snap_has_chunk(zorv_blkdev* s, s32 chunk) {
   return snap_usable(s) && zorv_cowbmp_test_bit(&s->s.cowbmp, chunk) != 0;
 }
+// Whether reads of the snap are answered at all.
+inline bool snap_readable(const zorv_blkdev* s) {
+  return snap_usable(s) && s->s.stop_pending.load() == 0;
+}
 // The snap of that minor over this filter, or null.
 zorv_blkdev* cow_find_snap(const zorv_filter* f, s32 minor) REQUIRES_SHARED(zorv_blkdev_rwlock);
 
-// One pass over the queue. With collecting, chunks that writes wait for become the batch's next
-// group; without, those writes are left as they are.
-enum class collecting { no, yes };
-pass_result cow_pass(cow_worker* w, collecting mode) REQUIRES_SHARED(zorv_blkdev_rwlock);
+// One pass over the queue. Chunks that writes wait for become the batch's next group; without a
+// batch those writes are left as they are.
+pass_result cow_pass(cow_worker* w, cow_batch* batch) REQUIRES_SHARED(zorv_blkdev_rwlock);
 
 // Copies the batch and records it, or invalidates its snap and those that depend on it.
 //   order  the chunks' data is synced before their bits are set, and the bits are synced before
 //          the chunks stop being on their way
-void cow_chunks(cow_worker* w) REQUIRES_SHARED(zorv_blkdev_rwlock);
+void cow_chunks(cow_copier* c) REQUIRES_SHARED(zorv_blkdev_rwlock);
 
-// Fills a read of the snap from COW data files and the HDD.
-//   returns  0 | -EIO
-[[nodiscard]] int cow_serve_read(cow_worker* w, zorv_blkdev* snap, kernel::bio* bio)
-    REQUIRES_SHARED(zorv_blkdev_rwlock);
+// Serves the oldest read that was picked out, if there is one, from COW data files and the HDD, and
+// takes it out of the queue.
+void cow_serve_read(cow_reader* reader) REQUIRES_SHARED(zorv_blkdev_rwlock);
 
 // Sends a read of the HDD, or a tracked clone of it, and waits for it.
 //   returns  0 | -EIO

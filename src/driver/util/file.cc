@@ -92,6 +92,26 @@ int zorv_fwrite(zorv_file* file, u64 offset, const void* buffer, int length) {
   return written;
 }
 
+void zorv_fwrite_begin(kernel::file_writes* writes, zorv_file* file, u64 offset, const void* buffer,
+                       int length) {
+  if (unusable(file)) return;  // zorv_fwrite_end says so
+  kernel::vfs_begin_write(writes, file->filp, buffer, static_cast<std::size_t>(length), offset);
+}
+
+int zorv_fwrite_end(kernel::file_writes* writes, zorv_file* file) {
+  if (unusable(file)) {
+    zorv_log(LOG_ERROR, "%s(): NULL or invalid file pointer passed as input!", "zorv_fwrite");
+    return -EINVAL;
+  }
+  std::size_t failed_bytes = 0;
+  const int rc = kernel::vfs_end_writes(writes, file->filp, &failed_bytes);
+  if (rc != 0) {
+    zorv_log(LOG_ERROR, "%s(): Failed to write %d bytes into %s: rc=%d", "zorv_fwrite",
+             static_cast<int>(failed_bytes), file->fname, rc);
+  }
+  return rc;
+}
+
 int zorv_fread(zorv_file* file, u64 offset, void* buffer, int length) {
   if (unusable(file)) {
     zorv_log(LOG_ERROR, "%s(): NULL or invalid file pointer passed as input!", __func__);

@@ -21,6 +21,10 @@ int zorv_fclose(zorv_file* file);  // frees the handle; the close's result
 // Bytes moved or a negative errno. A write moves all or fails (-EIO on a short write); a read
 // returns fewer bytes at the end of the file (logged, no error).
 [[nodiscard]] int zorv_fwrite(zorv_file* file, u64 offset, const void* buffer, int length);
+// Writes that go on after the call, as kernel::vfs_begin_write makes them.
+void zorv_fwrite_begin(kernel::file_writes* writes, zorv_file* file, u64 offset, const void* buffer,
+                       int length);
+[[nodiscard]] int zorv_fwrite_end(kernel::file_writes* writes, zorv_file* file);  // 0 | errno
 [[nodiscard]] int zorv_fread(zorv_file* file, u64 offset, void* buffer, int length);
 [[nodiscard]] int zorv_fsync(zorv_file* file);
 int zorv_ftruncate(const char* path);  // empties the file; always 0, an open failure is logged
