@@ -28,6 +28,9 @@ namespace zorv {
 
 namespace {
 
+// A backup that reads a snapshot gives way to the clients that write to the disk.
+constexpr int nice_of_readers = 10;
+
 constexpr int send_buffer_bytes = 1 << 20;
 // How long a client that is told of the end may take to read its last replies.
 constexpr auto reply_limit = std::chrono::seconds(5);
@@ -168,6 +171,7 @@ void nbd_server::impl::converse(int fd) {
   nbd::session s;
   const nbd::negotiation n{fd, exports, options.handshake_limit_ms, &stopping};
   if (!nbd::negotiate(n, &s)) return;
+  if (s.target.read_only) kernel::set_user_nice(nice_of_readers);
   const auto t = std::make_unique<nbd::transmission>(fd, s, options.max_inflight_bytes, &stopping);
   if (t->init()) t->run();
 }
