@@ -77,7 +77,7 @@ struct cow_worker {
   cow_copier copiers[nr_copiers];
   std::atomic<u32> copying{0};  // busy copiers
   std::atomic<u32> copies{1};   // batches done, one more
-  rzmutex bits_lock;           // a byte of a COW bitmap file is written by one task at a time
+  rzmutex bits_lock;            // a byte of a COW bitmap file is written by one task at a time
 
   cow_reader readers[nr_readers];
   kernel::list_of<cow_request> reads;  // picked out, not begun; under the queue's lock
