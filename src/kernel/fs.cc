@@ -149,6 +149,13 @@ int vfs_fsync(file* f) {
   return fs_is_recording() ? unsynced_fsync(f->fd) : host_fsync(f->fd);
 }
 
+int vfs_empty(file* f) {
+  might_sleep("vfs_empty");
+  if (const int rc = fault_check(fault_site::file_write); rc != 0) return rc;
+  if (fs_is_recording()) return unsynced_empty(f->fd);
+  return ::ftruncate(f->fd, 0) == 0 ? 0 : -errno;
+}
+
 u64 file_size(file* f) {
   struct stat st;
   if (::fstat(f->fd, &st) != 0) return 0;

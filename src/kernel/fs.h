@@ -93,6 +93,7 @@ void vfs_begin_write(file_writes* w, file* f, const void* buffer, std::size_t by
 //   returns  0 | the negative errno of a write that failed, of as many bytes as *failed_bytes says
 [[nodiscard]] int vfs_end_writes(file_writes* w, file* f, std::size_t* failed_bytes);
 [[nodiscard]] int vfs_fsync(file* f);
+[[nodiscard]] int vfs_empty(file* f);  // its length becomes 0
 [[nodiscard]] u64 file_size(file* f);  // bytes, from its inode
 // Whether a name leads to the file still: what is written to one without goes with its last handle.
 [[nodiscard]] bool file_linked(file* f);

@@ -128,6 +128,14 @@ int name_key_of(const char* path, name_key* key) {
   return 0;
 }
 
+int empty_locked(record* r, int fd) {
+  int rc = 0;
+  shadow_file* f = shadow_of(r, fd, &rc);
+  if (f == nullptr) return rc;
+  rc = save_all_pages(f);
+  return rc == 0 && ::ftruncate(fd, 0) != 0 ? -errno : rc;
+}
+
 void restore_contents(const shadow_file& f) {
   for (const auto& [page, bytes] : f.pages) {
     const u64 start = page * page_size;
@@ -181,11 +189,7 @@ int unsynced_open(const char* path, int host_flags, u32 mode) {
     rc = name_key_of(path, &key);
     if (rc == 0) r.names.try_emplace(std::move(key), shadow_name{path, -1});
   } else if ((host_flags & O_TRUNC) != 0) {
-    shadow_file* f = shadow_of(&r, fd, &rc);
-    if (f != nullptr) {
-      rc = save_all_pages(f);
-      if (rc == 0 && ::ftruncate(fd, 0) != 0) rc = -errno;
-    }
+    rc = empty_locked(&r, fd);
   }
   if (rc == 0) return fd;
   ::close(fd);
@@ -204,6 +208,12 @@ s64 unsynced_write(int fd, const void* buffer, std::size_t bytes, u64 offset, bo
     update_pages(f, static_cast<const std::byte*>(buffer), offset, static_cast<u64>(n));
   }
   return n;
+}
+
+int unsynced_empty(int fd) {
+  record& r = the_record();
+  const std::scoped_lock guard(r.lock);
+  return empty_locked(&r, fd);
 }
 
 int unsynced_fsync(int fd) {

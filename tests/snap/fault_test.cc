@@ -2,6 +2,7 @@
 // Snaps when memory, files, the disk or the power fail. Whatever happens, the client's write
 // succeeds, and a snap is right or says that it is not.
 #include "snap/snap_fixture.h"
+#include "support/at_log_line.h"
 
 using namespace zorv;
 using namespace zorv_test;
@@ -65,6 +66,30 @@ TEST_F(fault_test, a_failed_copy_invalidates_the_snap_and_the_older_ones_and_the
   }
 }
 
+TEST_F(fault_test, no_write_goes_without_its_copy_before_the_files_say_so) {
+  const u32 snap = add_started_snap({.files = dir / "s"});
+  client c(filter);
+  EXPECT_EQ(c.fill(0, 512, 1), 0);
+  std::unique_ptr<pending_io> other;
+  {
+    // The name cannot be opened, which is logged when the snap is invalid and the file is not
+    // empty.
+    at_log_line hook("Failed to open file " + dir / "s.cow", [&] {
+      EXPECT_EQ(proc("zorv/zorv1/snap_valid"), "0\n");
+      EXPECT_EQ(std::filesystem::file_size(dir / "s.cow"), disk_bytes);
+      other = c.start_write(256 * KiB, bytes(4096, 3));
+      EXPECT_FALSE(eventually([&] { return other->done(); }, 50));
+    });
+    kernel::fault_arm(fault_site::file_open, 1, 1, EMFILE);
+    disk.fail(MiB, 4096, memory_disk::direction::read, -EIO);
+    EXPECT_EQ(c.fill(MiB, 4096, 2), 0);
+  }
+  ASSERT_TRUE(other);
+  EXPECT_EQ(other->wait(), 0);
+  EXPECT_EQ(std::filesystem::file_size(dir / "s.cow"), 0U) << "emptied through its handle";
+  EXPECT_FALSE(valid(snap));
+}
+
 TEST_F(fault_test, every_single_failure_of_a_start_or_a_copy_leaves_right_or_invalid_snaps) {
   for (const auto site : {fault_site::alloc, fault_site::file_open, fault_site::file_write,
                           fault_site::file_sync, fault_site::bio_read, fault_site::thread_create}) {
@@ -85,6 +110,7 @@ TEST_F(fault_test, every_single_failure_of_a_start_or_a_copy_leaves_right_or_inv
         expect_right_or_invalid(snap, before);
         if (log.has("has no COW thread")) {
           EXPECT_FALSE(valid(snap));
+          EXPECT_EQ(std::filesystem::file_size(zorv_blkdev_arr[snap]->s.cow_data_fname), 0U);
           EXPECT_TRUE(valid(add_started_snap())) << "the next start has its thread";
           EXPECT_EQ(stop(filter) | del(2), 0);
         }

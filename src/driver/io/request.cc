@@ -90,7 +90,7 @@ int route_snap(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
 bool must_hold(const zorv_filter& f, const kernel::bio* bio) {
   for (zorv_blkdev* t = f.snaps.back(); t != nullptr; t = f.snaps.prev_of(t->s.snap_link)) {
     if (t->started.load() == 0) continue;
-    if (t->s.snap_valid.load() == 0) return false;
+    if (t->s.snap_valid.load() == 0) return f.invalidating.load() != 0;
     const chunk_range r = chunks_of(bio, t->s.chunk_shift);
     u64 copied = 0;
     bool allocated = false;

@@ -12,6 +12,7 @@
 #include "driver/core/log.h"
 #include "driver/io/aio.h"
 #include "driver/snap/cowwork.h"
+#include "driver/snap/snap.h"
 
 namespace zorv {
 
@@ -186,17 +187,24 @@ int mark_chunks_cowed(cow_worker* w, zorv_blkdev* t, const cow_batch& b) {
 
 }  // namespace
 
+snap_invalidation::snap_invalidation(zorv_filter* f) : f_(f) { f->invalidating.fetch_add(1); }
+
+snap_invalidation::~snap_invalidation() {
+  f_->invalidating.fetch_sub(1);
+  f_->cowqueue.events.fetch_add(1);  // the next pass lets the writes go
+  kernel::wake_up_all(&f_->cowqueue.wait);
+}
+
 void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
-  const zorv_filter& f = snap->s.filter->f;
+  zorv_filter& f = snap->s.filter->f;
+  const snap_invalidation guard(&f);
   for (zorv_blkdev* s = snap; s != nullptr; s = f.snaps.prev_of(s->s.snap_link)) {
     if (s->started.load() == 0) continue;
     zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major, s->s.snap_minor);
     s->s.snap_valid.store(0);
     (void)zorv_ftruncate(s->s.cow_data_fname);
-    // An emptied file is what tells a resume after a power cut, so it comes before any write that
-    // goes without its copy.
     rzread_guard files(&s->s.file_lock);
-    if (s->s.cow_data_file != nullptr) (void)zorv_fsync(s->s.cow_data_file);
+    zorv_snap_disown_files(s);  // whatever the name leads to by now
   }
 }
 
@@ -241,7 +249,7 @@ void cow_chunks(cow_copier* c) {
   copy_pages(c, t);
   if (t->s.snap_valid.load() == 0) {
     // What was written after it became invalid may have made the emptied file look like more.
-    (void)zorv_ftruncate(t->s.cow_data_fname);
+    (void)zorv_fempty(t->s.cow_data_file);
     return;
   }
   if (!snap_usable(t)) return;

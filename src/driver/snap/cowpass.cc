@@ -122,7 +122,6 @@ decision add_to_group(pass* p, const need& n) REQUIRES_SHARED(zorv_blkdev_rwlock
   }
   if (zorv_cowbmp_begin_copy(&n.snap->s.cowbmp, n.chunk, kernel::GFP_NOIO) != 0) {
     zorv_snap_invalidate(n.snap, op);
-    p->w->filter->cowqueue.events.fetch_add(1);  // the next pass lets the write go
     return {verdict::keep};
   }
   b.chunks[b.count++] = n.chunk;
@@ -132,10 +131,12 @@ decision add_to_group(pass* p, const need& n) REQUIRES_SHARED(zorv_blkdev_rwlock
 
 decision decide_filter(pass* p, cow_request* r, s32 snap_minor)
     REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  if (!r->is_write) return forward(p->w->filter, r);
-  const need n = next_need(p->w->filter, r, snap_minor);
-  if (n.snap == nullptr) return forward(p->w->filter, r);
-  if (p->batch == nullptr) {
+  zorv_filter* f = p->w->filter;
+  if (!r->is_write) return forward(f, r);
+  const need n = next_need(f, r, snap_minor);
+  const bool free = n.snap == nullptr;
+  if (free && f->invalidating.load() == 0) return forward(f, r);
+  if (free || p->batch == nullptr) {
     r->waits_since = p->copies;
     return {verdict::keep};
   }

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // RESUME_SNAP: a stopped snap started again on the COW files it has.
+#include <optional>
+
 #include "driver/block/block.h"
 #include "driver/core/log.h"
 #include "driver/snap/cowwork.h"
@@ -48,6 +50,12 @@ int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req)
   }
   const bool complete = files_complete(s);
   const bool served = s.filter->f.cowthread.pid.load() != 0;
+  if (!served) {
+    rzread_guard files(&s.file_lock);
+    zorv_snap_disown_files(snap);
+  }
+  std::optional<snap_invalidation> invalidation;  // of the older ones too, with the thread's help
+  if (!complete && served) invalidation.emplace(&s.filter->f);
   {
     // Every request meets the snap wholly stopped or wholly started.
     rzwrite_guard routing(&s.filter->f.snap_rwlock);

@@ -72,7 +72,15 @@ int zorv_snap_open_files(zorv_blkdev* snap) {
   rc = zorv_cowbmp_init(&s.cowbmp, s.chunk_cnt);
   if (rc != 0) return rc;
   s.cow_bmp_file = create_file(s.cow_bmp_fname, s.cow_bmp_size);
-  return s.cow_bmp_file != nullptr ? 0 : -EIO;
+  if (s.cow_bmp_file == nullptr) return -EIO;
+  if (s.filter->f.cowthread.pid.load() == 0) zorv_snap_disown_files(snap);
+  return 0;
+}
+
+void zorv_snap_disown_files(zorv_blkdev* snap) {
+  if (snap->s.cow_data_file == nullptr) return;
+  (void)zorv_fempty(snap->s.cow_data_file);
+  (void)zorv_fsync(snap->s.cow_data_file);
 }
 
 void zorv_snap_close_files(zorv_blkdev* snap) {

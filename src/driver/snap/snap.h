@@ -16,6 +16,11 @@ namespace zorv {
 //   locks    the snap's dev_mutex and file_lock (write)
 void zorv_snap_close_files(zorv_blkdev* snap);
 
+// Empties the open data file and syncs that: what tells a resume after a power cut that nothing in
+// the snap can be trusted.
+//   locks    the snap's file_lock (read)
+void zorv_snap_disown_files(zorv_blkdev* snap);
+
 // What snap_valid is at the instant of a start: 1, or 0 (logged) without a COW thread, which would
 // leave every write that needs a copy waiting.
 [[nodiscard]] u32 zorv_snap_valid_at_start(const zorv_blkdev* snap, const char* op);

@@ -141,6 +141,12 @@ int zorv_fread(zorv_file* file, u64 offset, void* buffer, int length) {
 
 int zorv_fsync(zorv_file* file) { return unusable(file) ? 0 : kernel::vfs_fsync(file->filp); }
 
+int zorv_fempty(zorv_file* file) {
+  const int rc = unusable(file) ? -EINVAL : kernel::vfs_empty(file->filp);
+  if (rc != 0) zorv_log(LOG_ERROR, "%s(): Failed to empty a file: rc=%d", __func__, rc);
+  return rc;
+}
+
 int zorv_ftruncate(const char* path) {
   zorv_file* file =
       zorv_fopen(path, kernel::FO_RDWR | kernel::FO_TRUNC | kernel::FO_LARGEFILE, 0600);
