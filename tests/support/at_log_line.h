@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -23,13 +24,13 @@ class at_log_line {
       text_ = std::move(text);
       act_ = std::move(act);
     }
-    next_ = kernel::set_printk_sink(sink);
+    next_.store(kernel::set_printk_sink(sink));
     zorv_debug_before_ = zorv::zorv_debug;
     zorv::zorv_debug = 2;
   }
   ~at_log_line() {
     zorv::zorv_debug = zorv_debug_before_;
-    kernel::set_printk_sink(next_);
+    kernel::set_printk_sink(next_.load());
     const std::lock_guard<std::mutex> guard(lock_);
     EXPECT_FALSE(act_) << "no line with " << text_;
     act_ = nullptr;
@@ -39,7 +40,9 @@ class at_log_line {
 
  private:
   static void sink(const char* line) {
-    next_(line);
+    // Another task may log in the moment in which the sink is changed.
+    const kernel::printk_sink next = next_.load();
+    if (next != nullptr) next(line);
     std::function<void()> act;
     {
       const std::lock_guard<std::mutex> guard(lock_);
@@ -50,7 +53,7 @@ class at_log_line {
   static inline std::mutex lock_;
   static inline std::string text_;
   static inline std::function<void()> act_;
-  static inline kernel::printk_sink next_ = nullptr;
+  static inline std::atomic<kernel::printk_sink> next_ = nullptr;
   int zorv_debug_before_ = 0;
 };
 
