@@ -179,12 +179,7 @@ void add_bitmap_commands(CLI::App* app, invocation* inv) {
   add_put(bmp, inv, "set", ZORV_SET_BMP, "set", "replace a bitmap");
   add_put(bmp, inv, "merge", ZORV_MERGE_BMP, "merged into",
           "add the set bits of a file to a bitmap");
-  static constexpr struct {
-    const char* name;
-    std::uint32_t number;
-    const char* help;
-    const char* done;
-  } simple[] = {
+  static constexpr simple_command simple[] = {
       {"clear", ZORV_CLR_BMP, "mark every extent as unchanged", "cleared"},
       {"save", ZORV_SAVE_BMP, "write a bitmap to its file", "saved"},
       {"load", ZORV_LOAD_BMP, "read a bitmap from its file", "loaded"},

@@ -216,12 +216,7 @@ void add_resume(CLI::App* app, invocation* inv) {
 void add_node_commands(CLI::App* app, invocation* inv) {
   add_add_filter(app, inv);
   add_add_snap(app, inv);
-  static constexpr struct {
-    const char* name;
-    std::uint32_t number;
-    const char* help;
-    const char* done;
-  } simple[] = {
+  static constexpr simple_command simple[] = {
       {"start", ZORV_START_NODE, "start a node: a filter is served, a snapshot is taken",
        "started"},
       {"stop", ZORV_STOP_NODE, "stop a node that nobody has open", "stopped"},

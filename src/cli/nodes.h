@@ -10,6 +10,14 @@
 
 namespace zorv::cli {
 
+// A command that sends one number with a node and has nothing to print but that it is done.
+struct simple_command {
+  const char* name;
+  std::uint32_t number;
+  const char* help;
+  const char* done;  // "started"
+};
+
 // The minor of NODE: a decimal number is the minor itself, anything else a name.
 [[nodiscard]] std::uint32_t find_node(session& s, const std::string& node);
 

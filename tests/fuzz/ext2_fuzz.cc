@@ -16,12 +16,6 @@ std::vector<zorv_test::fs_image> make_images(const std::string& dir) {
                 &random)};
 }
 
-u64 little(const bytes& b, u64 at, int length) {
-  u64 v = 0;
-  for (int i = length - 1; i >= 0; --i) v = v << 8 | b[at + static_cast<u64>(i)];
-  return v;
-}
-
 // Block by block: what the bitmap of its group says of it.
 bit_vector may_be_free(const read_fn& read, const std::vector<u64>& /*sectors*/, u64 device_bytes,
                        u32* unit) {
@@ -55,10 +49,4 @@ bit_vector may_be_free(const read_fn& read, const std::vector<u64>& /*sectors*/,
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  initialise({make_images, may_be_free});
-  return 0;
-}
-extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
-  return run_one(data, size);
-}
+const target zorv_fuzz::the_target{make_images, may_be_free};

@@ -17,7 +17,6 @@ struct subject {
   u32 block_size;
   std::vector<u64> sectors;  // offsets of those that are not blank
 };
-target the_target;
 std::vector<subject> subjects;
 
 // The input, byte by byte; zeros behind its end.
@@ -60,11 +59,14 @@ void compare(subject* s, const zorv_test::map_result& map, u32 chunk_size) {
 
 }  // namespace
 
-void initialise(const target& t) {
+}  // namespace zorv_fuzz
+
+using namespace zorv_fuzz;
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kernel::set_printk_sink([](const char*) {});
-  the_target = t;
   const zorv_test::temp_dir dir;
-  for (const zorv_test::fs_image& image : t.make_images(dir.path())) {
+  for (const zorv_test::fs_image& image : the_target.make_images(dir.path())) {
     subject s{std::make_unique<zorv_test::image_disk>(image), image.block_size, {}};
     const bytes all = s.disk->disk().peek(0, image.bytes);
     for (u64 at = 0; at + sector <= all.size(); at += sector) {
@@ -73,9 +75,10 @@ void initialise(const target& t) {
     }
     subjects.push_back(std::move(s));
   }
+  return 0;
 }
 
-int run_one(const u8* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
   source in(data, size);
   subject& s = subjects[in.byte() % subjects.size()];
   const u8 how = in.byte();
@@ -94,5 +97,3 @@ int run_one(const u8* data, std::size_t size) {
                 [&s](const auto& u) { s.disk->disk().poke(u.first, u.second); });
   return 0;
 }
-
-}  // namespace zorv_fuzz

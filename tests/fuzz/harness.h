@@ -37,7 +37,13 @@ struct target {
       may_be_free;
 };
 
-void initialise(const target& t);
-int run_one(const u8* data, std::size_t size);
+extern const target the_target;  // each fuzzer's own
+
+// A little-endian number.
+inline u64 little(const bytes& b, u64 at, int length) {
+  u64 v = 0;
+  for (int i = length - 1; i >= 0; --i) v = v << 8 | b[at + static_cast<u64>(i)];
+  return v;
+}
 
 }  // namespace zorv_fuzz

@@ -45,10 +45,4 @@ bit_vector may_be_free(const read_fn& read, const std::vector<u64>& sectors, u64
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  initialise({make_images, may_be_free});
-  return 0;
-}
-extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
-  return run_one(data, size);
-}
+const target zorv_fuzz::the_target{make_images, may_be_free};

@@ -48,6 +48,14 @@ kernel::block_device* hdd_of(const zorv_blkdev* dev) {
   return filter->f.hdd_bdev;
 }
 
+zorv_blkdev* find_node(u32 minor, const char* caller) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  zorv_blkdev* dev = zorv_blkdev_find(minor);
+  if (dev == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Unable to find zorv(%d, %d)", caller, zorv_blk_major, minor);
+  }
+  return dev;
+}
+
 }  // namespace
 
 const kernel::block_device_operations zorv_bdops = {
@@ -67,11 +75,8 @@ int zorv_block_open(kernel::block_device* bdev, kernel::fmode_t) {
   kernel::module_get();
   scope_exit drop_reference([] { kernel::module_put(); });
   table_read_guard table;
-  zorv_blkdev* dev = zorv_blkdev_find(minor);
-  if (dev == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Unable to find zorv(%d, %d)", __func__, zorv_blk_major, minor);
-    return -EINVAL;
-  }
+  zorv_blkdev* dev = find_node(minor, __func__);
+  if (dev == nullptr) return -EINVAL;
   rzmutex_guard guard(&dev->dev_mutex);
   dev->use_cnt.fetch_add(1);
   if (dev->started.load() == 0) {
@@ -90,11 +95,8 @@ int zorv_block_release(kernel::gendisk* disk, kernel::fmode_t) {
   const u32 minor = disk->first_minor;
   zorv_log(2, "%s(): Releasing zorv(%d, %d)", __func__, zorv_blk_major, minor);
   table_read_guard table;
-  zorv_blkdev* dev = zorv_blkdev_find(minor);
-  if (dev == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Unable to find zorv(%d, %d)", __func__, zorv_blk_major, minor);
-    return -EINVAL;
-  }
+  zorv_blkdev* dev = find_node(minor, __func__);
+  if (dev == nullptr) return -EINVAL;
   rzmutex_guard guard(&dev->dev_mutex);
   if (dev->dev_type == ZORV_DEV_FILTER) (void)zorv_block_save_dirty_bmps(&dev->f);
   if (dev->use_cnt.fetch_sub(1) == 1) dev->bdev = nullptr;

@@ -25,6 +25,8 @@ int zorv_block_destroy();
 //   caller  the operation's name, for its message
 kernel::gendisk* zorv_block_add_disk(zorv_blkdev* dev, u64 dev_size, kernel::block_device* hdd,
                                      kernel::unplug_fn unplug, const char* caller);
+// Whether the device node's path can be kept; logged when not.
+[[nodiscard]] bool zorv_block_node_name_fits(const char* name, const char* caller);
 // Removes whatever stands at the node's path and makes its device node; fills dev_name on success.
 void zorv_block_make_node(zorv_blkdev* dev);
 

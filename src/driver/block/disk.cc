@@ -50,4 +50,13 @@ void zorv_block_make_node(zorv_blkdev* dev) {
   }
 }
 
+bool zorv_block_node_name_fits(const char* name, const char* caller) {
+  char path[sizeof(zorv_blkdev::dev_name)];
+  if (zorv_node_path(name, path)) return true;
+  zorv_log(LOG_ERROR,
+           "%s(): Node name %s is too long: the path of its device node must fit %zu characters",
+           caller, name, sizeof(path) - 1);
+  return false;
+}
+
 }  // namespace zorv

@@ -216,13 +216,7 @@ int create(zorv_add_filter_req* req, devt hdd_dev, kernel::block_device* hdd) {
 int zorv_ioctl_add_filter_node(zorv_add_filter_req* req) {
   zorv_log(1, "%s(): Adding new node: HDD=%s, zorv_minor=%d, extent_size=%d, bmap_dir=%s", op,
            req->hdd_name, req->minor, req->extent_size, req->bmp_dir);
-  char path[sizeof(zorv_blkdev::dev_name)];
-  if (!zorv_node_path(req->name, path)) {
-    zorv_log(LOG_ERROR,
-             "%s(): Node name %s is too long: the path of its device node must fit %zu characters",
-             op, req->name, sizeof(path) - 1);
-    return -EINVAL;
-  }
+  if (!zorv_block_node_name_fits(req->name, op)) return -EINVAL;
   devt hdd_dev = 0;
   int rc = find_hdd(req, &hdd_dev);
   if (rc != 0) return rc;

@@ -113,15 +113,6 @@ int bring_up_snap(zorv_blkdev* filter, zorv_blkdev* snap, kernel::block_device* 
   return rc;
 }
 
-void build_datablock_map(zorv_blkdev* snap) {
-  if (snap->s.datablock_bmp.valid.load() != 0) return;
-  kernel::block_device* bdev = zorv_open_bdev(
-      kernel::mkdev(static_cast<u32>(zorv_blk_major), snap->s.snap_minor), kernel::FMODE_READ);
-  if (bdev == nullptr) return;
-  (void)zorv_blkbmp_read(&snap->s.datablock_bmp, bdev, static_cast<s32>(snap->s.chunk_size));
-  zorv_close_bdev(bdev);
-}
-
 int start_snap(zorv_blkdev* snap) REQUIRES_SHARED(zorv_blkdev_rwlock) {
   constexpr const char* op = "zorv_block_start_device";
   const u64 deadline = kernel::jiffies() + quiesce_limit_jiffies;
@@ -153,7 +144,7 @@ int start_snap(zorv_blkdev* snap) REQUIRES_SHARED(zorv_blkdev_rwlock) {
     }
   }
   zorv_snap_start_unlock(&st);
-  if (rc == 0) build_datablock_map(snap);
+  if (rc == 0) zorv_snap_build_datablock_map(snap->minor);
   return rc;
 }
 

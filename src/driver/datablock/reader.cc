@@ -45,6 +45,12 @@ int fs_reader_check(const char* caller, const void* context, u32 fs_block_size, 
   return 0;
 }
 
+bool fs_reader_buffer(const char* caller, kernel::vbuf<u8>* buffer, u32 bytes) {
+  buffer->reset(static_cast<u8*>(kernel::vmalloc(bytes)));
+  if (*buffer == nullptr) zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", caller);
+  return *buffer != nullptr;
+}
+
 void fs_reader_log_doubt(const char* caller, const char* fs_name, devt dev, const char* why) {
   zorv_log(LOG_ERROR, "%s(): %s on hdd(%d, %d) %s: all its blocks count as allocated.", caller,
            fs_name, kernel::major_of(dev), kernel::minor_of(dev), why);

@@ -8,9 +8,11 @@
 // chunks count as allocated.
 #pragma once
 
+#include "driver/core/log.h"
 #include "driver/core/types.h"
 #include "driver/datablock/bits.h"
 #include "kernel/blkdev.h"
+#include "kernel/mem.h"
 
 namespace zorv {
 
@@ -73,6 +75,12 @@ class [[nodiscard]] fs_reader_use {
 //   caller  the operation's name, for its messages
 [[nodiscard]] int fs_reader_check(const char* caller, const void* context, u32 fs_block_size,
                                   u32 chunk_size);
+// A fresh context with its buffer of that many bytes, or null (logged).
+template <class Context>
+[[nodiscard]] Context* fs_reader_context(const char* caller, kernel::block_device* hdd,
+                                         kernel::vbuf<u8> Context::*buffer, u32 bytes);
+// Memory for the buffer instead of what it has; false (logged) without.
+[[nodiscard]] bool fs_reader_buffer(const char* caller, kernel::vbuf<u8>* buffer, u32 bytes);
 // The log line of a file system in doubt.
 void fs_reader_log_doubt(const char* caller, const char* fs_name, devt dev, const char* why);
 
@@ -98,5 +106,19 @@ struct chunk_window {
 };
 // Zeroes the output and describes it. The chunk size has passed fs_reader_check.
 chunk_window open_window(s64 start_chunk, u32 chunk_size, u32 fs_block_size, u8* bits, s32 count);
+
+template <class Context>
+Context* fs_reader_context(const char* caller, kernel::block_device* hdd,
+                           kernel::vbuf<u8> Context::*buffer, u32 bytes) {
+  auto* r = kernel::knew<Context>(kernel::GFP_KERNEL);
+  if (r == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failed", caller);
+    return nullptr;
+  }
+  r->hdd = hdd;
+  if (fs_reader_buffer(caller, &(r->*buffer), bytes)) return r;
+  kernel::kdelete(r);
+  return nullptr;
+}
 
 }  // namespace zorv

@@ -157,29 +157,12 @@ void describe(const reiserfs_reader& r) {
   zorv_log(2, "   inode_generation=%d", r.inode_generation());
 }
 
-// The context with its block buffer, or null (logged).
-reiserfs_reader* make_context(kernel::block_device* hdd) {
-  auto* r = kernel::knew<reiserfs_reader>(kernel::GFP_KERNEL);
-  if (r == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failed", "reiserfs_reader_init");
-    return nullptr;
-  }
-  r->hdd = hdd;
-  r->bitmap.reset(static_cast<u8*>(kernel::vmalloc(superblock_read_bytes)));
-  if (r->bitmap == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "reiserfs_reader_init");
-    kernel::kdelete(r);
-    return nullptr;
-  }
-  return r;
-}
-
 }  // namespace
 
 void* reiserfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image image) {
   const u32 major = kernel::major_of(hdd->bd_dev);
   const u32 minor = kernel::minor_of(hdd->bd_dev);
-  reiserfs_reader* r = make_context(hdd);
+  auto* r = fs_reader_context(__func__, hdd, &reiserfs_reader::bitmap, superblock_read_bytes);
   if (r == nullptr) return nullptr;
   scope_exit fail([r] { kernel::kdelete(r); });
   const int rc = zorv_bread(hdd, r->bitmap.get(), superblock_read_bytes,
@@ -202,12 +185,8 @@ void* reiserfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_ima
     zorv_log(LOG_ERROR, "%s(): Superblock of hdd(%d, %d) is corrupt.", __func__, major, minor);
     return nullptr;
   }
-  if (block_size != superblock_read_bytes) {
-    r->bitmap.reset(static_cast<u8*>(kernel::vmalloc(block_size)));
-    if (r->bitmap == nullptr) {
-      zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
-      return nullptr;
-    }
+  if (block_size != superblock_read_bytes && !fs_reader_buffer(__func__, &r->bitmap, block_size)) {
+    return nullptr;
   }
   zorv_log(2, "%s(): Detected ReiserFS on hdd(%d, %d)", __func__, major, minor);
   describe(*r);

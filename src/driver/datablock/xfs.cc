@@ -216,29 +216,12 @@ bool load_groups(xfs_reader* r, fs_image image) {
   return true;
 }
 
-// The context with its first block buffer, or null (logged).
-xfs_reader* make_context(kernel::block_device* hdd) {
-  auto* r = kernel::knew<xfs_reader>(kernel::GFP_KERNEL);
-  if (r == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failed", "xfs_reader_init");
-    return nullptr;
-  }
-  r->hdd = hdd;
-  r->block_buf.reset(static_cast<u8*>(kernel::vmalloc(first_buffer_bytes)));
-  if (r->block_buf == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "xfs_reader_init");
-    kernel::kdelete(r);
-    return nullptr;
-  }
-  return r;
-}
-
 }  // namespace
 
 void* xfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image image) {
   const u32 major = kernel::major_of(hdd->bd_dev);
   const u32 minor = kernel::minor_of(hdd->bd_dev);
-  xfs_reader* r = make_context(hdd);
+  auto* r = fs_reader_context(__func__, hdd, &xfs_reader::block_buf, first_buffer_bytes);
   if (r == nullptr) return nullptr;
   scope_exit fail([r] { kernel::kdelete(r); });
   const int rc = zorv_bread(hdd, r->block_buf.get(), kernel::sector_size, 0, 1);
@@ -259,12 +242,8 @@ void* xfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image im
     zorv_log(LOG_ERROR, "%s(): Superblock of hdd(%d, %d) is corrupt.", __func__, major, minor);
     return nullptr;
   }
-  if (block_size != first_buffer_bytes) {
-    r->block_buf.reset(static_cast<u8*>(kernel::vmalloc(block_size)));
-    if (r->block_buf == nullptr) {
-      zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
-      return nullptr;
-    }
+  if (block_size != first_buffer_bytes && !fs_reader_buffer(__func__, &r->block_buf, block_size)) {
+    return nullptr;
   }
   zorv_log(2, "%s(): Detected XFS on hdd(%d, %d)", __func__, major, minor);
   zorv_log(2, "   magic=0x%08x", r->magic());

@@ -179,13 +179,7 @@ int zorv_ioctl_add_snap_node(zorv_add_snap_req* req) {
            "cow_bmp_fname=%s, cow_data_fname=%s",
            op, req->snap_minor, req->filter_minor, req->chunk_size, req->cow_bmp_fname,
            req->cow_data_fname);
-  char path[sizeof(zorv_blkdev::dev_name)];
-  if (!zorv_node_path(req->name, path)) {
-    zorv_log(LOG_ERROR,
-             "%s(): Node name %s is too long: the path of its device node must fit %zu characters",
-             op, req->name, sizeof(path) - 1);
-    return -EINVAL;
-  }
+  if (!zorv_block_node_name_fits(req->name, op)) return -EINVAL;
   devt bmp_dev = 0;
   devt data_dev = 0;
   int rc = find_file_dev(req->cow_bmp_fname, req->filter_minor, &bmp_dev);
