@@ -2,7 +2,8 @@
 # Figures for this machine: marking, routing and maps in process, then NBD throughput.
 #   run.sh BUILD_DIR [SCRATCH_DIR]
 # With the yardstick's peers.sh named by ZORV_PEERS, zorvd is measured beside the bare file and other
-# servers in one run; without it, by qemu-img's own benchmark against the bare file.
+# servers in one run, and once more without syncs; without it, by qemu-img's own benchmark against
+# the bare file.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=$(cd "${1:?usage: run.sh BUILD_DIR [SCRATCH_DIR]}" && pwd)
@@ -13,7 +14,7 @@ export ZORV_BUILD=$build
 
 if [ -n "${ZORV_PEERS:-}" ]; then
   "$ZORV_PEERS" run -d "$scratch" -o "$scratch/results.jsonl" -r "${ROUNDS:-1}" -t "${SECONDS_EACH:-1}" \
-    -S "${SUITE:-all}" -x "zorv=$here/peer.sh"
+    -S "${SUITE:-all}" -x "zorv=$here/peer.sh" -x "zorv-nosync=env ZORV_WRAP=eatmydata $here/peer.sh"
   "$ZORV_PEERS" report "$scratch/results.jsonl"
   exit 0
 fi
