@@ -122,6 +122,9 @@ int cowcopy(void* arg) {
     q.events.fetch_add(1);
     kernel::wake_up_all(&q.wait);
   }
+  // The host takes its time over this; here the tasks wait for it at the same time.
+  kernel::file_writes_free(c->writes);
+  c->writes = nullptr;
   return kernel::complete_and_exit(&c->done, 0);
 }
 
@@ -160,11 +163,9 @@ int start_task(int (*body)(void*), void* arg, const char* name, kernel::completi
 // Ends the other tasks.
 void stop_tasks(cow_worker* w) {
   w->stop.store(1);
-  for (cow_copier& c : w->copiers) {
-    kernel::wake_up(&c.wait);
-    kernel::wait_for_completion(&c.done);
-  }
+  for (cow_copier& c : w->copiers) kernel::wake_up(&c.wait);
   kernel::wake_up_all(&w->reads_wait);
+  for (cow_copier& c : w->copiers) kernel::wait_for_completion(&c.done);
   for (cow_reader& r : w->readers) kernel::wait_for_completion(&r.done);
   kernel::spin_guard guard(&w->filter->cowqueue.lock);
   while (cow_request* r = w->reads.front()) r->read_link.unlink();  // they are the queue's alone

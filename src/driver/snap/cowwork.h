@@ -6,8 +6,8 @@
 // the chunks that writes wait for, and picks out the snap reads that need COW data files. The
 // copying tasks copy chunks and sync, the reading tasks serve those reads. So while a copy is being
 // made, a sync runs or a file is read, nothing stands still that does not wait for just that. The
-// first collects only while a copying task is idle: what has come in by then is copied together. Of
-// copying tasks there are two, so that one reads and writes while the other syncs.
+// first collects only while a copying task is idle: what has come in by then is copied together.
+// There are several copying tasks so that one reads and writes while another syncs.
 //
 // The first task never trusts a look at the bitmap that it took before it owned the range in the
 // clone tracker, because bits are set beside it.
@@ -57,7 +57,7 @@ struct cow_copier {
   std::byte* pages = nullptr;             // group_bytes, page by page
   kernel::file_writes* writes = nullptr;  // of the COW data file
 };
-constexpr u32 nr_copiers = 2;
+constexpr u32 nr_copiers = 3;
 
 // A reading task. The first always reads; the others only while nothing is being copied, because
 // what they read would hold up the syncs that writes wait for.
