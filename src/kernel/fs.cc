@@ -32,7 +32,6 @@ int host_open_flags(u32 flags) {
   }
   if ((flags & FO_CREAT) != 0) host |= O_CREAT;
   if ((flags & FO_TRUNC) != 0) host |= O_TRUNC;
-  if ((flags & FO_SYNC) != 0) host |= O_SYNC;
   // A FIFO put where a file is expected must not hold the caller; regular files ignore the flag.
   return host | O_NONBLOCK;
 }
@@ -96,9 +95,7 @@ file* filp_open(const char* path, u32 flags, u32 mode) {
   file* f = knew<file>(GFP_KERNEL);
   if (f == nullptr) return err_ptr<file>(-ENOMEM);
   const int host = host_open_flags(flags);
-  // While recording, what stable storage holds is what the record says: the host need not sync.
-  int fd =
-      fs_is_recording() ? unsynced_open(path, host & ~O_SYNC, mode) : host_open(path, host, mode);
+  int fd = fs_is_recording() ? unsynced_open(path, host, mode) : host_open(path, host, mode);
   struct stat st;
   if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode)) {
     ::close(fd);
@@ -131,8 +128,10 @@ s64 vfs_read(file* f, void* buffer, std::size_t bytes, s64* pos) {
 }
 
 s64 file_pwrite(file* f, const void* buffer, std::size_t bytes, u64 offset) {
-  return fs_is_recording() ? unsynced_write(f->fd, buffer, bytes, offset, f->sync)
-                           : host_pwrite(f->fd, buffer, bytes, offset);
+  if (fs_is_recording()) return unsynced_write(f->fd, buffer, bytes, offset, f->sync);
+  const s64 n = host_pwrite(f->fd, buffer, bytes, offset);
+  const int rc = n > 0 && f->sync ? host_fsync(f->fd) : 0;
+  return rc != 0 ? rc : n;
 }
 
 s64 vfs_write(file* f, const void* buffer, std::size_t bytes, s64* pos) {
@@ -148,6 +147,8 @@ int vfs_fsync(file* f) {
   if (const int rc = fault_check(fault_site::file_sync); rc != 0) return rc;
   return fs_is_recording() ? unsynced_fsync(f->fd) : host_fsync(f->fd);
 }
+
+void vfs_defer_sync(file* f) { f->sync = false; }
 
 int vfs_empty(file* f) {
   might_sleep("vfs_empty");

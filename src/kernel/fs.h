@@ -93,6 +93,9 @@ void vfs_begin_write(file_writes* w, file* f, const void* buffer, std::size_t by
 //   returns  0 | the negative errno of a write that failed, of as many bytes as *failed_bytes says
 [[nodiscard]] int vfs_end_writes(file_writes* w, file* f, std::size_t* failed_bytes);
 [[nodiscard]] int vfs_fsync(file* f);
+// From now on what is written to a file opened with FO_SYNC waits for a vfs_fsync as in any other:
+// for whoever writes much before a sync of it all. Before others use the file.
+void vfs_defer_sync(file* f);
 [[nodiscard]] int vfs_empty(file* f);  // its length becomes 0
 [[nodiscard]] u64 file_size(file* f);  // bytes, from its inode
 // Whether a name leads to the file still: what is written to one without goes with its last handle.

@@ -246,6 +246,27 @@ TEST(power_cut, leaves_what_was_synced_of_a_file) {
   }
 }
 
+TEST(power_cut, takes_what_was_written_while_syncs_were_deferred) {
+  temp_dir dir;
+  const std::string path = dir / "file";
+  for (const bool synced_after : {false, true}) {
+    put_file(path, bytes(100, 1));
+    fault_record_unsynced_begin();
+    {
+      open_file f(path, FO_RDWR | FO_SYNC);
+      f.write(50, {3});
+      vfs_defer_sync(f.f);
+      f.write(0, {2});
+      if (synced_after) EXPECT_EQ(vfs_fsync(f.f), 0);
+      fault_power_cut();
+    }
+    fault_record_unsynced_end();
+    const bytes now = zorv_test::read_file(path);
+    EXPECT_EQ(now[0], synced_after ? 2 : 1);
+    EXPECT_EQ(now[50], 3);
+  }
+}
+
 TEST(power_cut, leaves_the_names_that_their_directory_had) {
   temp_dir dir;
   put_file(dir / "old", bytes(5000, 1));

@@ -13,8 +13,13 @@ namespace {
 
 constexpr const char* op = "zorv_ioctl_resume_snap";
 
+// The thread syncs every group of copies as a whole; a sync for every bit would hold up the writes
+// that wait for it.
 zorv_file* reopen(const char* path) {
-  return zorv_fopen(path, kernel::FO_RDWR | kernel::FO_SYNC | kernel::FO_LARGEFILE, 0600);
+  zorv_file* file =
+      zorv_fopen(path, kernel::FO_RDWR | kernel::FO_SYNC | kernel::FO_LARGEFILE, 0600);
+  if (file != nullptr) zorv_fdefer_sync(file);
+  return file;
 }
 
 //   returns  0 | -EIO | -ENOMEM | -EINVAL; what was set up stays for zorv_snap_close_files
