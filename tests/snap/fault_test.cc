@@ -90,6 +90,26 @@ TEST_F(fault_test, no_write_goes_without_its_copy_before_the_files_say_so) {
   EXPECT_FALSE(valid(snap));
 }
 
+TEST_F(fault_test, a_copy_that_is_still_being_made_does_not_make_an_emptied_file_long_again) {
+  const u32 snap = add_started_snap({.files = dir / "s"});
+  client c(filter);
+  disk.serve(memory_disk::serving::held);
+  auto failing = c.start_write(0, bytes(4096, 1));
+  EXPECT_TRUE(eventually([this] { return disk.held_count() == 1; }));
+  auto last = c.start_write(disk_bytes - 4096, bytes(4096, 2));
+  EXPECT_TRUE(eventually([this] { return disk.held_count() == 2; }));
+  disk.fail(0, 64 * KiB, memory_disk::direction::read, -EIO);
+  disk.serve(memory_disk::serving::at_once);
+  disk.release(0, -EIO);
+  EXPECT_TRUE(eventually([&] { return !valid(snap); }));
+  EXPECT_FALSE(eventually([&] { return std::filesystem::file_size(dir / "s.cow") == 0; }, 50));
+  EXPECT_FALSE(failing->done() || last->done());
+  disk.heal();
+  disk.release_all();
+  EXPECT_EQ(failing->wait() | last->wait(), 0);
+  EXPECT_EQ(std::filesystem::file_size(dir / "s.cow"), 0U);
+}
+
 TEST_F(fault_test, every_single_failure_of_a_start_or_a_copy_leaves_right_or_invalid_snaps) {
   for (const auto site : {fault_site::alloc, fault_site::file_open, fault_site::file_write,
                           fault_site::file_sync, fault_site::bio_read, fault_site::thread_create}) {

@@ -57,8 +57,9 @@ struct zorv_filter {
 
   zorv_cowthread cowthread;
   zorv_cowqueue cowqueue;
-  rzrwlock snap_rwlock;          // routing (read) against snap start and stop (write)
-  std::atomic<u32> inflight{0};  // requests that entered since it was last cleared
+  rzrwlock snap_rwlock;             // routing (read) against snap start and stop (write)
+  std::atomic<u32> inflight{0};     // requests that entered since it was last cleared
+  std::atomic<u32> cow_writing{0};  // tasks that write to COW data files
   // Invalidations under way: what waits for a copy goes without it only after they have ended.
   std::atomic<u32> invalidating{0};
   // Snap starts and resumes under way; the filter is not stopped meanwhile. Raised under dev_mutex.

@@ -137,6 +137,11 @@ void begin_writes(cow_copier* c, zorv_blkdev* t, const piece& p) {
 // Copies located pages. What the host has cached is on its way to the file as soon as it is read;
 // the rest is read all at once.
 void copy_slice(cow_copier* c, zorv_blkdev* t, u32 count) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+  // An invalidation that this task does not see now waits for it before it empties the file.
+  std::atomic<u32>& writing = c->worker->filter->cow_writing;
+  writing.fetch_add(1);
+  scope_exit written([&writing] { writing.fetch_sub(1); });
+  if (!snap_usable(t)) return;
   piece pieces[max_pieces];
   piece* in_flight[max_pieces];
   u32 nr_in_flight = 0;
@@ -160,6 +165,8 @@ void copy_slice(cow_copier* c, zorv_blkdev* t, u32 count) REQUIRES_SHARED(zorv_b
     finish(*in_flight[i]);
   }
   const int write_rc = zorv_fwrite_end(c->writes, t->s.cow_data_file);
+  written.cancel();
+  writing.fetch_sub(1);
   if (read_rc != 0 && snap_usable(t)) zorv_snap_invalidate(t, "cow_chunks");
   if (write_rc != 0 && snap_usable(t)) zorv_snap_invalidate(t, "write_cowed_page");
 }
@@ -202,6 +209,11 @@ void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
     if (s->started.load() == 0) continue;
     zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major, s->s.snap_minor);
     s->s.snap_valid.store(0);
+  }
+  // What is being written would make an emptied file long again.
+  while (f.cow_writing.load() != 0) kernel::yield();
+  for (zorv_blkdev* s = snap; s != nullptr; s = f.snaps.prev_of(s->s.snap_link)) {
+    if (s->started.load() == 0) continue;
     (void)zorv_ftruncate(s->s.cow_data_fname);
     rzread_guard files(&s->s.file_lock);
     zorv_snap_disown_files(s);  // whatever the name leads to by now
@@ -247,11 +259,6 @@ void cow_chunks(cow_copier* c) {
   std::sort(b.chunks, b.chunks + b.count);
 
   copy_pages(c, t);
-  if (t->s.snap_valid.load() == 0) {
-    // What was written after it became invalid may have made the emptied file look like more.
-    (void)zorv_fempty(t->s.cow_data_file);
-    return;
-  }
   if (!snap_usable(t)) return;
   if (sync_file(t->s.cow_data_file) != 0) {
     zorv_snap_invalidate(t, __func__);

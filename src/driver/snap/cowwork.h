@@ -131,6 +131,7 @@ class snap_invalidation {
 };
 
 // The snap and every older started one can no longer be trusted: marked so, their copies dropped.
+// Waits for the copying tasks' writes, so it is not for the middle of one's own.
 //   op  the operation that failed, for the message
 void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) REQUIRES_SHARED(zorv_blkdev_rwlock);
 
