@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // GET_DATABLOCK_BMP and TEST_DATABLOCK as an agent meets them, and what the map saves.
-#include <sys/stat.h>
-
 #include "driver/datablock/bits.h"
 #include "images.h"
 
@@ -45,11 +43,6 @@ class datablock_commands : public driver_test {
     zorv_test_datablock_req req{};
     zorv::copy_text_n(req.hdd_name, sizeof req.hdd_name, path.c_str());
     return command(ZORV_TEST_DATABLOCK, &req);
-  }
-  [[nodiscard]] u64 copied_bytes() const {
-    struct stat st {};
-    EXPECT_EQ(::stat((dir / "cow.data").c_str(), &st), 0);
-    return static_cast<u64>(st.st_blocks) * 512;
   }
 
   fs_image image;
@@ -115,24 +108,6 @@ TEST_F(datablock_commands, get_refusals) {
   ASSERT_EQ(stop(snap), 0);
   EXPECT_EQ(get(snap, chunk, &out, &size), -EINVAL);
   EXPECT_TRUE(log.has("has not been started yet"));
-}
-
-// What the map is for: free space is not copied aside, data is.
-TEST_F(datablock_commands, only_allocated_chunks_are_copied) {
-  make_image();
-  start_snap(disk->disk().path());
-  const bit_vector chunks = chunks_of(image, image.bytes, chunk);
-  const u64 empty_file = copied_bytes();  // its full length is claimed at the start
-  client writer(filter);
-  for (u64 c = 0; c < chunks.size(); ++c) {
-    if (!chunks[c]) ASSERT_EQ(writer.fill(c * chunk, chunk, 0xee), 0);
-  }
-  EXPECT_EQ(copied_bytes(), empty_file);
-  client reader(snap);
-  const bytes before = reader.get(0, chunk);
-  ASSERT_EQ(writer.fill(0, 4096, 0xee), 0);
-  EXPECT_GE(copied_bytes(), empty_file + chunk);
-  EXPECT_EQ(reader.get(0, chunk), before);
 }
 
 TEST_F(datablock_commands, self_test_command) {

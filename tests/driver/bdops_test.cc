@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Opening and closing nodes, commands of block devices, and the two queries.
+// Opening and closing nodes, commands of block devices.
 #include "driver/block/block.h"
 #include "driver/core/log.h"
 #include "kernel/module.h"
@@ -68,25 +68,4 @@ TEST_F(bdops_test, device_commands_go_to_the_hdd) {
   EXPECT_EQ(command(ZORV_GET_INFO, &req), -EINVAL);
   EXPECT_TRUE(log.has("zorv_ioctl_get_info(): Snap device zorv(100, 0) is not attached to a"));
   zorv_blkdev_arr[m]->dev_type = ZORV_DEV_FILTER;
-}
-
-TEST_F(bdops_test, the_list_gives_the_minors_of_one_type) {
-  memory_disk d1{"d1", 1 << 20}, d2{"d2", 1 << 20};
-  add_filter(disk.path(), {.minor = 255});
-  add_filter(d1.path(), {.minor = 5});
-  add_filter(d2.path());
-  zorv_device_list_req req{};
-  req.dev_type = ZORV_DEV_FILTER;
-  ASSERT_EQ(command(ZORV_GET_DEVICE_LIST, &req), 0);
-  EXPECT_EQ(std::vector<u32>(req.minors, req.minors + req.count), (std::vector<u32>{0, 5, 255}));
-  req.dev_type = ZORV_DEV_SNAP;
-  ASSERT_EQ(command(ZORV_GET_DEVICE_LIST, &req), 0);
-  EXPECT_EQ(req.count, 0U);
-  for (u32 bad : {0U, 3U}) {
-    req.dev_type = bad;
-    EXPECT_EQ(command(ZORV_GET_DEVICE_LIST, &req), -EINVAL);
-    EXPECT_TRUE(log.has("zorv_get_device_list_node(): Invalid device type 0x0" +
-                        std::to_string(bad) + " passed as input."));
-  }
-  unload();  // before the disks go
 }

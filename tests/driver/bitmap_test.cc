@@ -54,34 +54,6 @@ TEST_F(bitmap_test, a_write_marks_the_extents_it_touches) {
   }
 }
 
-TEST_F(bitmap_test, commands_change_their_bitmap_and_save_it) {
-  const u32 m = add_started_filter(disk.path());
-  log.clear();
-  const auto file_bits = [&](const char* suffix) {
-    const bytes file = read_file(dir / ("zorv0." + std::string(suffix)));
-    return file.size() == 16 + bmp_bytes ? bytes(file.begin() + 16, file.end()) : bytes{};
-  };
-  bytes a(bmp_bytes, 0x11);
-  bytes b(bmp_bytes, 0x42);
-  EXPECT_EQ(range(ZORV_SET_BMP, m, incr, &a), 0);
-  EXPECT_EQ(get_bmp(m, incr), a);
-  EXPECT_EQ(range(ZORV_MERGE_BMP, m, incr, &b), 0);
-  EXPECT_EQ(get_bmp(m, incr), bytes(bmp_bytes, 0x53));
-  EXPECT_EQ(file_bits("incr"), bytes(bmp_bytes, 0x53));
-  EXPECT_EQ(get_bmp(m, diff), bytes(bmp_bytes, 0)) << "the other bitmap is not touched";
-  EXPECT_EQ(range(ZORV_SET_BMP, m, diff, nullptr), 0);
-  EXPECT_EQ(get_bmp(m, diff), bytes(bmp_bytes, 0xFF));
-  EXPECT_EQ(file_bits("diff"), bytes(bmp_bytes, 0xFF));
-  EXPECT_EQ(get_bmp(m, diff, ZORV_GET_AND_CLR_BMP), bytes(bmp_bytes, 0xFF));
-  EXPECT_EQ(get_bmp(m, diff), bytes(bmp_bytes, 0));
-  EXPECT_EQ(file_bits("diff"), bytes(bmp_bytes, 0));
-  EXPECT_EQ(bmp(ZORV_CLR_BMP, m, incr), 0);
-  EXPECT_EQ(file_bits("incr"), bytes(bmp_bytes, 0));
-  EXPECT_EQ(dirty(m, incr) + dirty(m, diff), 0U);
-  EXPECT_EQ(log.count("Appending dirty request"), 0) << "no command queues a stale mark";
-  EXPECT_EQ(log.errors(), "");
-}
-
 TEST_F(bitmap_test, info_looks_only_at_the_extents) {
   const u32 m = add_started_filter(disk.path());
   const auto info_of = [&](u8 most, u8 last) {

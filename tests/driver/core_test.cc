@@ -80,34 +80,6 @@ TEST_F(lock_test, mutex_recurses_and_excludes) NO_THREAD_SAFETY_ANALYSIS {
   EXPECT_TRUE(entered);
 }
 
-TEST_F(lock_test, readers_and_writers_keep_a_counter_right) NO_THREAD_SAFETY_ANALYSIS {
-  rzrwlock l;
-  rzmutex m;
-  long under_lock = 0, under_mutex = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t]() NO_THREAD_SAFETY_ANALYSIS {
-      for (int i = 0; i < 2000; ++i) {
-        if ((i + t) % 3 == 0) {
-          rzwrite_lock(&l);
-          ++under_lock;
-          rzwrite_unlock(&l);
-        } else {
-          rzread_lock(&l);
-          EXPECT_GE(under_lock, 0);
-          rzread_unlock(&l);
-        }
-        rzmutex_lock(&m);
-        ++under_mutex;
-        rzmutex_unlock(&m);
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(under_mutex, 8000);
-  EXPECT_EQ(under_lock, 2667);
-}
-
 struct log_test : ::testing::Test {
   log_capture log;
   void TearDown() override { zorv_debug = 1; }

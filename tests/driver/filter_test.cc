@@ -25,27 +25,6 @@ struct filter_test : driver_test {
 
 }  // namespace
 
-TEST_F(filter_test, creation_fills_the_record_and_leaves_the_node_stopped) {
-  auto req = request({.bmp_dir = dir.path() + "///"});
-  ASSERT_EQ(command(ZORV_ADD_FILTER_NODE, &req), 0) << log.errors();
-  EXPECT_EQ(req.minor, 0);
-  EXPECT_STREQ(req.name, "zorv0");
-  ASSERT_EQ(std::string(req.uuid).size(), 38U);
-  EXPECT_EQ(req.uuid[0], '{');
-  EXPECT_EQ(req.uuid[9], '-');
-  const auto i = info(0);
-  EXPECT_EQ(i.dev_type, ZORV_DEV_FILTER);
-  EXPECT_EQ(i.dev_size, 1000000000U);
-  EXPECT_EQ(i.extent_cnt, 15259U);
-  EXPECT_EQ(i.incr_bmp_size, 1908U);
-  EXPECT_EQ(i.started, 0U);
-  EXPECT_EQ(std::string(i.incr_bmp_fname), dir / "zorv0.incr");
-  EXPECT_EQ(std::string(i.diff_bmp_fname), dir / "zorv0.diff");
-  EXPECT_EQ(i.incr_bmp_full, 1U) << "no file yet: everything counts as changed";
-  EXPECT_EQ(proc("zorv/zorv0/dev_name"), "/dev/zorv/zorv0\n");
-  EXPECT_EQ(kernel::namespace_find("/dev/zorv/zorv0"), kernel::mkdev(100, 0));
-}
-
 TEST_F(filter_test, every_refusal_says_why_and_changes_nothing) {
   write_file(dir / "file", {1, 2, 3});
   memory_disk small{"small", 1 << 20, /*block_bytes=*/1024};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// What becomes of a bio sent to a filter, and the order behind the stale mark.
+// What becomes of a bio sent to a filter that cannot be served.
 #include "support/driver_fixture.h"
 
 using namespace zorv;
@@ -12,21 +12,6 @@ struct request_test : driver_test {
 };
 
 }  // namespace
-
-TEST_F(request_test, writes_reach_the_hdd_and_mark_what_they_touch) {
-  const u32 m = add_started_filter(disk.path());
-  client c(m);
-  EXPECT_EQ(c.fill(127 * 512, 1024, 0xaa), 0);   // across the border of extents 0 and 1
-  EXPECT_EQ(c.fill(4 << 20, 3 << 20, 0xbb), 0);  // several bios
-  EXPECT_EQ(c.flush(), 0);                       // no data: marks nothing
-  std::vector<u32> want{0, 1};
-  for (u32 e = 64; e < 112; ++e) want.push_back(e);
-  EXPECT_EQ(changed(m, ZORV_BMP_INCREMENTAL), want);
-  EXPECT_EQ(changed(m, ZORV_BMP_DIFFERENTIAL), want);
-  EXPECT_EQ(c.get(127 * 512, 1024), bytes(1024, 0xaa));
-  EXPECT_EQ(c.get((7 << 20) - 4096, 8192)[0], 0xbb);
-  EXPECT_EQ(c.get((7 << 20), 4096), bytes(4096, 0));
-}
 
 TEST_F(request_test, requests_that_cannot_be_served_end_with_their_error) {
   const u32 m = add_started_filter(disk.path());

@@ -39,24 +39,6 @@ class nbd_clients : public ::testing::Test {
   std::unique_ptr<daemon_process> daemon;
 };
 
-TEST_F(nbd_clients, copy_in_compare_copy_out) {
-  const bytes content = [] {
-    bytes b(image_bytes);
-    u32 x = 1;
-    for (std::size_t i = 0; i < b.size(); i += 512)
-      b[i] = static_cast<u8>((x = x * 1103515245 + 12345) >> 16);
-    return b;
-  }();
-  write_file(dir / "source.raw", content);
-  run({"nbdcopy", "--flush", "--connections=4", "--requests=32", dir / "source.raw", uri()});
-  EXPECT_TRUE(read_file(dir / "vm.raw") == content);
-  run({"qemu-img", "compare", "-f", "raw", "-F", "raw", uri(), dir / "source.raw"});
-  run({"nbdcopy", "--connections=4", uri(), dir / "back.raw"});
-  EXPECT_TRUE(read_file(dir / "back.raw") == content);
-  run({"qemu-img", "convert", "-O", "qcow2", uri(), dir / "back.qcow2"});
-  run({"qemu-img", "compare", "-f", "raw", "-F", "qcow2", uri(), dir / "back.qcow2"});
-}
-
 TEST_F(nbd_clients, describe_and_map_the_export) {
   const auto info = nlohmann::json::parse(run({"nbdinfo", "--json", uri()}));
   const auto& e = info["exports"][0];

@@ -100,41 +100,6 @@ struct control_test : driver_test {
 
 }  // namespace
 
-TEST_F(control_test, commands_work_as_with_ioctl) {
-  serve();
-  const handle h = open();
-  ASSERT_NE(h, nullptr);
-  auto add = filter_request(disk.path(), {.bmp_dir = dir.path()});
-  ASSERT_EQ(zorv_ioctl(h.get(), ZORV_ADD_FILTER_NODE, &add), 0) << zorv_last_error(h.get());
-  EXPECT_EQ(add.minor, 0);
-  EXPECT_STREQ(add.name, "zorv0");
-  EXPECT_EQ(std::strlen(add.uuid), 38U);
-
-  const zorv_info_req mine = info(0);
-  zorv_info_req theirs{};
-  ASSERT_EQ(zorv_ioctl(h.get(), ZORV_GET_INFO, &theirs), 0);
-  EXPECT_EQ(std::memcmp(&mine, &theirs, sizeof mine), 0);
-
-  bytes put(32, 0);
-  put[3] = 0x81;
-  ASSERT_EQ(get(h.get(), ZORV_SET_BMP, &put), 0);
-  bytes got(32, 7);
-  ASSERT_EQ(get(h.get(), ZORV_GET_BMP, &got), 0);
-  EXPECT_EQ(got, put);
-  ASSERT_EQ(get(h.get(), ZORV_GET_AND_CLR_BMP, &got), 0);
-  EXPECT_EQ(got, put);
-  EXPECT_TRUE(changed(0, ZORV_BMP_INCREMENTAL).empty());
-
-  zorv_node_req nobody{.minor = 77};
-  EXPECT_EQ(zorv_ioctl(h.get(), ZORV_START_NODE, &nobody), -1);
-  EXPECT_EQ(errno, EINVAL);
-  u32 any = 0;
-  EXPECT_EQ(zorv_ioctl(h.get(), 0x4004c301, &any), -1);
-  EXPECT_EQ(errno, ENOTTY);
-  EXPECT_EQ(zorv_ioctl(h.get(), 0x40044320, &any), -1);
-  EXPECT_EQ(errno, ENOTTY);
-}
-
 TEST_F(control_test, bad_addresses_are_EFAULT_and_clear_nothing) {
   serve();
   const handle h = open();

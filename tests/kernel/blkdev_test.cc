@@ -153,41 +153,6 @@ TEST_F(blkdev_test, an_unplug_serves_everything_in_order_of_arrival) {
   EXPECT_EQ(disk.peek(2 << 20, 1)[0], 1);
 }
 
-TEST_F(blkdev_test, data_comes_back_from_wherever_and_whenever_it_was_written) {
-  disk.serve(memory_disk::serving::by_worker);
-  std::vector<std::thread> writers;
-  for (u8 t = 0; t < 4; ++t) {
-    writers.emplace_back([&, t] {
-      client mine(open_by_devnum(disk.dev(), FMODE_WRITE));
-      bytes data(70000 / 512 * 512);
-      std::iota(data.begin(), data.end(), t);
-      for (u64 i = 0; i < 20; ++i) {
-        const u64 at = (t * 20 + i) * 100352;
-        ASSERT_EQ(mine.write(at, data), 0);
-        ASSERT_EQ(mine.get(at, data.size()), data);
-      }
-    });
-  }
-  for (auto& w : writers) w.join();
-  EXPECT_EQ(disk.bdev()->bd_openers.load(), 1);
-}
-
-TEST_F(blkdev_test, a_power_cut_loses_what_was_not_flushed) {
-  ASSERT_EQ(c.fill(0, 16384, 1), 0);
-  disk.remember_unsynced();
-  ASSERT_EQ(c.fill(0, 4096, 2), 0);
-  ASSERT_EQ(c.flush(), 0);
-  ASSERT_EQ(c.fill(0, 12288, 3), 0);
-  ASSERT_EQ(c.write(4096, bytes(4096, 4), REQ_FUA), 0);
-  disk.power_cut([](u64 sector) { return sector == 16; });
-  EXPECT_EQ(c.fill(0, 512, 9), -EIO) << "the power is off";
-  disk.power_on();
-  EXPECT_EQ(disk.peek(0, 4096), bytes(4096, 2)) << "flushed";
-  EXPECT_EQ(disk.peek(4096, 4096), bytes(4096, 4)) << "forced through";
-  EXPECT_EQ(disk.peek(8192, 512), bytes(512, 3)) << "a lucky sector";
-  EXPECT_EQ(disk.peek(8704, 512), bytes(512, 1)) << "lost";
-}
-
 TEST_F(blkdev_test, a_freeze_waits_for_what_was_admitted_and_admits_nobody) {
   disk.serve(memory_disk::serving::held);
   auto before = c.start_write(0, bytes(4096, 1));

@@ -29,24 +29,6 @@ void in_threads(unsigned count, Body body) {
 
 }  // namespace
 
-TEST(spinlock, holders_exclude_each_other) {
-  spinlock_t lock;
-  u64 plain = 0;
-  std::atomic<unsigned> ready{0};
-  in_threads(4, [&](unsigned) {
-    ready.fetch_add(1);
-    while (ready.load() < 4) yield();
-    for (int i = 0; i < 100000; ++i) {
-      spin_guard guard(&lock);
-      const u64 seen = plain;
-      std::atomic_signal_fence(std::memory_order_seq_cst);  // a read, later a write
-      plain = seen + 1;
-    }
-  });
-  EXPECT_EQ(plain, 400000U);
-  EXPECT_EQ(current()->spin_depth, 0U);
-}
-
 TEST(sleeping_deathtest, is_a_bug_under_a_spin_lock_and_in_completion_context) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_DEATH(
@@ -132,26 +114,6 @@ TEST(completion, may_die_as_soon_as_its_waiter_goes_on) {
   completer.join();
 }
 
-TEST(semaphore, lets_in_as_many_as_it_counts) {
-  semaphore s;
-  sema_init(&s, 2);
-  std::atomic<int> inside{0}, most{0};
-  in_threads(4, [&](unsigned) {
-    for (int i = 0; i < 2000; ++i) {
-      down(&s);
-      const int n = inside.fetch_add(1) + 1;
-      int seen = most.load();
-      while (n > seen && !most.compare_exchange_weak(seen, n)) {
-      }
-      if (i % 16 == 0) yield();
-      inside.fetch_sub(1);
-      up(&s);
-    }
-  });
-  EXPECT_EQ(most.load(), 2);
-  EXPECT_EQ(inside.load(), 0);
-}
-
 TEST(clock, sleepers_notice_when_it_is_turned) {
   wait_queue_head q;
   EXPECT_FALSE(wait_event_timeout(
@@ -191,38 +153,4 @@ TEST(time_compare, survives_the_wrap) {
   constexpr u64 top = ~u64{0};
   static_assert(time_after(5, top) && !time_after(top, 5) && !time_after(7, 7));
   static_assert(time_after_eq(7, 7) && time_after_eq(5, top) && !time_after_eq(top, 5));
-}
-
-namespace {
-
-struct thread_report {
-  completion done;
-  s32 pid = 0;
-  char comm[64] = {};
-};
-
-int report_thread(void* arg) {
-  auto* r = static_cast<thread_report*>(arg);
-  daemonize("a name of a thread that is longer than what the host would keep of it");
-  r->pid = current()->pid;
-  std::memcpy(r->comm, current()->comm, sizeof(r->comm));
-  return complete_and_exit(&r->done, 0);
-}
-
-}  // namespace
-
-TEST(kernel_thread, has_a_name_and_an_id_and_ends_with_its_completion) {
-  for (int i = 0; i < 50; ++i) {
-    thread_report r;
-    const int pid = kernel_thread(report_thread, &r, clone_fs | clone_files | clone_sighand);
-    ASSERT_GT(pid, 0);
-    wait_for_completion(&r.done);
-    EXPECT_EQ(pid, r.pid);
-    EXPECT_STREQ(r.comm, "a name of a thread that is longer than what the host would keep");
-  }
-  join_exited_threads();
-  fault_arm(fault_site::thread_create, 1, 1, EAGAIN);
-  thread_report r;
-  EXPECT_EQ(kernel_thread(report_thread, &r, 0), -EAGAIN);
-  fault_disarm_all();
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Memory that can fail, pools that wait, and the fault switches.
+// Memory that can fail, and pools that wait.
 #include "kernel/mem.h"
 
 #include <gtest/gtest.h>
@@ -34,32 +34,6 @@ struct pool_test : mem_test {
 };
 
 }  // namespace
-
-TEST_F(mem_test, a_switch_fails_the_calls_it_was_set_to) {
-  fault_arm(fault_site::alloc, 2, 2, ENOMEM);
-  std::vector<bool> got;
-  for (int i = 0; i < 5; ++i) {
-    kbuf<u8> p(static_cast<u8*>(kmalloc(16, GFP_KERNEL)));
-    got.push_back(p != nullptr);
-  }
-  EXPECT_EQ(got, (std::vector<bool>{true, false, false, true, true}));
-  EXPECT_EQ(fault_calls(fault_site::alloc), 5U);
-  EXPECT_EQ(fault_check(fault_site::file_open), 0) << "other sites are not touched";
-
-  fault_arm(fault_site::alloc, 1, 0, ENOMEM);  // counts only
-  vbuf<u8>(static_cast<u8*>(vmalloc(1)));
-  EXPECT_EQ(fault_calls(fault_site::alloc), 1U);
-
-  fault_arm(fault_site::alloc, 1, -1, ENOMEM);
-  EXPECT_EQ(kmalloc(1, GFP_KERNEL), nullptr);
-  EXPECT_EQ(vzalloc(1), nullptr);
-  EXPECT_EQ(alloc_page(GFP_KERNEL), nullptr);
-  EXPECT_EQ(kmem_cache_create("none", 8, 8), nullptr);
-  EXPECT_EQ(alloc_disk(1), nullptr);
-  EXPECT_EQ(blk_alloc_queue(GFP_KERNEL), nullptr);
-  fault_disarm(fault_site::alloc);
-  EXPECT_EQ(fault_armed.load(), 0U);
-}
 
 TEST_F(mem_test, blocks_are_aligned_and_zeroed_as_promised) {
   for (std::size_t bytes : {std::size_t{1}, std::size_t{page_size} + 1, std::size_t{8} << 20}) {

@@ -39,29 +39,6 @@ struct procfs_test : ::testing::Test {
 
 }  // namespace
 
-TEST_F(procfs_test, lists_reads_and_writes_by_path) {
-  proc_dir_entry* dir = proc_mkdir("d", root);
-  ASSERT_NE(add("ro", 0444, dir), nullptr);
-  ASSERT_NE(add("rw", 0644, root), nullptr);
-  std::vector<proc_listing> list;
-  ASSERT_EQ(proc_list("t", &list), 0);
-  ASSERT_EQ(list.size(), 2U);
-  EXPECT_TRUE(list[0].name == "d" && list[0].directory);
-  EXPECT_TRUE(list[1].name == "rw" && !list[1].directory && list[1].mode == 0644);
-
-  std::string text;
-  EXPECT_EQ(proc_read("/t//d/ro", &text), 0);
-  EXPECT_EQ(text, "d/ro\n");
-  EXPECT_EQ(proc_read("t/d", &text), -EISDIR);
-  EXPECT_EQ(proc_read("t/x", &text), -ENOENT);
-  EXPECT_EQ(proc_list("t/rw", &list), -ENOTDIR);
-  EXPECT_EQ(proc_write("t/rw", "abc"), 3);
-  EXPECT_EQ(written, "abc");
-  EXPECT_EQ(proc_write("t/rw", ""), 0) << "an empty text reaches the handler";
-  EXPECT_EQ(proc_write("t/d/ro", "x"), -EACCES);
-  EXPECT_EQ(proc_write("t/d", "x"), -EISDIR);
-}
-
 TEST_F(procfs_test, a_name_is_taken_once_and_only_below_a_live_directory) {
   proc_dir_entry* dir = proc_mkdir("d", root);
   EXPECT_EQ(proc_mkdir("d", root), nullptr);

@@ -63,19 +63,3 @@ TEST(uaccess, without_a_caller_nothing_is_copied) {
   EXPECT_FALSE(access_ok((user_addr{1} << 47) - 8, 9));
   EXPECT_FALSE(access_ok(4, ~std::size_t{0}));
 }
-
-TEST(chrdev, majors_are_taken_once_and_found_by_name) {
-  const file_operations fops{.ioctl = [](inode* node, file*, u32 command, user_addr) {
-    return static_cast<int>(major_of(node->i_rdev) + command);
-  }};
-  const int any = register_chrdev_region(0, 0, 256, "t1", &fops);
-  ASSERT_GT(any, 0);
-  EXPECT_EQ(register_chrdev_region(static_cast<u32>(any), 255, 1, "t2", &fops), -EBUSY);
-  EXPECT_EQ(register_chrdev_region(static_cast<u32>(any), 256, 1, "t2", &fops), 0);
-  EXPECT_EQ(register_chrdev_region(4096, 0, 1, "t3", &fops), -EINVAL);
-  EXPECT_EQ(chrdev_ioctl("t1", 5, 0), any + 5);
-  EXPECT_EQ(chrdev_ioctl("t3", 5, 0), -ENODEV);
-  unregister_chrdev_region(static_cast<u32>(any), 0, 256, "t1");
-  unregister_chrdev_region(static_cast<u32>(any), 256, 1, "t2");
-  EXPECT_EQ(chrdev_find("t1", nullptr), nullptr);
-}

@@ -20,22 +20,6 @@ struct node_test : snap_test {
 
 }  // namespace
 
-TEST_F(node_test, what_was_asked_for_comes_back_with_what_was_chosen) {
-  auto req = snap_request({});
-  ASSERT_EQ(command(ZORV_ADD_SNAP_NODE, &req), 0) << log.errors();
-  EXPECT_EQ(req.snap_minor, 1);
-  EXPECT_STREQ(req.name, "zorv1");
-  EXPECT_EQ(std::string(req.uuid).size(), 38U);
-  EXPECT_NE(kernel::namespace_find("/dev/zorv/zorv1"), 0U);
-  const u32 named = add_snap({.minor = 77, .name = "backup", .uuid = "{u}"});
-  EXPECT_EQ(named, 77U);
-  EXPECT_EQ(kernel::namespace_find("/dev/zorv/backup"), kernel::mkdev(100, 77));
-  const auto i = info(77);
-  EXPECT_EQ(i.dev_type, ZORV_DEV_SNAP);
-  EXPECT_STREQ(i.uuid, "{u}");
-  EXPECT_EQ(proc("zorv/zorv0/snaps"), "1\n77\n") << "oldest first";
-}
-
 TEST_F(node_test, a_snap_that_cannot_be_is_refused_and_leaves_nothing) {
   add_snap({.minor = 9});
   const auto base = snap_request({});

@@ -154,9 +154,8 @@ bool any_copied(const zorv_filter* f, zorv_blkdev* snap, const cow_request* r) {
   return false;
 }
 
-decision decide_snap(pass* p, const cow_request* r, zorv_blkdev* snap)
+decision decide_snap(zorv_filter* f, const cow_request* r, zorv_blkdev* snap)
     REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  zorv_filter* f = p->w->filter;
   if (!any_copied(f, snap, r)) {
     kernel::bio* clone = tracked_clone(f, r);
     if (clone == nullptr) return {verdict::ended, -EIO};
@@ -188,7 +187,7 @@ decision decide(pass* p, cow_request* r, s32 snap_minor, bool overlaps_earlier)
     if (!snap_readable(snap)) return {verdict::ended, -EIO};
   }
   if (overlaps_earlier) return {verdict::keep};
-  return snap == nullptr ? decide_filter(p, r, snap_minor) : decide_snap(p, r, snap);
+  return snap == nullptr ? decide_filter(p, r, snap_minor) : decide_snap(p->w->filter, r, snap);
 }
 
 }  // namespace
