@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// The device that a path lives on, and reads of raw blocks.
+// Entries by path, the device that a path lives on, and reads of raw blocks.
 #include "driver/util/file.h"
 
 #include "kernel/fault.h"
@@ -27,6 +27,24 @@ struct file_test : ::testing::Test {
 };
 
 }  // namespace
+
+TEST_F(file_test, entries_are_found_by_absolute_path) {
+  write_file(path, {1});
+  ASSERT_EQ(::symlink(path.c_str(), (dir / "link").c_str()), 0);
+  EXPECT_EQ(kernel::ptr_err(zorv_get_file_dentry("file", 1)), -EINVAL);
+  EXPECT_TRUE(said("zorv_get_file_dentry(): Can't lookup file: must be an absolute path."));
+  EXPECT_EQ(zorv_get_file_dentry((dir / "none").c_str(), 1), nullptr);
+  EXPECT_EQ(zorv_get_file_dentry((dir / "none/below").c_str(), 1), nullptr);
+  EXPECT_EQ(kernel::ptr_err(zorv_get_file_dentry((path + "/below").c_str(), 1)), -ENOTDIR);
+  for (const int follow : {0, 1}) {
+    kernel::dentry* d = zorv_get_file_dentry((dir / "link").c_str(), follow);
+    ASSERT_FALSE(d == nullptr || kernel::is_err(d));
+    const bool regular = (d->d_inode()->i_mode & kernel::S_IFMT_) == kernel::S_IFREG_;
+    EXPECT_EQ(regular, follow == 1);
+    EXPECT_EQ(d->d_count, 1U);
+    kernel::dput(d);
+  }
+}
 
 TEST_F(file_test, a_path_that_is_not_there_yet_lives_where_its_nearest_ancestor_does) {
   write_file(path, {1});
