@@ -29,6 +29,24 @@ void in_threads(unsigned count, Body body) {
 
 }  // namespace
 
+TEST(spinlock, holders_exclude_each_other) {
+  spinlock_t lock;
+  u64 plain = 0;
+  std::atomic<unsigned> ready{0};
+  in_threads(4, [&](unsigned) {
+    ready.fetch_add(1);
+    while (ready.load() < 4) yield();
+    for (int i = 0; i < 100000; ++i) {
+      spin_guard guard(&lock);
+      const u64 seen = plain;
+      std::atomic_signal_fence(std::memory_order_seq_cst);  // a read, later a write
+      plain = seen + 1;
+    }
+  });
+  EXPECT_EQ(plain, 400000U);
+  EXPECT_EQ(current()->spin_depth, 0U);
+}
+
 TEST(sleeping_deathtest, is_a_bug_under_a_spin_lock_and_in_completion_context) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_DEATH(
