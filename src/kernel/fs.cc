@@ -32,6 +32,8 @@ int host_open_flags(u32 flags) {
   }
   if ((flags & FO_CREAT) != 0) host |= O_CREAT;
   if ((flags & FO_TRUNC) != 0) host |= O_TRUNC;
+  if ((flags & FO_EXCL) != 0) host |= O_EXCL;
+  if ((flags & FO_NOFOLLOW) != 0) host |= O_NOFOLLOW;
   // A FIFO put where a file is expected must not hold the caller; regular files ignore the flag.
   return host | O_NONBLOCK;
 }
@@ -150,12 +152,14 @@ int vfs_fsync(file* f) {
 
 void vfs_defer_sync(file* f) { f->sync = false; }
 
-int vfs_empty(file* f) {
-  might_sleep("vfs_empty");
+int vfs_truncate(file* f, u64 bytes) {
+  might_sleep("vfs_truncate");
   if (const int rc = fault_check(fault_site::file_write); rc != 0) return rc;
-  if (fs_is_recording()) return unsynced_empty(f->fd);
-  return ::ftruncate(f->fd, 0) == 0 ? 0 : -errno;
+  if (fs_is_recording()) return unsynced_truncate(f->fd, bytes);
+  return ::ftruncate(f->fd, static_cast<off_t>(bytes)) == 0 ? 0 : -errno;
 }
+
+int vfs_empty(file* f) { return vfs_truncate(f, 0); }
 
 u64 file_size(file* f) {
   struct stat st;

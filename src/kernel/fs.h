@@ -21,6 +21,8 @@ constexpr bool s_isblk(u32 mode) { return (mode & S_IFMT_) == S_IFBLK_; }
 
 constexpr u32 FO_RDONLY = 0, FO_WRONLY = 1, FO_RDWR = 2, FO_CREAT = 0x40, FO_TRUNC = 0x200,
               FO_SYNC = 0x1000, FO_LARGEFILE = 0x8000;
+constexpr u32 FO_EXCL = 0x80;         // with FO_CREAT: -EEXIST when the name is taken
+constexpr u32 FO_NOFOLLOW = 0x20000;  // -ELOOP when the last component is a symbolic link
 
 struct inode {
   u32 i_mode = 0;
@@ -100,6 +102,33 @@ void vfs_defer_sync(file* f);
 [[nodiscard]] u64 file_size(file* f);  // bytes, from its inode
 // Whether a name leads to the file still: what is written to one without goes with its last handle.
 [[nodiscard]] bool file_linked(file* f);
+[[nodiscard]] bool file_is_regular(file* f);
+[[nodiscard]] int vfs_truncate(file* f, u64 bytes);  // its length; 0 | negative errno
+
+// Which file of the host this is, whatever names lead to it. The time of birth tells it from a
+// later file that got its inode number; 0 where the host's file system keeps none.
+struct file_id {
+  u64 dev = 0;
+  u64 ino = 0;
+  s64 birth_ns = 0;
+  [[nodiscard]] bool valid() const { return ino != 0; }
+  // Births are compared where both are known.
+  bool operator==(const file_id& o) const {
+    return dev == o.dev && ino == o.ino &&
+           (birth_ns == o.birth_ns || birth_ns == 0 || o.birth_ns == 0);
+  }
+};
+[[nodiscard]] int file_identity(file* f, file_id* id);  // of an open file: 0 | negative errno
+// Of what the name leads to now; a symbolic link at its end is the link itself.
+//   returns  0 | -ENOENT | the look-up's error
+[[nodiscard]] int path_identity(const char* path, file_id* id);
+// Locks the whole file against every other open of it, of this process or another, until the handle
+// is closed. Does not wait.
+//   returns  0 | -EBUSY (somebody has it) | negative errno
+[[nodiscard]] int vfs_lock(file* f);
+// Removes the name as long as it leads to that very file; a link at its end is not followed.
+//   returns  0 | -ENOENT | -ESTALE (it leads to another file) | negative errno
+[[nodiscard]] int fs_unlink_file(const char* path, const file_id& id);
 [[nodiscard]] u64 file_allocated(const char* path);  // bytes the host has given it; 0 if missing
 // Syncs the directory that holds the path, so that a new name in it survives a power cut.
 [[nodiscard]] int fs_sync_parent(const char* path);

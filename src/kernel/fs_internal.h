@@ -33,7 +33,7 @@ inline bool fs_is_recording() { return fs_recording.load(std::memory_order_relax
 int unsynced_open(const char* path, int host_flags, u32 mode);  // a descriptor | negative errno
 s64 unsynced_write(int fd, const void* buffer, std::size_t bytes, u64 offset, bool synced);
 int unsynced_fsync(int fd);
-int unsynced_empty(int fd);
+int unsynced_truncate(int fd, u64 bytes);
 int unsynced_unlink(const char* path);
 int unsynced_sync_directory(const char* directory);
 

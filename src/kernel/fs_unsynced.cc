@@ -94,9 +94,9 @@ int save_pages(shadow_file* f, u64 offset, u64 bytes) {
   return 0;
 }
 
-// Saves every page that holds data; holes read as zeros after a truncation anyway.
-int save_all_pages(shadow_file* f) {
-  off_t data = 0;
+// Saves every page from there on that holds data; holes read as zeros after a truncation anyway.
+int save_data_pages(shadow_file* f, u64 from_bytes) {
+  auto data = static_cast<off_t>(from_bytes);
   while ((data = ::lseek(f->fd, data, SEEK_DATA)) >= 0) {
     const off_t hole = ::lseek(f->fd, data, SEEK_HOLE);
     if (hole < 0) return -errno;
@@ -128,12 +128,13 @@ int name_key_of(const char* path, name_key* key) {
   return 0;
 }
 
-int empty_locked(record* r, int fd) {
+// Saves every page that a shorter file loses, the one that is cut included.
+int truncate_locked(record* r, int fd, u64 bytes) {
   int rc = 0;
   shadow_file* f = shadow_of(r, fd, &rc);
   if (f == nullptr) return rc;
-  rc = save_all_pages(f);
-  return rc == 0 && ::ftruncate(fd, 0) != 0 ? -errno : rc;
+  rc = save_data_pages(f, bytes / page_size * page_size);
+  return rc == 0 && ::ftruncate(fd, static_cast<off_t>(bytes)) != 0 ? -errno : rc;
 }
 
 void restore_contents(const shadow_file& f) {
@@ -189,7 +190,7 @@ int unsynced_open(const char* path, int host_flags, u32 mode) {
     rc = name_key_of(path, &key);
     if (rc == 0) r.names.try_emplace(std::move(key), shadow_name{path, -1});
   } else if ((host_flags & O_TRUNC) != 0) {
-    rc = empty_locked(&r, fd);
+    rc = truncate_locked(&r, fd, 0);
   }
   if (rc == 0) return fd;
   ::close(fd);
@@ -210,10 +211,10 @@ s64 unsynced_write(int fd, const void* buffer, std::size_t bytes, u64 offset, bo
   return n;
 }
 
-int unsynced_empty(int fd) {
+int unsynced_truncate(int fd, u64 bytes) {
   record& r = the_record();
   const std::scoped_lock guard(r.lock);
-  return empty_locked(&r, fd);
+  return truncate_locked(&r, fd, bytes);
 }
 
 int unsynced_fsync(int fd) {

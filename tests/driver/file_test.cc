@@ -2,6 +2,8 @@
 // Entries by path, the device that a path lives on, and reads of raw blocks.
 #include "driver/util/file.h"
 
+#include <unistd.h>
+
 #include "kernel/fault.h"
 #include "support/driver_fixture.h"
 
@@ -100,4 +102,54 @@ TEST_F(file_test, blocks_are_read_one_after_the_other) {
   EXPECT_EQ(zorv_is_mounted(bdev), 1);
   zorv_close_bdev(bdev);
   EXPECT_EQ(zorv_open_bdev(kernel::mkdev(4000, 1), kernel::FMODE_READ), nullptr);
+}
+
+// A file is its owner's by what was opened: by whatever name somebody else comes, and in this
+// process or another.
+TEST_F(file_test, a_file_is_somebodys_by_any_name) {
+  write_file(path, {7, 7});
+  const std::string hard = dir / "hard", link = dir / "link", folder = dir / "folder";
+  ASSERT_EQ(::link(path.c_str(), hard.c_str()), 0);
+  ASSERT_EQ(::symlink(path.c_str(), link.c_str()), 0);
+  ASSERT_EQ(::symlink(dir.path().c_str(), folder.c_str()), 0);
+  const auto open_own = [](const std::string& name, kernel::file_claim* claim, zorv_file_ptr* out) {
+    zorv_file* file = nullptr;
+    const int rc = zorv_fopen_own(name.c_str(), kernel::FO_RDWR, "the second's file",
+                                  file_lock::exclusive, claim, &file);
+    out->reset(file);
+    return rc;
+  };
+  zorv_file* raw = nullptr;
+  kernel::file_claim mine;
+  ASSERT_EQ(zorv_fopen_own(path.c_str(), kernel::FO_RDWR, "the first's file", file_lock::exclusive,
+                           &mine, &raw),
+            0);
+  zorv_file_ptr first(raw);
+  kernel::file_claim other;
+  zorv_file_ptr second;
+  for (const std::string& name :
+       {path, hard, folder + "/file",
+        folder + "/../" + dir.path().substr(dir.path().rfind('/') + 1) + "/hard"}) {
+    EXPECT_EQ(open_own(name, &other, &second), -EBUSY) << name;
+    EXPECT_TRUE(log.has("can't be the second's file: it is the first's file")) << name;
+    log.clear();
+  }
+  EXPECT_EQ(open_own(link, &other, &second), -EINVAL);
+  EXPECT_EQ(open_own(dir / "none", &other, &second), -ENOENT);
+  EXPECT_EQ(open_own("/dev/null", &other, &second), -EINVAL);
+  // Without its claim the lock still tells, as it does to another process.
+  mine.reset();
+  EXPECT_EQ(open_own(hard, &other, &second), -EBUSY);
+  first.reset();
+  EXPECT_EQ(open_own(hard, &other, &second), 0);
+  EXPECT_EQ(read_file(path), (bytes{7, 7}));
+
+  // A name is removed only while it leads to that very file.
+  ASSERT_EQ(::rename(path.c_str(), (dir / "moved").c_str()), 0);
+  write_file(path, {8});
+  EXPECT_EQ(kernel::fs_unlink_file(path.c_str(), other.id()), -ESTALE);
+  EXPECT_EQ(kernel::fs_unlink_file(link.c_str(), other.id()), -ESTALE);
+  EXPECT_EQ(read_file(path), (bytes{8}));
+  EXPECT_EQ(kernel::fs_unlink_file((dir / "moved").c_str(), other.id()), 0);
+  EXPECT_EQ(kernel::fs_unlink_file((dir / "moved").c_str(), other.id()), -ENOENT);
 }

@@ -37,25 +37,86 @@ bool unusable(const zorv_file* file) {
   return file == nullptr || file->filp == nullptr || kernel::is_err(file->filp);
 }
 
+//   returns  0 | -ENOMEM (logged) | the open's error (not logged)
+int open_file(const char* path, u32 flags, u32 mode, zorv_file** out) {
+  auto* file = kernel::knew<zorv_file>(kernel::GFP_KERNEL);
+  if (file != nullptr) file->fname = copy_of(path);
+  if (file == nullptr || file->fname == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_fopen");
+    if (file != nullptr) free_handle(file);
+    return -ENOMEM;
+  }
+  file->filp = kernel::filp_open(path, flags, mode);
+  if (kernel::is_err(file->filp)) {
+    const int rc = kernel::ptr_err(file->filp);
+    free_handle(file);
+    return rc;
+  }
+  *out = file;
+  return 0;
+}
+
 }  // namespace
 
 zorv_file* zorv_fopen(const char* path, u32 flags, u32 mode) {
   assert(path != nullptr);
-  auto* file = kernel::knew<zorv_file>(kernel::GFP_KERNEL);
-  if (file != nullptr) file->fname = copy_of(path);
-  if (file == nullptr || file->fname == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
-    if (file != nullptr) free_handle(file);
-    return nullptr;
-  }
-  file->filp = kernel::filp_open(path, flags, mode);
-  if (kernel::is_err(file->filp)) {
+  zorv_file* file = nullptr;
+  const int rc = open_file(path, flags, mode, &file);
+  if (rc != 0 && rc != -ENOMEM) {
     zorv_log(LOG_ERROR, "%s(): Failed to open file %s for %s: errno=%d", __func__, path,
-             access_word(flags), kernel::ptr_err(file->filp));
-    free_handle(file);
-    return nullptr;
+             access_word(flags), rc);
   }
   return file;
+}
+
+namespace {
+
+int check_own(zorv_file* file, const char* owner, file_lock lock, kernel::file_claim* claim) {
+  if (!kernel::file_is_regular(file->filp)) {
+    zorv_log(LOG_ERROR, "%s(): %s is no regular file", "zorv_fopen_own", file->fname);
+    return -EINVAL;
+  }
+  kernel::file_id id;
+  int rc = kernel::file_identity(file->filp, &id);
+  if (rc != 0) {
+    zorv_log(LOG_ERROR, "%s(): Can't tell which file %s is: rc=%d", "zorv_fopen_own", file->fname,
+             rc);
+    return rc;
+  }
+  kernel::file_claim fresh;
+  char whose[kernel::file_claim::owner_bytes] = {};
+  const bool held = claim->held() && claim->id() == id;
+  if (!held && (rc = kernel::claim_file(id, owner, &fresh, &whose)) != 0) {
+    zorv_log(LOG_ERROR, "%s(): %s can't be %s: it is %s", "zorv_fopen_own", file->fname, owner,
+             whose);
+    return rc;
+  }
+  if (lock == file_lock::exclusive && (rc = kernel::vfs_lock(file->filp)) != 0) {
+    zorv_log(LOG_ERROR, "%s(): %s can't be %s: %s: rc=%d", "zorv_fopen_own", file->fname, owner,
+             rc == -EBUSY ? "another program has locked it" : "it can't be locked", rc);
+    return rc;
+  }
+  if (!held) *claim = std::move(fresh);
+  return 0;
+}
+
+}  // namespace
+
+int zorv_fopen_own(const char* path, u32 flags, const char* owner, file_lock lock,
+                   kernel::file_claim* claim, zorv_file** out) {
+  assert((flags & kernel::FO_TRUNC) == 0);
+  zorv_file* opened = nullptr;
+  int rc = open_file(path, flags | kernel::FO_NOFOLLOW, 0600, &opened);
+  if (rc != 0) {
+    if (rc == -ENOENT) return rc;
+    zorv_log(LOG_ERROR, "%s(): Failed to open file %s for %s: errno=%d%s", __func__, path,
+             access_word(flags), rc, rc == -ELOOP ? " (a symbolic link)" : "");
+    return rc == -ELOOP ? -EINVAL : rc;
+  }
+  zorv_file_ptr file(opened);
+  rc = check_own(file.get(), owner, lock, claim);
+  if (rc == 0) *out = file.release();
+  return rc;
 }
 
 int zorv_fclose(zorv_file* file) {

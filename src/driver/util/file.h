@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "driver/core/types.h"
+#include "kernel/claim.h"
 #include "kernel/fs.h"
 
 namespace zorv {
@@ -17,6 +18,18 @@ struct zorv_file {
 
 // The handle, or null (logged). Flags are kernel::FO_*; files are created with mode 0600.
 [[nodiscard]] zorv_file* zorv_fopen(const char* path, u32 flags, u32 mode);
+// Opens a file that is to be this caller's alone, without changing it: not through a link at the
+// path's end, regular files only, claimed in this process, and locked against other processes on
+// request. Only then may the caller truncate or write it.
+//   flags    FO_CREAT makes a missing file; FO_TRUNC is not for this
+//   owner    what the claim says to others: "zorv(100, 3)'s COW data file"
+//   claim    gets the claim; one that it holds on the very file stays
+//   returns  0 | -ENOENT | -EINVAL (a link, no regular file) | -EBUSY (somebody's) | an errno;
+//   logged
+//            except -ENOENT; *out is set and the claim taken only with 0
+enum class file_lock { none, exclusive };
+[[nodiscard]] int zorv_fopen_own(const char* path, u32 flags, const char* owner, file_lock lock,
+                                 kernel::file_claim* claim, zorv_file** out);
 int zorv_fclose(zorv_file* file);  // frees the handle; the close's result
 // Bytes moved or a negative errno. A write moves all or fails (-EIO on a short write); a read
 // returns fewer bytes at the end of the file (logged, no error).
