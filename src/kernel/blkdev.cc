@@ -225,6 +225,16 @@ void blkdev_put(block_device* bdev, fmode_t mode) {
   put_disk(disk);
 }
 
+int bdev_identity(block_device* bdev, char* text, std::size_t bytes) {
+  might_sleep("bdev_identity");
+  text[0] = 0;
+  const block_device_operations* ops = bdev->bd_disk->fops;
+  if (ops == nullptr || ops->identity == nullptr) return -ENODATA;
+  const int error = ops->identity(bdev, text, bytes);
+  if (error != 0) text[0] = 0;
+  return error;
+}
+
 int fsync_bdev(block_device* bdev) {
   might_sleep("fsync_bdev");
   const block_device_operations* ops = bdev->bd_disk->fops;

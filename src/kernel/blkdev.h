@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 
 #include "kernel/bio.h"
 #include "kernel/lock.h"
@@ -58,6 +59,7 @@ struct block_device_operations {
   int (*mounted)(block_device*);      // get_super: 1 when a file system on it is mounted
   int (*freeze)(block_device*);       // host file system on it, frozen before admission stops
   void (*thaw)(block_device*);
+  int (*identity)(block_device*, char* text, std::size_t bytes);  // bdev_identity; may be null
 };
 
 struct gendisk {
@@ -138,6 +140,15 @@ void blk_register_probe(blk_probe_fn fn);
 [[nodiscard]] block_device* open_by_devnum(devt dev, fmode_t mode);
 // Runs the disk's release entry and drops the opener. Blocks of a node go back before it returns.
 void blkdev_put(block_device* bdev, fmode_t mode);
+
+// A text that says which disk this is: the same for the same disk over restarts and reboots,
+// another for another, whatever number or name the host gives it today. The caller has the device
+// open.
+//   text     NUL-terminated; empty after an error
+//   context  may sleep: reads the host's files
+//   returns  0 | -ENODATA (nothing stable to name it by) | -ENAMETOOLONG (bytes are too few)
+constexpr std::size_t bdev_identity_bytes = 1024;  // room that every identity fits in
+[[nodiscard]] int bdev_identity(block_device* bdev, char* text, std::size_t bytes);
 
 int fsync_bdev(block_device* bdev);
 int invalidate_bdev(block_device* bdev);

@@ -67,7 +67,14 @@ const kernel::block_device_operations zorv_bdops = {
     .mounted = nullptr,
     .freeze = nullptr,
     .thaw = nullptr,
+    .identity = zorv_block_identity,
 };
+
+int zorv_block_identity(kernel::block_device* bdev, char* text, std::size_t bytes) {
+  const auto* dev = static_cast<const zorv_blkdev*>(bdev->bd_disk->private_data);
+  if (dev->dev_type != ZORV_DEV_FILTER) return -ENODATA;  // a snap's contents are no disk's
+  return kernel::bdev_identity(dev->f.hdd_bdev, text, bytes);
+}
 
 int zorv_block_open(kernel::block_device* bdev, kernel::fmode_t) {
   const u32 minor = kernel::minor_of(bdev->bd_dev);

@@ -11,6 +11,8 @@ extern const kernel::block_device_operations zorv_bdops;
 int zorv_block_open(kernel::block_device* bdev, kernel::fmode_t mode);
 int zorv_block_release(kernel::gendisk* disk, kernel::fmode_t mode);
 int zorv_block_ioctl(kernel::block_device* bdev, kernel::fmode_t mode, u32 command, u64 argument);
+// A filter's disk's. No lock: the caller has the node open, and so the record and its disk stay.
+int zorv_block_identity(kernel::block_device* bdev, char* text, std::size_t bytes);
 
 // Called with the table held; take the record's dev_mutex themselves.
 int zorv_block_start_device(zorv_blkdev* dev) REQUIRES_SHARED(zorv_blkdev_rwlock);

@@ -173,6 +173,7 @@ const kernel::block_device_operations host_bdops = {
     .mounted = host_mounted,
     .freeze = nullptr,
     .thaw = nullptr,
+    .identity = nullptr,
 };
 
 host_disk::~host_disk() {

@@ -114,6 +114,7 @@ const kernel::block_device_operations image_bdops = {
     .mounted = nullptr,
     .freeze = nullptr,
     .thaw = nullptr,
+    .identity = nullptr,
 };
 
 image::~image() {

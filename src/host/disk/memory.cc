@@ -82,6 +82,15 @@ struct memory_disk::entry_points {
   static int flush_cache(block_device* bdev) { return of(bdev->bd_disk)->flush(); }
   static int mounted(block_device* bdev) { return of(bdev->bd_disk)->mounted_.load() ? 1 : 0; }
 
+  static int identity(block_device* bdev, char* text, std::size_t bytes) {
+    memory_disk* self = of(bdev->bd_disk);
+    const std::lock_guard lock(self->lock_);
+    if (self->identity_.empty()) return -ENODATA;
+    if (self->identity_.size() >= bytes) return -ENAMETOOLONG;
+    std::memcpy(text, self->identity_.c_str(), self->identity_.size() + 1);
+    return 0;
+  }
+
   static constexpr kernel::block_device_operations operations{
       .open = nullptr,
       .release = nullptr,
@@ -91,11 +100,12 @@ struct memory_disk::entry_points {
       .mounted = mounted,
       .freeze = nullptr,
       .thaw = nullptr,
+      .identity = identity,
   };
 };
 
 memory_disk::memory_disk(const std::string& name, u64 size_bytes, u32 block_bytes)
-    : name_(name), path_("/dev/image/" + name) {
+    : name_(name), path_("/dev/image/" + name), identity_("memory:" + name) {
   static std::atomic<u32> next_minor{0};
   disk_ = kernel::alloc_disk(1);
   request_queue* q = disk_ == nullptr ? nullptr : kernel::blk_alloc_queue(kernel::GFP_KERNEL);
@@ -341,6 +351,11 @@ void memory_disk::release_all() {
     all.swap(held_);
   }
   for (bio* b : all) finish(b, 0);
+}
+
+void memory_disk::set_identity(const std::string& text) {
+  const std::lock_guard lock(lock_);
+  identity_ = text;
 }
 
 // ---- watching and failing ------------------------------------------------------------------

@@ -87,6 +87,9 @@ class memory_disk {
   void power_on();
 
   // ---- as a block device ----
+  // What bdev_identity says from now on; empty: nothing. "memory:NAME" to begin with, so two disks
+  // made under one name, one after the other, pass for the same.
+  void set_identity(const std::string& text);
   void set_mounted(bool on) { mounted_.store(on); }
   void set_ioctl_result(int result) { ioctl_result_.store(result); }
   [[nodiscard]] std::vector<std::pair<kernel::u32, kernel::u64>> ioctls();  // command, argument
@@ -123,6 +126,7 @@ class memory_disk {
   std::atomic<kernel::u64> reads_{0}, writes_{0}, flushes_{0}, unplugs_{0};
 
   std::mutex lock_;  // everything below; never held across bio_endio
+  std::string identity_;
   std::unordered_map<kernel::u64, std::unique_ptr<kernel::u8[]>> chunks_;
   std::unordered_map<kernel::u64, sector_bytes> stable_;  // sectors not synced: what is stable
   bool remembering_ = false;
