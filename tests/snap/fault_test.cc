@@ -66,6 +66,45 @@ TEST_F(fault_test, a_failed_copy_invalidates_the_snap_and_the_older_ones_and_the
   }
 }
 
+TEST_F(fault_test, a_read_that_its_snap_does_not_outlive_does_not_succeed_with_newer_data) {
+  const auto invalidate = [this](client& c) {
+    disk.fail(MiB, 4096, memory_disk::direction::read, -EIO);
+    EXPECT_EQ(c.fill(MiB, 4096, 1), 0);
+    disk.heal();
+  };
+  for (const u32 moment : {0U, 1U}) {  // when the older one, when the newer one goes
+    disk.poke(0, pattern(0, disk_bytes));
+    const u32 snaps[] = {add_started_snap(), add_started_snap()};
+    client c(filter), older(snaps[0]);
+    EXPECT_EQ(c.fill(0, 4096, 1), 0);  // copied for the newer one
+    {
+      at_log_line hook(line("Invalidating snap device zorv(100, %u)", snaps[moment]), [&] {
+        bytes out;
+        EXPECT_TRUE(older.read(0, 4096, &out) == -EIO || out == pattern(0, 4096)) << moment;
+      });
+      invalidate(c);
+    }
+    older.close();
+    for (const u32 snap : snaps) EXPECT_EQ(del(snap), 0);
+  }
+  // One that waits for its turn at the disk, its look-ups done.
+  const u32 snap = add_started_snap();
+  client c(filter), s(snap);
+  EXPECT_EQ(c.fill(0, 4096, 1), 0);
+  disk.serve(memory_disk::serving::held);
+  auto in_the_way = c.start_read(64 * KiB, 4096);
+  auto read = s.start_read(0, 128 * KiB);
+  auto write = c.start_write(MiB, bytes(4096, 2));
+  EXPECT_TRUE(eventually([this] { return disk.held_count() == 2; }));
+  disk.fail(MiB, 4096, memory_disk::direction::read, -EIO);
+  disk.serve(memory_disk::serving::at_once);
+  disk.release(1, -EIO);
+  EXPECT_TRUE(eventually([&] { return !valid(snap); }));
+  disk.release_all();
+  EXPECT_EQ(in_the_way->wait() | write->wait(), 0);
+  EXPECT_EQ(read->wait(), -EIO);
+}
+
 TEST_F(fault_test, no_write_goes_without_its_copy_before_the_files_say_so) {
   const u32 snap = add_started_snap({.files = dir / "s"});
   client c(filter);

@@ -49,6 +49,17 @@ bool copied_in_or_after(const zorv_filter& f, zorv_blkdev* snap, chunk_range r) 
   return false;
 }
 
+bool readable(const zorv_blkdev* snap) {
+  return snap->s.snap_valid.load() == 1 && snap->s.stop_pending.load() == 0;
+}
+
+int unreadable(const zorv_blkdev* snap) {
+  zorv_log(LOG_ERROR,
+           "%s(): I/O request for zorv(%d, %d), which is in STOP_PENDING state or INVALID.",
+           "zorv_make_request", zorv_blk_major, snap->minor);
+  return -EIO;
+}
+
 int route_snap(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
   zorv_blkdev* filter = dev->s.filter;
   if (filter == nullptr || filter->dev_type != ZORV_DEV_FILTER) {
@@ -56,12 +67,7 @@ int route_snap(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
              "zorv_make_request", zorv_blk_major, dev->minor);
     return -EINVAL;
   }
-  if (dev->s.snap_valid.load() != 1 || dev->s.stop_pending.load() != 0) {
-    zorv_log(LOG_ERROR,
-             "%s(): I/O request for zorv(%d, %d), which is in STOP_PENDING state or INVALID.",
-             "zorv_make_request", zorv_blk_major, dev->minor);
-    return -EIO;
-  }
+  if (!readable(dev)) return unreadable(dev);
   if (kernel::bio_is_write(bio)) {
     zorv_log(LOG_ERROR, "%s(): Write request to snap zorv(%d, %d)", "zorv_make_request",
              zorv_blk_major, dev->minor);
@@ -80,6 +86,12 @@ int route_snap(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
       copied_in_or_after(f, dev, chunks_of(bio, dev->s.chunk_shift))) {
     kernel::bio_put(clone);  // first: once queued, the bio may end at any time
     return queue_req(&f, bio, flags);
+  }
+  // Invalid since: a snap whose copies it needs may have been passed over. Writes that go without
+  // a copy wait for this clone as any other, so what it reads stays right from here on.
+  if (!readable(dev)) {
+    kernel::bio_put(clone);
+    return unreadable(dev);
   }
   pass_on(clone, f.hdd_bdev);
   return 0;

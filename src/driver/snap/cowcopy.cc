@@ -205,10 +205,15 @@ snap_invalidation::~snap_invalidation() {
 void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
   zorv_filter& f = snap->s.filter->f;
   const snap_invalidation guard(&f);
-  for (zorv_blkdev* s = snap; s != nullptr; s = f.snaps.prev_of(s->s.snap_link)) {
-    if (s->started.load() == 0) continue;
-    zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major, s->s.snap_minor);
-    s->s.snap_valid.store(0);
+  // The oldest first: a read that takes a newer snap for one without the chunk, because that is
+  // invalid, finds its own snap invalid when it looks again before it ends.
+  for (zorv_blkdev* s = f.snaps.front(); s != nullptr; s = f.snaps.next_of(s->s.snap_link)) {
+    if (s->started.load() != 0) {
+      zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major,
+               s->s.snap_minor);
+      s->s.snap_valid.store(0);
+    }
+    if (s == snap) break;
   }
   // What is being written would make an emptied file long again.
   while (f.cow_writing.load() != 0) kernel::yield();

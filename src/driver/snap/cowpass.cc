@@ -161,8 +161,11 @@ decision decide_snap(zorv_filter* f, const cow_request* r, zorv_blkdev* snap)
     if (clone == nullptr) return {verdict::ended, -EIO};
     // From here on no write to the range reaches the HDD before the read, so what is not copied
     // now is still there.
-    if (!any_copied(f, snap, r)) return send(f, clone);
+    const bool on_disk = !any_copied(f, snap, r);
+    const bool valid = snap_readable(snap);  // after the look: it may have passed over a lost copy
+    if (on_disk && valid) return send(f, clone);
     kernel::bio_put(clone);
+    if (!valid) return {verdict::ended, -EIO};
   }
   return {verdict::read_files};
 }

@@ -178,7 +178,8 @@ int serve(cow_reader* reader, const cow_request* r) REQUIRES_SHARED(zorv_blkdev_
     r->bio->bi_idx = first_segment;
     rc = serve_once(reader, snap, r->bio);
   } while (rc == -EAGAIN);
-  return rc;
+  // What a newer snap has lost since then was taken from the disk, too late perhaps.
+  return rc == 0 && !snap_readable(snap) ? -EIO : rc;
 }
 
 // The oldest read that no reading task has begun, or null.
