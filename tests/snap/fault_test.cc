@@ -105,6 +105,21 @@ TEST_F(fault_test, a_read_that_its_snap_does_not_outlive_does_not_succeed_with_n
   EXPECT_EQ(read->wait(), -EIO);
 }
 
+TEST_F(fault_test, without_its_thread_a_resumed_snap_holds_up_neither_a_write_nor_a_stop) {
+  const u32 snap = add_started_snap();
+  EXPECT_EQ(stop(filter) | start(filter), 0);
+  kernel::fault_arm(fault_site::thread_create, 1, -1, EAGAIN);
+  client c(filter);
+  std::unique_ptr<pending_io> write;
+  {
+    at_log_line hook("Invalidating snap device", [&] { write = c.start_write(0, bytes(512, 1)); });
+    EXPECT_EQ(resume(snap), 0);
+  }
+  EXPECT_EQ(write->wait(), 0);
+  c.close();
+  EXPECT_EQ(stop(snap) | stop(filter), 0);
+}
+
 TEST_F(fault_test, no_write_goes_without_its_copy_before_the_files_say_so) {
   const u32 snap = add_started_snap({.files = dir / "s"});
   client c(filter);

@@ -100,9 +100,10 @@ int route_snap(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
 // Whether the write has to wait for the COW thread: the started snaps are asked from the newest
 // to the oldest until one decides.
 bool must_hold(const zorv_filter& f, const kernel::bio* bio) {
+  const bool served = f.cowthread.pid.load() != 0;  // without a thread no snap is valid
   for (zorv_blkdev* t = f.snaps.back(); t != nullptr; t = f.snaps.prev_of(t->s.snap_link)) {
     if (t->started.load() == 0) continue;
-    if (t->s.snap_valid.load() == 0) return f.invalidating.load() != 0;
+    if (t->s.snap_valid.load() == 0) return f.invalidating.load() != 0 && served;
     const chunk_range r = chunks_of(bio, t->s.chunk_shift);
     u64 copied = 0;
     bool allocated = false;
@@ -176,6 +177,7 @@ outcome route(kernel::bio* bio, gfp_t flags, bool wait_for_marks) {
 }  // namespace
 
 int queue_req(zorv_filter* f, kernel::bio* bio, gfp_t flags) {
+  if (f->cowthread.pid.load() == 0) return -ENOMEM;  // no clone, and nobody who would make one
   s32 snap_minor = -1;
   for (zorv_blkdev* t = f->snaps.back(); t != nullptr; t = f->snaps.prev_of(t->s.snap_link)) {
     if (t->started.load() != 0) {
