@@ -49,7 +49,9 @@ TEST_F(fault_test, a_failed_copy_invalidates_the_snap_and_the_older_ones_and_the
     client c(filter);
     log.clear();
     t.spoil();
+    const auto reads = disk.reads();
     EXPECT_EQ(c.fill(MiB, 4096, 1), 0) << t.what;
+    EXPECT_LE(disk.reads() - reads, 6U) << "the bad block of 16 is found by halves";
     kernel::fault_disarm_all();
     disk.heal();
     EXPECT_TRUE(log.has(t.said)) << t.what << "\n" << log.errors();
