@@ -68,6 +68,28 @@ TEST_F(cow_test, a_write_waits_for_a_bit_that_is_set_but_not_yet_on_stable_stora
   EXPECT_EQ(io->wait(), 0);
 }
 
+TEST_F(cow_test, a_batch_of_an_earlier_life_of_its_snap_is_not_copied) {
+  const u32 snap = add_started_snap({.files = dir / "s"});
+  zorv_snap& s = zorv_blkdev_arr[snap]->s;
+  auto w = std::make_unique<cow_worker>();
+  w->filter = &zorv_blkdev_arr[filter]->f;
+  cow_copier& copier = w->copiers[0];
+  copier.worker = w.get();
+  copier.batch.snap_minor = static_cast<s32>(snap);
+  copier.batch.life = s.life.load();
+  copier.batch.chunks[copier.batch.count++] = 5;
+  EXPECT_EQ(stop(snap) | start(snap), 0);
+  ASSERT_EQ(zorv_cowbmp_begin_copy(&s.cowbmp, 5, kernel::GFP_NOIO), 0);  // the present life's
+  const auto reads = disk.reads();
+  {
+    table_read_guard table;
+    cow_chunks(&copier);
+  }
+  EXPECT_EQ(disk.reads(), reads);
+  EXPECT_EQ(zorv_cowbmp_state(&s.cowbmp, 5), chunk_state::on_its_way);
+  zorv_cowbmp_end_copy(&s.cowbmp, 5);
+}
+
 TEST_F(cow_test, every_pass_copies_one_chunk_of_each_write) {
   const u32 snap = add_started_snap();
   log_detail();

@@ -89,6 +89,9 @@ struct zorv_snap {
   u64 cow_data_size = 0;            // bytes
   u32 cow_bmp_size = 0;             // bytes
   std::atomic<u32> has_instant{0};  // has been started or resumed since it was created
+  // Counts starts, resumes and stops: what was begun in another life is not carried on. Changed
+  // under file_lock (write).
+  std::atomic<u32> life{0};
   std::atomic<u32> snap_valid{0};
   std::atomic<u32> stop_pending{0};
   std::atomic<u32> del_pending{0};

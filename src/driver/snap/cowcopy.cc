@@ -259,13 +259,8 @@ void cow_chunks(cow_copier* c) {
   zorv_blkdev* t = cow_find_snap(c->worker->filter, b.snap_minor);
   if (t == nullptr || !snap_usable(t)) return;
   rzread_guard files(&t->s.file_lock);  // its files stay open; a stop waits here
-  if (!snap_usable(t)) return;
+  if (!snap_usable(t) || t->s.life.load() != b.life) return;
   log_groups(c, t->s);
-  // Should the snap have been stopped and started again since, nothing is on its way in it.
-  const auto gone = [t](s32 chunk) {
-    return zorv_cowbmp_state(&t->s.cowbmp, chunk) != chunk_state::on_its_way;
-  };
-  b.count = static_cast<u32>(std::remove_if(b.chunks, b.chunks + b.count, gone) - b.chunks);
   std::sort(b.chunks, b.chunks + b.count);
 
   copy_pages(c, t);

@@ -60,6 +60,7 @@ decision forward(zorv_filter* f, const cow_request* r) {
 // What has to happen before a write may go.
 struct need {
   zorv_blkdev* snap = nullptr;  // null: nothing
+  u32 life = 0;                 // of it
   s32 chunk = -1;               // the first chunk that is missing; -1: all are on their way
   bool more = false;            // that is not the only one
 };
@@ -74,6 +75,7 @@ need needs_of(zorv_blkdev* snap, const cow_request* r) {
     const chunk_state state = zorv_cowbmp_state(&snap->s.cowbmp, static_cast<s32>(c));
     if (state == chunk_state::copied) continue;
     n.snap = snap;
+    n.life = snap->s.life.load();
     if (state == chunk_state::on_its_way) continue;
     if (n.chunk >= 0) {
       n.more = true;
@@ -109,21 +111,30 @@ struct pass {
   pass_result result;
 };
 
+// Puts the chunk on its way, in the life in which it was found missing.
+//   returns  0 | -ESTALE (that life has ended) | begin_copy's failure
+int begin_copy(const need& n) {
+  rzread_guard files(&n.snap->s.file_lock);
+  if (n.snap->s.life.load() != n.life) return -ESTALE;
+  return zorv_cowbmp_begin_copy(&n.snap->s.cowbmp, n.chunk, kernel::GFP_NOIO);
+}
+
 // Adds the chunk to the group, or invalidates its snap.
 decision add_to_group(pass* p, const need& n) REQUIRES_SHARED(zorv_blkdev_rwlock) {
   cow_batch& b = *p->batch;
   if (b.count == 0) {
     b.snap_minor = static_cast<s32>(n.snap->s.snap_minor);
+    b.life = n.life;
     // A chunk larger than a group is a group of its own, copied piece by piece.
     const u32 fits = group_bytes >> n.snap->s.chunk_shift;
     b.capacity = fits != 0 ? fits : 1;
-  } else if (b.snap_minor != static_cast<s32>(n.snap->s.snap_minor)) {
+  } else if (b.snap_minor != static_cast<s32>(n.snap->s.snap_minor) || b.life != n.life) {
     return {verdict::end_pass};
   }
-  if (zorv_cowbmp_begin_copy(&n.snap->s.cowbmp, n.chunk, kernel::GFP_NOIO) != 0) {
-    zorv_snap_invalidate(n.snap, op);
-    return {verdict::keep};
-  }
+  const int rc = begin_copy(n);
+  if (rc == -ESTALE) p->w->filter->cowqueue.events.fetch_add(1);  // another pass looks anew
+  if (rc != 0 && rc != -ESTALE) zorv_snap_invalidate(n.snap, op);
+  if (rc != 0) return {verdict::keep};
   b.chunks[b.count++] = n.chunk;
   if (n.more) ++p->result.more;
   return {b.count >= b.capacity ? verdict::end_pass : verdict::keep};

@@ -25,6 +25,7 @@ constexpr u32 group_max_chunks = group_pages;
 // copied and synced together, four mebibytes at most. A larger chunk is a batch of its own.
 struct cow_batch {
   s32 snap_minor = -1;
+  u32 life = 0;      // of the snap, when the chunks were collected
   u32 capacity = 0;  // chunks; of a group, and of all
   u32 count = 0;
   u32 groups = 0;

@@ -25,6 +25,7 @@ zorv_file* reopen(const char* path) {
 //   returns  0 | -EIO | -ENOMEM | -EINVAL; what was set up stays for zorv_snap_close_files
 int reopen_files(zorv_blkdev* snap) {
   zorv_snap& s = snap->s;
+  s.life.fetch_add(1);
   s.cow_data_file = reopen(s.cow_data_fname);
   if (s.cow_data_file == nullptr) return -EIO;
   int rc = zorv_cowbmp_init(&s.cowbmp, s.chunk_cnt);

@@ -65,6 +65,7 @@ void close_file(zorv_file** file) {
 
 int zorv_snap_open_files(zorv_blkdev* snap) {
   zorv_snap& s = snap->s;
+  s.life.fetch_add(1);
   int rc = refuse_shared_files(snap);
   if (rc != 0) return rc;
   s.cow_data_file = create_file(s.cow_data_fname, s.cow_data_size);
@@ -85,6 +86,7 @@ void zorv_snap_disown_files(zorv_blkdev* snap) {
 
 void zorv_snap_close_files(zorv_blkdev* snap) {
   zorv_snap& s = snap->s;
+  s.life.fetch_add(1);
   (void)zorv_cowbmp_destroy(&s.cowbmp);
   close_file(&s.cow_data_file);
   close_file(&s.cow_bmp_file);
