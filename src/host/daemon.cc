@@ -18,10 +18,10 @@
 #include "driver/core/blkdev.h"
 #include "driver/core/module.h"
 #include "host/control/server.h"
-#include "host/control/unix_socket.h"
 #include "host/disk/disk.h"
 #include "host/log.h"
 #include "host/nbd/server.h"
+#include "host/unix_socket.h"
 #include "kernel/module.h"
 #include "kernel/printk.h"
 #include "kernel/task.h"
@@ -35,16 +35,52 @@ bool fail(const std::string& text) {
 }
 
 // The signals that end the daemon, blocked everywhere and waited for in one place. A peer that
-// hangs up and a file at its size limit are errors of one call, not of the process.
+// hangs up and a file at its size limit are errors of one call, not of the process; of the others,
+// none that would end it without a save does.
 sigset_t take_signals() {
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
+  for (const int number : {SIGPIPE, SIGXFSZ, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO,
+                           SIGPWR, SIGSTKFLT}) {
+    std::signal(number, SIG_IGN);
+  }
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGINT);
+  for (const int number : {SIGTERM, SIGINT, SIGQUIT, SIGHUP}) sigaddset(&set, number);
+  // Who starts it under nohup(1) wants it to outlive the terminal.
+  struct sigaction hangup {};
+  if (::sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler == SIG_IGN) {
+    sigdelset(&set, SIGHUP);
+  }
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   return set;
+}
+
+// Whoever may change the directory could put his own sockets in the place of ours.
+bool check_run_dir(const std::string& dir) {
+  struct stat st {};
+  if (::stat(dir.c_str(), &st) != 0) {
+    return fail("cannot use the run directory " + dir + ": " + std::strerror(errno));
+  }
+  if (st.st_uid != ::geteuid() && st.st_uid != 0) {
+    return fail("the run directory " + dir + " belongs to somebody else");
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return fail("others may write to the run directory " + dir + ": chmod go-w it");
+  }
+  return true;
+}
+
+// The lock file, which is ours and nobody else's by another name, or nothing.
+unique_fd open_lock(const std::string& path) {
+  unique_fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+  struct stat st {};
+  if (!fd) {
+    fail("cannot open " + path + ": " + std::strerror(errno));
+  } else if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 ||
+             st.st_uid != ::geteuid()) {
+    fail(path + " is in the way: it is no lock file of this user");
+    fd.reset();
+  }
+  return fd;
 }
 
 // The run directory, ours alone: one daemon per directory, told apart by a lock that dies with
@@ -53,9 +89,10 @@ bool claim_run_dir(const std::string& dir, unique_fd* lock) {
   std::error_code error;
   std::filesystem::create_directories(dir, error);
   if (error) return fail("cannot make the run directory " + dir + ": " + error.message());
+  if (!check_run_dir(dir)) return false;
   const std::string path = dir + "/zorvd.lock";
-  *lock = unique_fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!*lock) return fail("cannot use the run directory " + dir + ": " + std::strerror(errno));
+  *lock = open_lock(path);
+  if (!*lock) return false;
   if (::flock(lock->get(), LOCK_EX | LOCK_NB) != 0) {
     char pid[32] = {};
     std::string holder = "another zorvd";
@@ -153,11 +190,7 @@ int services::stop() {
   return rc;
 }
 
-}  // namespace
-
-int run_daemon(const daemon_options& given) {
-  const sigset_t signals = take_signals();
-  kernel::set_printk_sink(host_log_sink);
+int serve(const daemon_options& given, const sigset_t& signals) {
   // What the driver writes holds disk contents: nobody else's to read.
   ::umask(0077);
   daemon_options options = given;
@@ -173,11 +206,19 @@ int run_daemon(const daemon_options& given) {
     int signal = 0;
     while (sigwait(&signals, &signal) != 0) {
     }
-    host_log(log_level::info, std::string(signal == SIGINT ? "SIGINT" : "SIGTERM") + ": stopping");
+    host_log(log_level::info, std::string("SIG") + ::sigabbrev_np(signal) + ": stopping");
   }
   const int rc = all.stop();
   if (serving && rc == 0) host_log(log_level::info, "stopped");
   return serving && rc == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int run_daemon(const daemon_options& given) {
+  const sigset_t signals = take_signals();
+  kernel::set_printk_sink(host_log_sink);
+  return serve(given, signals);
 }
 
 }  // namespace zorv

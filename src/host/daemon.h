@@ -6,8 +6,8 @@
 
 namespace zorv {
 
-// Runs until SIGTERM or SIGINT. To be called before any thread is started: the signals are blocked
-// for all of them.
+// Runs until SIGTERM, SIGINT, SIGHUP or SIGQUIT. To be called before any thread is started: the
+// signals are blocked for all of them.
 //   returns  the exit status: 0 | 1 (could not serve, or could not unload everything)
 int run_daemon(const daemon_options& options);
 

@@ -3,6 +3,7 @@
 #include <libnbd.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/daemon.h"
 #include "zorv/client.h"
@@ -59,7 +60,7 @@ struct ctl_daemon : testing::Test {
 }  // namespace
 
 TEST_F(ctl_daemon, serves_its_owner_alone_and_leaves_nothing_behind) {
-  for (const int number : {SIGTERM, SIGINT}) {
+  for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
     daemon_process d({"--disk", image});
     ASSERT_TRUE(d.serving()) << d.log();
     EXPECT_EQ(mode_of(d.run_dir()), 0700U);
@@ -67,6 +68,8 @@ TEST_F(ctl_daemon, serves_its_owner_alone_and_leaves_nothing_behind) {
     EXPECT_EQ(mode_of(d.run_dir() + "/nbd.sock"), 0600U);
     zorv_handle* idle = zorv_open(d.control().c_str());
     EXPECT_NE(idle, nullptr);
+    for (const int harmless : {SIGUSR1, SIGUSR2, SIGALRM}) d.signal(harmless);
+    d.must({"list"});
     d.signal(number);
     EXPECT_EQ(d.end(number), 0) << d.log();
     EXPECT_EQ(mode_of(d.control()), 0U);
@@ -100,6 +103,30 @@ TEST_F(ctl_daemon, what_it_cannot_do_is_said) {
   expect_refused({}, 1, "too long", dir / std::string(150, 'x'));
   write_file(dir / "file", {});
   expect_refused({}, 1, "run directory", dir / "file");
+}
+
+TEST_F(ctl_daemon, what_others_put_into_its_directory_stays) {
+  const std::string run = dir / "run";
+  const std::string kept = dir / "kept";
+  const bytes content = {1, 2, 3};
+  ASSERT_EQ(::mkdir(run.c_str(), 0700), 0);
+  write_file(kept, content);
+  for (const char* name : {"zorvd.lock", "nbd.sock", "control.sock"}) {
+    const std::string path = run + "/" + name;
+    ASSERT_EQ(::link(kept.c_str(), path.c_str()), 0);
+    expect_refused({}, 1, path + " is in the way", run);
+    EXPECT_EQ(read_file(path), content);
+    ::unlink(path.c_str());
+  }
+  ASSERT_EQ(::chmod(run.c_str(), 01777), 0);
+  expect_refused({}, 1, "others may write to the run directory", run);
+  ASSERT_EQ(::chmod(run.c_str(), 0700), 0);
+  daemon_process d({}, run);
+  ASSERT_TRUE(d.serving()) << d.log();
+  ::unlink(d.control().c_str());
+  write_file(d.control(), content);
+  EXPECT_EQ(d.end(SIGTERM), 0);
+  EXPECT_EQ(read_file(d.control()), content);
 }
 
 TEST_F(ctl_daemon, a_file_may_hold_what_the_command_line_may) {

@@ -28,7 +28,7 @@ struct control_server::impl {
   };
 
   control_options options;
-  unique_fd listener;
+  unix_listener listener;
   unique_fd stop_event;
   std::thread acceptor;
   std::list<client> clients;
@@ -50,13 +50,12 @@ int control_server::start(const control_options& options, std::string* error) {
     *error = std::string("no event descriptor: ") + std::strerror(-rc);
     return rc;
   }
-  const int rc = unix_listen(options.socket_path, &impl_->listener, error);
+  const int rc = impl_->listener.open(options.socket_path, error);
   if (rc != 0) return rc;
   try {
     impl_->acceptor = std::thread([this] { impl_->accept_loop(); });
   } catch (const std::system_error& e) {
-    impl_->listener.reset();
-    ::unlink(options.socket_path.c_str());
+    impl_->listener.close();
     *error = std::string("no thread for the control socket: ") + e.what();
     return -EAGAIN;
   }
@@ -64,19 +63,18 @@ int control_server::start(const control_options& options, std::string* error) {
 }
 
 void control_server::stop() {
-  if (!impl_->listener) return;
+  if (!impl_->acceptor.joinable()) return;
   const std::uint64_t one = 1;
   while (::write(impl_->stop_event.get(), &one, sizeof one) < 0 && errno == EINTR) {
   }
   impl_->acceptor.join();
-  ::unlink(impl_->options.socket_path.c_str());
-  impl_->listener.reset();
+  impl_->listener.close();
   for (impl::client& c : impl_->clients) c.thread.join();
   impl_->clients.clear();
 }
 
 void control_server::impl::accept_loop() {
-  pollfd fds[2] = {{listener.get(), POLLIN, 0}, {stop_event.get(), POLLIN, 0}};
+  pollfd fds[2] = {{listener.fd(), POLLIN, 0}, {stop_event.get(), POLLIN, 0}};
   for (;;) {
     const int n = ::poll(fds, 2, -1);
     if (n < 0 && errno != EINTR) {
@@ -86,7 +84,7 @@ void control_server::impl::accept_loop() {
     }
     if (n <= 0) continue;
     if (fds[1].revents != 0) return;
-    unique_fd fd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    unique_fd fd(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     reap();
     if (fd) {
       try {

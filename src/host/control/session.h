@@ -7,7 +7,7 @@
 
 #include "host/control/message_space.h"
 #include "host/control/server.h"
-#include "host/control/unix_socket.h"
+#include "host/unix_socket.h"
 #include "zorv/control.h"
 
 namespace zorv {

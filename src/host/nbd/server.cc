@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "host/nbd/server.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,6 +18,7 @@
 
 #include "host/nbd/negotiate.h"
 #include "host/nbd/transmission.h"
+#include "host/unix_socket.h"
 #include "kernel/printk.h"
 #include "kernel/task.h"
 
@@ -46,24 +44,14 @@ int fail(std::string* error, int code, std::string text) {
   return code;
 }
 
-bool answers(const sockaddr_un& address) {
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  const bool up = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return up;
-}
-
 }  // namespace
 
 struct nbd_server::impl {
   nbd_options options;
   node_exports nodes;
   nbd_export_source* exports = nullptr;
-  int listen_fd = -1;
+  unix_listener listener;
   int stop_fd = -1;
-  dev_t socket_dev = 0;
-  ino_t socket_ino = 0;
   std::thread acceptor;
   std::atomic<bool> stopping{false};
   std::mutex lock;
@@ -71,60 +59,20 @@ struct nbd_server::impl {
   std::list<connection> connections;  // under lock
   bool told_full = false;             // the acceptor's
 
-  int listen_on(const std::string& path, std::string* error);
   void accept_loop() noexcept;
   void take(int fd);
   void serve(connection* c) noexcept;
   void converse(int fd);
   std::list<connection> finished_locked();
-  void unlink_socket() const;
 };
-
-// The socket is bound under another name, with its mode set before it has any, and moved into place
-// when it can be connected to: nobody sees it half made, and a stale one is replaced in one step.
-int nbd_server::impl::listen_on(const std::string& path, std::string* error) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  const std::string bound = path + ".new";
-  if (bound.size() >= sizeof address.sun_path) {
-    return fail(error, -ENAMETOOLONG, path + " is too long for a socket's name.");
-  }
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  if (answers(address)) {
-    return fail(error, -EADDRINUSE, "Another server answers at " + path + ".");
-  }
-  std::memcpy(address.sun_path, bound.c_str(), bound.size() + 1);
-  listen_fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  struct stat st;
-  ::unlink(bound.c_str());
-  if (listen_fd < 0 || ::fchmod(listen_fd, 0600) != 0 ||
-      ::bind(listen_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::chmod(bound.c_str(), 0600) != 0 || ::listen(listen_fd, 64) != 0 ||
-      ::rename(bound.c_str(), path.c_str()) != 0 || ::lstat(path.c_str(), &st) != 0) {
-    const int code = -errno;
-    ::unlink(bound.c_str());
-    return fail(error, code, path + ": " + std::strerror(-code));
-  }
-  socket_dev = st.st_dev;
-  socket_ino = st.st_ino;
-  return 0;
-}
-
-void nbd_server::impl::unlink_socket() const {
-  struct stat st;
-  if (::lstat(options.socket_path.c_str(), &st) == 0 && st.st_dev == socket_dev &&
-      st.st_ino == socket_ino) {
-    ::unlink(options.socket_path.c_str());
-  }
-}
 
 void nbd_server::impl::accept_loop() noexcept {
   kernel::daemonize("zorv-nbd-accept");
-  pollfd p[2] = {{listen_fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+  pollfd p[2] = {{listener.fd(), POLLIN, 0}, {stop_fd, POLLIN, 0}};
   while (!stopping.load()) {
     ::poll(p, 2, -1);
     if ((p[1].revents & POLLIN) != 0) return;
-    const int fd = ::accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    const int fd = ::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd >= 0) {
       take(fd);
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
@@ -201,7 +149,7 @@ int nbd_server::start(const nbd_options& options, std::string* error) {
   i->stopping.store(false);
   i->stop_fd = ::eventfd(0, EFD_CLOEXEC);
   if (i->stop_fd < 0) return fail(error, -errno, "The NBD server cannot be started.");
-  if (const int rc = i->listen_on(options.socket_path, error); rc != 0) {
+  if (const int rc = i->listener.open(options.socket_path, error); rc != 0) {
     stop();
     return rc;
   }
@@ -234,10 +182,7 @@ void nbd_server::stop() {
   const kernel::u64 one = 1;
   if (i->stop_fd >= 0) (void)!::write(i->stop_fd, &one, sizeof one);
   if (i->acceptor.joinable()) i->acceptor.join();
-  if (i->listen_fd >= 0) {
-    i->unlink_socket();
-    ::close(i->listen_fd);
-  }
+  i->listener.close();
   std::list<connection> gone;
   {
     std::unique_lock guard(i->lock);
@@ -262,7 +207,7 @@ void nbd_server::stop() {
   }
   for (connection& c : gone) c.thread.join();
   if (i->stop_fd >= 0) ::close(i->stop_fd);
-  i->listen_fd = i->stop_fd = -1;
+  i->stop_fd = -1;
 }
 
 }  // namespace zorv

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-#include "host/control/unix_socket.h"
+#include "host/unix_socket.h"
 
 #include <linux/sockios.h>
 #include <poll.h>
@@ -17,6 +17,18 @@
 namespace zorv {
 namespace {
 
+int set_address(const std::string& path, sockaddr_un* addr, std::string* error) {
+  *addr = {};
+  addr->sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr->sun_path) {
+    *error = path + " is too long for a socket: at most " +
+             std::to_string(sizeof addr->sun_path - 1) + " bytes";
+    return -ENAMETOOLONG;
+  }
+  std::memcpy(addr->sun_path, path.c_str(), path.size() + 1);
+  return 0;
+}
+
 // Whether a process answers at the address.
 bool is_served(const sockaddr_un& addr) {
   const unique_fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -26,7 +38,10 @@ bool is_served(const sockaddr_un& addr) {
 }
 
 // Removes a socket that nobody serves.
-int remove_stale(const std::string& path, const sockaddr_un& addr, std::string* error) {
+int remove_stale(const std::string& path, std::string* error) {
+  sockaddr_un addr;
+  const int rc = set_address(path, &addr, error);
+  if (rc != 0) return rc;
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return errno == ENOENT ? 0 : -errno;
   if (!S_ISSOCK(st.st_mode)) {
@@ -47,35 +62,62 @@ void unique_fd::reset() {
   fd_ = -1;
 }
 
-int unix_listen(const std::string& path, unique_fd* out, std::string* error) {
+// Binds and listens under the name.
+int unix_listener::bind(const std::string& name) {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr.sun_path) {
-    *error = path + " is too long for a socket: at most " +
-             std::to_string(sizeof addr.sun_path - 1) + " bytes";
-    return -ENAMETOOLONG;
-  }
-  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-  int rc = remove_stale(path, addr, error);
-  if (rc != 0) {
-    if (error->empty()) *error = path + ": " + std::strerror(-rc);
-    return rc;
-  }
-  unique_fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  std::memcpy(addr.sun_path, name.c_str(), name.size() + 1);
+  fd_ = unique_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   // The mode of the descriptor is the mode that bind gives the name, less the umask.
-  if (!fd || ::fchmod(fd.get(), 0600) != 0 ||
-      ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
-    rc = -errno;
-  } else if (::chmod(path.c_str(), 0600) != 0 || ::listen(fd.get(), SOMAXCONN) != 0) {
-    rc = -errno;
-    ::unlink(path.c_str());
+  if (!fd_ || ::fchmod(fd_.get(), 0600) != 0 ||
+      ::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+    return -errno;
   }
-  if (rc != 0) {
-    *error = "cannot listen on " + path + ": " + std::strerror(-rc);
+  struct stat st {};
+  if (::chmod(name.c_str(), 0600) != 0 || ::listen(fd_.get(), SOMAXCONN) != 0 ||
+      ::lstat(name.c_str(), &st) != 0) {
+    const int rc = -errno;
+    ::unlink(name.c_str());
     return rc;
   }
-  *out = std::move(fd);
+  dev_ = st.st_dev;
+  ino_ = st.st_ino;
   return 0;
+}
+
+// The socket is bound beside its name and linked there, which replaces nothing.
+int unix_listener::open(const std::string& path, std::string* error) {
+  close();
+  error->clear();
+  const std::string beside = path + ".new";
+  int rc = remove_stale(beside, error);
+  if (rc == 0) rc = remove_stale(path, error);
+  if (rc == 0) {
+    rc = bind(beside);
+  }
+  if (rc == 0) {
+    if (::link(beside.c_str(), path.c_str()) != 0) rc = -errno;
+    ::unlink(beside.c_str());
+  }
+  if (rc != 0) {
+    close();
+    if (error->empty()) *error = "cannot listen on " + path + ": " + std::strerror(-rc);
+    return rc;
+  }
+  path_ = path;
+  return 0;
+}
+
+void unix_listener::close() {
+  struct stat st {};
+  if (!path_.empty() && ::lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ &&
+      st.st_ino == ino_) {
+    ::unlink(path_.c_str());
+  }
+  path_.clear();
+  fd_.reset();
+  dev_ = 0;
+  ino_ = 0;
 }
 
 io stream::wait(short events, bool until_stop, time_point deadline) {

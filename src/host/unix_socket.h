@@ -2,6 +2,8 @@
 // Unix stream sockets with deadlines and a way to be told to stop.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <string>
@@ -33,12 +35,32 @@ class unique_fd {
   int fd_ = -1;
 };
 
-// A listening socket, close-on-exec, non-blocking, mode 0600 from its first moment. A socket that
-// a dead process left at the path is replaced; one that somebody serves, or anything that is no
-// socket, is not touched.
-//   returns  0 | -EADDRINUSE, -EEXIST (no socket), -ENAMETOOLONG, the errors of bind(2)
-//   error    one sentence for a person
-[[nodiscard]] int unix_listen(const std::string& path, unique_fd* out, std::string* error);
+// A listening socket, close-on-exec, non-blocking, and its name, mode 0600. The name appears when
+// the socket can be connected to.
+class unix_listener {
+ public:
+  unix_listener() = default;
+  ~unix_listener() { close(); }
+  unix_listener(const unix_listener&) = delete;
+  unix_listener& operator=(const unix_listener&) = delete;
+
+  // A socket that a dead process left at the path is replaced; one that somebody serves, or
+  // anything that is no socket, is not touched.
+  //   returns  0 | -EADDRINUSE, -EEXIST (no socket), -ENAMETOOLONG, the errors of bind(2)
+  //   error    one sentence for a person
+  [[nodiscard]] int open(const std::string& path, std::string* error);
+  // Removes the name while it leads to this socket.
+  void close();
+  [[nodiscard]] int fd() const { return fd_.get(); }
+
+ private:
+  [[nodiscard]] int bind(const std::string& name);
+
+  unique_fd fd_;
+  std::string path_;
+  dev_t dev_ = 0;
+  ino_t ino_ = 0;
+};
 
 using time_point = std::chrono::steady_clock::time_point;
 constexpr time_point no_deadline = time_point::max();
