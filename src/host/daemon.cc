@@ -217,8 +217,13 @@ int serve(const daemon_options& given, const sigset_t& signals) {
 
 int run_daemon(const daemon_options& given) {
   const sigset_t signals = take_signals();
+  host_log_start();
   kernel::set_printk_sink(host_log_sink);
-  return serve(given, signals);
+  const int status = serve(given, signals);
+  // A log that nobody reads does not keep the process.
+  constexpr unsigned log_limit_ms = 2000;
+  host_log_flush(log_limit_ms);
+  return status;
 }
 
 }  // namespace zorv

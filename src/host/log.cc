@@ -1,25 +1,212 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "host/log.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <utility>
 
 namespace zorv {
 namespace {
 
+using clock = std::chrono::steady_clock;
+
+constexpr std::size_t queue_bytes = 256 << 10;
+constexpr std::size_t write_bytes = 4096;  // a pipe that can be written to takes so much at once
+constexpr std::string_view error_mark = "<3>ERROR: ";
+
 thread_local error_capture* capture = nullptr;
 
-void write_stderr(const char* text, std::size_t bytes) {
-  while (bytes > 0) {
-    const ssize_t n = ::write(STDERR_FILENO, text, bytes);
+void write_stderr(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t n = ::write(STDERR_FILENO, text.data(), text.size());
     if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EAGAIN) {
+      pollfd p{STDERR_FILENO, POLLOUT, 0};
+      ::poll(&p, 1, -1);
+      continue;
+    }
     if (n <= 0) return;  // nowhere left to complain to
-    text += n;
-    bytes -= static_cast<std::size_t>(n);
+    text.remove_prefix(static_cast<std::size_t>(n));
   }
+}
+
+// Errors that differ in numbers alone.
+class repetition {
+ public:
+  // Whether a message of this kind may be written now.
+  bool admit(std::uint64_t kind, std::string_view text, clock::time_point now) {
+    if (kind != kind_) {
+      kind_ = kind;
+      begin_ = now;
+      written_ = 0;
+      sample_ = text.size() < sizeof sample_text_ ? text.size() : sizeof sample_text_;
+      text.copy(sample_text_, sample_);
+    }
+    if (++written_ <= limit) return true;
+    ++held_back_;
+    return false;
+  }
+  [[nodiscard]] bool is(std::uint64_t kind) const { return kind == kind_; }
+  [[nodiscard]] bool over(clock::time_point now) const {
+    return written_ > 0 && now - begin_ >= window;
+  }
+  // How many were held back and what they were like; forgets them.
+  unsigned long close(std::string_view* like) {
+    *like = {sample_text_, sample_};
+    kind_ = written_ = 0;
+    return std::exchange(held_back_, 0UL);
+  }
+  static constexpr auto window = std::chrono::seconds(10);
+
+ private:
+  static constexpr unsigned long limit = 50;
+  std::uint64_t kind_ = 0;
+  clock::time_point begin_;
+  unsigned long written_ = 0;
+  unsigned long held_back_ = 0;
+  char sample_text_[160];
+  std::size_t sample_ = 0;
+};
+
+// FNV-1a of what is no digit.
+std::uint64_t kind_of(std::string_view text) {
+  std::uint64_t hash = 0xcbf29ce484222325U;
+  for (const char c : text) {
+    if (c < '0' || c > '9') hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3U;
+  }
+  return hash;
+}
+
+// Lives as long as the process: its thread may be held up by the log's reader when that ends.
+class writer {
+ public:
+  // Nothing is allocated once it runs. Throws when there is no memory or no thread.
+  void start() {
+    queue_.reserve(queue_bytes);
+    batch_.reserve(queue_bytes);
+    std::thread([this] { run(); }).detach();
+    const std::lock_guard guard(mutex_);
+    running_ = true;
+  }
+
+  void add(std::string_view text) {
+    std::unique_lock guard(mutex_);
+    const bool limited = text.substr(0, error_mark.size()) == error_mark;
+    if (limited && !admit_locked(text)) return;
+    if (!running_) {
+      guard.unlock();
+      write_stderr(text);
+      return;
+    }
+    append_locked(text);
+    wake_.notify_one();
+  }
+
+  void flush(std::chrono::milliseconds limit) {
+    std::unique_lock guard(mutex_);
+    for (repetition& r : repeated_) close_locked(&r);
+    wake_.notify_one();
+    written_.wait_for(guard, limit, [this] { return !running_ || (queue_.empty() && idle_); });
+  }
+
+ private:
+  bool admit_locked(std::string_view text) {
+    const std::uint64_t kind = kind_of(text);
+    repetition& r = repeated_[kind % repeated_.size()];
+    const clock::time_point now = clock::now();
+    if (r.over(now) || !r.is(kind)) close_locked(&r);
+    return r.admit(kind, text, now);
+  }
+
+  void close_locked(repetition* r) {
+    std::string_view like;
+    const unsigned long n = r->close(&like);
+    if (n == 0) return;
+    char line[256];
+    const int length = std::snprintf(line, sizeof line,
+                                     "<3>zorvd: %lu more messages held back that were like: %.*s",
+                                     n, static_cast<int>(like.size()), like.data());
+    const std::string_view text(
+        line, std::min<std::size_t>(static_cast<std::size_t>(length), sizeof line - 1));
+    if (running_) {
+      append_locked(text);
+    } else {
+      write_stderr(text);
+    }
+  }
+
+  void append_locked(std::string_view text) {
+    if (queue_.size() + text.size() + 1 > queue_bytes) {
+      ++lost_;
+      return;
+    }
+    queue_.append(text);
+    if (queue_.back() != '\n') queue_.push_back('\n');
+  }
+
+  void run() {
+    std::unique_lock guard(mutex_);
+    for (;;) {
+      idle_ = true;
+      written_.notify_all();
+      wake_.wait_for(guard, repetition::window, [this] { return !queue_.empty(); });
+      idle_ = false;
+      const clock::time_point now = clock::now();
+      for (repetition& r : repeated_) {
+        if (r.over(now)) close_locked(&r);
+      }
+      batch_.swap(queue_);
+      const unsigned long lost = std::exchange(lost_, 0UL);
+      guard.unlock();
+      write_batch(lost);
+      guard.lock();
+    }
+  }
+
+  // Whole messages, as many at a time as go in one piece.
+  void write_batch(unsigned long lost) {
+    std::string_view rest = batch_;
+    while (!rest.empty()) {
+      std::size_t n = rest.substr(0, write_bytes).rfind('\n');
+      if (n == std::string_view::npos) n = rest.find('\n');
+      write_stderr(rest.substr(0, n + 1));
+      rest.remove_prefix(n + 1);
+    }
+    batch_.clear();
+    if (lost == 0) return;
+    char line[96];
+    std::snprintf(line, sizeof line, "<3>zorvd: %lu messages lost: nobody took them in time\n",
+                  lost);
+    write_stderr(line);
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::condition_variable written_;
+  bool running_ = false;
+  bool idle_ = true;  // the thread has written all that it took
+  std::string queue_;
+  std::string batch_;  // the thread's
+  unsigned long lost_ = 0;
+  std::array<repetition, 64> repeated_;
+};
+
+writer* the_writer() {
+  static auto* const w = new writer;
+  return w;
 }
 
 }  // namespace
@@ -28,22 +215,28 @@ error_capture::error_capture() : outer_(capture) { capture = this; }
 error_capture::~error_capture() { capture = outer_; }
 
 void host_log_sink(const char* text) {
-  static constexpr char error_mark[] = "<3>ERROR: ";
-  constexpr std::size_t mark_len = sizeof error_mark - 1;
-  std::size_t len = std::strlen(text);
-  if (capture != nullptr && std::strncmp(text, error_mark, mark_len) == 0) {
-    std::size_t body = len - mark_len;
-    while (body > 0 && text[mark_len + body - 1] == '\n') --body;
-    body = std::min(body, sizeof capture->text_ - 1);
-    std::memcpy(capture->text_, text + mark_len, body);
-    capture->text_[body] = '\0';
+  const std::string_view all(text);
+  if (capture != nullptr && all.substr(0, error_mark.size()) == error_mark) {
+    std::string_view body = all.substr(error_mark.size());
+    while (!body.empty() && body.back() == '\n') body.remove_suffix(1);
+    const std::size_t n = body.copy(capture->text_, sizeof capture->text_ - 1);
+    capture->text_[n] = '\0';
   }
-  write_stderr(text, len);
+  the_writer()->add(all);
 }
 
 void host_log(log_level level, const std::string& text) {
-  const std::string line = (level == log_level::error ? "<3>zorvd: " : "<6>zorvd: ") + text + "\n";
-  write_stderr(line.data(), line.size());
+  the_writer()->add((level == log_level::error ? "<3>zorvd: " : "<6>zorvd: ") + text + "\n");
 }
+
+void host_log_start() {
+  try {
+    the_writer()->start();
+  } catch (const std::exception& e) {
+    host_log(log_level::error, std::string("no thread for the log: ") + e.what());
+  }
+}
+
+void host_log_flush(unsigned limit_ms) { the_writer()->flush(std::chrono::milliseconds(limit_ms)); }
 
 }  // namespace zorv
