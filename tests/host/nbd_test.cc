@@ -488,22 +488,6 @@ TEST_F(nbd_test, garbage_harms_only_who_sends_it) {
 
 // ---- the socket ----------------------------------------------------------------------------
 
-TEST_F(nbd_test, the_socket_is_private_a_live_one_is_left_alone_a_stale_one_replaced) {
-  struct stat st;
-  ASSERT_EQ(::stat(options.socket_path.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600U);
-  zorv::nbd_server second;
-  std::string error;
-  EXPECT_EQ(second.start(options, &error), -EADDRINUSE);
-  EXPECT_NE(error.find(options.socket_path), std::string::npos);
-  EXPECT_TRUE(raw_client(options.socket_path).enter("disk"));
-
-  options.socket_path = dir / "stale.sock";
-  write_file(options.socket_path, bytes(1));
-  serve();
-  EXPECT_TRUE(raw_client(options.socket_path).enter("disk"));
-}
-
 TEST_F(nbd_test, connections_and_handshakes_have_limits) {
   server.reset();
   options.max_connections = 2;
