@@ -183,7 +183,9 @@ void driver_test::unload() {
 
 int driver_test::raw_command(u32 number, void* record) {
   const kernel::user_space_scope scope(kernel::own_user_space());
-  return kernel::chrdev_ioctl("zorv", number, reinterpret_cast<kernel::user_addr>(record));
+  const int rc = kernel::chrdev_ioctl("zorv", number, reinterpret_cast<kernel::user_addr>(record));
+  if (confirms) zorv::zorv_handout_confirm(zorv::zorv_handout_last());
+  return rc;
 }
 
 zorv_add_filter_req driver_test::filter_request(const std::string& hdd, const filter_options& o) {

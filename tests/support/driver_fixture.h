@@ -151,6 +151,7 @@ class driver_test : public ::testing::Test {
   temp_dir dir;
   log_capture log;
   bool loaded = false;
+  bool confirms = true;  // whoever takes a bitmap has it when its command ends
 };
 
 }  // namespace zorv_test

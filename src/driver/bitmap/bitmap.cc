@@ -13,11 +13,12 @@ namespace {
 // Sets the extent's bit; returns whether the file's stale mark is to be queued.
 bool mark_one(zorv_filter* f, u32 type, u64 extent) REQUIRES(f->bmp_lock) {
   const zorv_bmp_view bmp = zorv_bmp_of(f, type);
-  if (bmp.bits == nullptr) return false;
+  u8* bits = zorv_bmp_bits(f, type);
+  if (bits == nullptr) return false;
   const auto mask = static_cast<u8>(1U << (extent & 7));
   zorv_mark_state& m = f->marks[type];
   if (m.load_marks != nullptr) m.load_marks[extent >> 3] |= mask;
-  const std::atomic_ref<u8> byte(bmp.bits[extent >> 3]);
+  const std::atomic_ref<u8> byte(bits[extent >> 3]);
   if ((byte.load(std::memory_order_relaxed) & mask) != 0) return false;
   byte.fetch_or(mask, std::memory_order_relaxed);
   if (bmp.dirty->load(std::memory_order_relaxed) != 0) return false;
@@ -32,7 +33,53 @@ bool all_bytes(const u8* bytes, u32 count, u8 value) {
   return count == 0 || (bytes[0] == value && std::memcmp(bytes, bytes + 1, count - 1) == 0);
 }
 
+// A request waits for no longer than this takes to copy.
+constexpr u32 piece_bytes = 256 * 1024;
+
+void add_bits(u8* to, const u8* from, u32 count) {
+  for (u32 i = 0; i < count; ++i) to[i] = static_cast<u8>(to[i] | from[i]);
+}
+
+enum class handed_out { left_out, added };
+
+// Piece by piece; begins anew when other bits were put in place meanwhile.
+void copy_bits(zorv_filter* f, u32 type, u8* to, handed_out extra) {
+  const u32 size = zorv_bmp_of(f, type).size;
+  u64 exchanges = 0;
+  for (u32 at = 0; at < size;) {
+    const u32 count = std::min(piece_bytes, size - at);
+    kernel::spin_guard guard(&f->bmp_lock);
+    if (at == 0) exchanges = f->marks[type].exchanges;
+    if (f->marks[type].exchanges != exchanges) {
+      at = 0;
+      continue;
+    }
+    std::memcpy(to + at, zorv_bmp_bits(f, type) + at, count);
+    for (const zorv_handout& h : f->handouts) {
+      if (extra == handed_out::added && h.type == type) add_bits(to + at, h.bits + at, count);
+    }
+    at += count;
+  }
+}
+
 }  // namespace
+
+void zorv_bmp_copy(zorv_filter* f, u32 type, u8* to) {
+  copy_bits(f, type, to, handed_out::left_out);
+}
+
+void zorv_bmp_copy_to_save(zorv_filter* f, u32 type, u8* to) {
+  copy_bits(f, type, to, handed_out::added);
+}
+
+void zorv_bmp_merge(zorv_filter* f, u32 type, const u8* added) {
+  const zorv_bmp_view bmp = zorv_bmp_of(f, type);
+  for (u32 at = 0; at < bmp.size; at += piece_bytes) {
+    marks_guard guard(f);
+    bmp.dirty->store(1);
+    add_bits(zorv_bmp_bits(f, type) + at, added + at, std::min(piece_bytes, bmp.size - at));
+  }
+}
 
 const char* zorv_bmp_type_name(u32 type) {
   switch (type) {

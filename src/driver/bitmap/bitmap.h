@@ -6,19 +6,22 @@
 
 namespace zorv {
 
-// One of a filter's two bitmaps.
+// One of a filter's two bitmaps; its bits are asked for under bmp_lock, since a command may put
+// others in their place.
 struct zorv_bmp_view {
-  u8* bits;  // null while the node is being created; contents under bmp_lock
   u32 size;  // bytes
   std::atomic<u32>* dirty;
   const char* fname;
 };
 inline zorv_bmp_view zorv_bmp_of(zorv_filter* f, u32 type) {
-  return type == ZORV_BMP_INCREMENTAL
-             ? zorv_bmp_view{f->incr_bmp, static_cast<u32>(f->incr_bmp_size), &f->incr_bmp_dirty,
-                             f->incr_bmp_fname}
-             : zorv_bmp_view{f->diff_bmp, static_cast<u32>(f->diff_bmp_size), &f->diff_bmp_dirty,
-                             f->diff_bmp_fname};
+  return type == ZORV_BMP_INCREMENTAL ? zorv_bmp_view{static_cast<u32>(f->incr_bmp_size),
+                                                      &f->incr_bmp_dirty, f->incr_bmp_fname}
+                                      : zorv_bmp_view{static_cast<u32>(f->diff_bmp_size),
+                                                      &f->diff_bmp_dirty, f->diff_bmp_fname};
+}
+// Null while the node is being created.
+inline u8*& zorv_bmp_bits(zorv_filter* f, u32 type) REQUIRES(f->bmp_lock) {
+  return type == ZORV_BMP_INCREMENTAL ? f->incr_bmp : f->diff_bmp;
 }
 
 // "Incremental" (1), "Differential" (0), "Unknown".
@@ -28,6 +31,15 @@ const char* zorv_bmp_type_name(u32 type);
 //   context  may sleep (it allocates with GFP_NOIO); takes bmp_lock once per extent
 //   after    zorv_marks_pending says whether the write may go to the HDD
 void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors);
+
+// A whole bitmap at once; writes go on being marked: bmp_lock is held for a piece at a time.
+//   locks    takes bmp_lock
+// Every bit that was set when the call began is in the copy, unless a command took it away.
+void zorv_bmp_copy(zorv_filter* f, u32 type, u8* to);
+// The same with the bits that have been handed out and not confirmed.
+void zorv_bmp_copy_to_save(zorv_filter* f, u32 type, u8* to);
+// Adds bits; the dirty flag is 1 before the first of them.
+void zorv_bmp_merge(zorv_filter* f, u32 type, const u8* added);
 
 // Whether none, or all, of the first extent_cnt bits are set.
 bool zorv_bmp_all_clear(const u8* bits, u32 extent_cnt);

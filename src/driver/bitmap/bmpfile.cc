@@ -170,7 +170,9 @@ void load_begin(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, u8* kept) {
   marks_guard guard(f);
   zorv_mark_state& m = f->marks[type];
   m.loading = true;
-  if (m.maybe_current && bmp.dirty->load() != 0) std::memcpy(kept, bmp.bits, bmp.size);
+  if (m.maybe_current && bmp.dirty->load() != 0) {
+    std::memcpy(kept, zorv_bmp_bits(f, type), bmp.size);
+  }
   m.load_marks = kept;
 }
 
@@ -179,6 +181,7 @@ void load_end(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, const u8* bits
   {
     marks_guard guard(f);
     zorv_mark_state& m = f->marks[type];
+    u8* to = zorv_bmp_bits(f, type);
     m.loading = false;
     m.load_marks = nullptr;
     m.known = true;
@@ -188,14 +191,14 @@ void load_end(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, const u8* bits
       u8 lacking = 0;
       for (u32 i = 0; i < bmp.size; ++i) {
         lacking = static_cast<u8>(lacking | (kept[i] & ~bits[i]));
-        bmp.bits[i] = static_cast<u8>(bits[i] | kept[i]);
+        to[i] = static_cast<u8>(bits[i] | kept[i]);
       }
       bmp.dirty->store(lacking != 0 ? 1 : 0);
       m.given_up = false;
       if (lacking == 0) zorv_marks_cancel(f, type);
     } else {
       bmp.dirty->store(1);
-      std::memset(bmp.bits, 0xFF, bmp.size);
+      std::memset(to, 0xFF, bmp.size);
     }
   }
   if (file == verdict::current) zorv_marks_settle(f);
@@ -240,8 +243,8 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
     m.noted = false;
     m.saving = true;
     bmp.dirty->store(0);
-    std::memcpy(copy.get(), bmp.bits, bmp.size);
   }
+  zorv_bmp_copy_to_save(f, type, copy.get());
   (void)zorv_kill_dirty_requests(f, type);
   const int rc = rewrite_file(f, type, copy.get(), bmp);
   {

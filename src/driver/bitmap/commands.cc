@@ -2,10 +2,12 @@
 // The seven commands on a change bitmap.
 //
 // A caller's buffer is copied with no lock held, through a buffer of our own: the copy can sleep.
-// GET_AND_CLR copies and clears in one critical section all the same, so that a write is marked
-// either before it (and handed out) or after it (and kept for the next call).
+// A bitmap is changed by putting another one in its place, however large it is, so that no write
+// waits for that; a write is marked either before (and handed out by GET_AND_CLR) or after it (and
+// kept for the next call).
 #include "driver/bitmap/bitmap.h"
 #include "driver/bitmap/dirty.h"
+#include "driver/bitmap/handout.h"
 #include "driver/core/log.h"
 #include "kernel/mem.h"
 #include "kernel/uaccess.h"
@@ -46,12 +48,19 @@ int check_range(const char* op, zorv_blkdev* dev, const zorv_bmp_range_req& req)
   return rc;
 }
 
+int no_memory(const char* op, u32 bytes) {
+  zorv_log(LOG_ERROR, "%s(): Failed to allocate a %d-byte buffer", op, bytes);
+  return -ENOMEM;
+}
+
 // 0 | -ENOMEM, logged.
 int allocate(const char* op, u32 bytes, buffer* out) {
   out->reset(static_cast<u8*>(kernel::vmalloc(bytes)));
-  if (*out != nullptr) return 0;
-  zorv_log(LOG_ERROR, "%s(): Failed to allocate a %d-byte buffer", op, bytes);
-  return -ENOMEM;
+  return *out != nullptr ? 0 : no_memory(op, bytes);
+}
+int allocate_zeroed(const char* op, u32 bytes, buffer* out) {
+  out->reset(static_cast<u8*>(kernel::vzalloc(bytes)));
+  return *out != nullptr ? 0 : no_memory(op, bytes);
 }
 
 int copy_in(const char* op, const zorv_bmp_range_req& req, buffer* out) {
@@ -62,40 +71,27 @@ int copy_in(const char* op, const zorv_bmp_range_req& req, buffer* out) {
   return -EFAULT;
 }
 
-// Hands the bitmap out; *out is what the caller got.
-int copy_out(const char* op, zorv_filter* f, const zorv_bmp_range_req& req, buffer* out) {
-  const int rc = allocate(op, req.size, out);
-  if (rc != 0) return rc;
-  {
-    kernel::spin_guard guard(&f->bmp_lock);
-    std::memcpy(out->get(), zorv_bmp_of(f, req.type).bits, req.size);
-  }
-  if (kernel::copy_to_user(req.data, out->get(), req.size) == 0) return 0;
+int copy_out(const char* op, const zorv_bmp_range_req& req, const u8* bits) {
+  if (kernel::copy_to_user(req.data, bits, req.size) == 0) return 0;
   zorv_log(LOG_ERROR, "%s(): Failed to copyout the bitmap", op);
   return -EFAULT;
 }
 
-// Changes the bitmap under bmp_lock. With the flag at 1 a write that comes before the save waits
-// while the file still looks current; it goes when the save has emptied it.
-template <class Change>
-void change_bits(zorv_filter* f, u32 type, Change change) {
+// Puts other bits in the bitmap's place; what was there comes back, as a hand-out if the caller
+// has one to make of it. With the flag at 1 a write that comes before the save waits while the file
+// still looks current; it goes when the save has marked it.
+void exchange(zorv_filter* f, u32 type, buffer* bits, zorv_handout* handout = nullptr) {
   marks_guard guard(f);
-  const zorv_bmp_view bmp = zorv_bmp_of(f, type);
-  change(bmp.bits, bmp.size);
-  bmp.dirty->store(1);
-}
-
-template <class Change>
-void change_and_save(zorv_filter* f, u32 type, Change change) {
-  change_bits(f, type, change);
-  (void)zorv_block_save_dirty_bmps(f);
-}
-
-// Adds the bits of another bitmap.
-auto merging(const buffer& added) {
-  return [&added](u8* bits, u32 size) {
-    for (u32 i = 0; i < size; ++i) bits[i] = static_cast<u8>(bits[i] | added[i]);
-  };
+  u8*& place = zorv_bmp_bits(f, type);
+  u8* before = place;
+  place = bits->release();
+  bits->reset(before);
+  ++f->marks[type].exchanges;
+  zorv_bmp_of(f, type).dirty->store(1);
+  if (handout == nullptr) return;
+  handout->type = type;
+  handout->bits = bits->release();
+  zorv_handout_add(f, handout);
 }
 
 void announce(const char* op, const char* doing, u32 type, const zorv_blkdev* dev) {
@@ -107,43 +103,42 @@ void announce(const char* op, const char* doing, u32 type, const zorv_blkdev* de
 
 int zorv_ioctl_get_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
   announce(__func__, "Getting", req->type, dev);
-  const int rc = check_range(__func__, dev, *req);
-  if (rc != 0) return rc;
+  int rc = check_range(__func__, dev, *req);
   buffer copy;
-  return copy_out(__func__, &dev->f, *req, &copy);
+  if (rc == 0) rc = allocate(__func__, req->size, &copy);
+  if (rc != 0) return rc;
+  zorv_bmp_copy(&dev->f, req->type, copy.get());
+  return copy_out(__func__, *req, copy.get());
 }
 
 int zorv_ioctl_get_and_clr_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
   announce(__func__, "Getting and clearing", req->type, dev);
   int rc = check_range(__func__, dev, *req);
+  buffer fresh;
+  if (rc == 0) rc = allocate_zeroed(__func__, req->size, &fresh);
   if (rc != 0) return rc;
-  // A first copy shows whether the caller's buffer can be written while nothing has changed yet.
-  buffer given;
-  rc = copy_out(__func__, &dev->f, *req, &given);
-  if (rc != 0) return rc;
-  bool grown = false;
-  change_bits(&dev->f, req->type, [&](u8* bits, u32 size) {
-    grown = std::memcmp(given.get(), bits, size) != 0;
-    if (grown) std::memcpy(given.get(), bits, size);
-    std::memset(bits, 0, size);
-  });
-  if (grown && kernel::copy_to_user(req->data, given.get(), req->size) != 0) {
-    zorv_log(LOG_ERROR, "%s(): Failed to copyout the bitmap", __func__);
-    rc = -EFAULT;
-    change_bits(&dev->f, req->type, merging(given));
+  auto* handout = kernel::knew<zorv_handout>(kernel::GFP_KERNEL);
+  if (handout == nullptr) return no_memory(__func__, sizeof(zorv_handout));
+  exchange(&dev->f, req->type, &fresh, handout);
+  const u64 id = handout->id;
+  rc = copy_out(__func__, *req, handout->bits);
+  if (rc != 0) {
+    zorv_handout_merge_back(&dev->f, id);
+    return rc;
   }
   (void)zorv_block_save_dirty_bmps(&dev->f);
-  return rc;
+  zorv_handout_publish(id);
+  return 0;
 }
 
 int zorv_ioctl_merge_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
   announce(__func__, "Merging", req->type, dev);
   int rc = check_range(__func__, dev, *req);
-  if (rc != 0) return rc;
   buffer added;
-  rc = copy_in(__func__, *req, &added);
+  if (rc == 0) rc = copy_in(__func__, *req, &added);
   if (rc != 0) return rc;
-  change_and_save(&dev->f, req->type, merging(added));
+  zorv_bmp_merge(&dev->f, req->type, added.get());
+  (void)zorv_block_save_dirty_bmps(&dev->f);
   return 0;
 }
 
@@ -157,27 +152,29 @@ int zorv_ioctl_set_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
              __func__);
     return -EINVAL;
   }
-  buffer bits_in;
+  const u32 size = zorv_bmp_of(&dev->f, req->type).size;
+  buffer bits;
   if (req->size != 0) {
-    rc = check_size(__func__, req->size, zorv_bmp_of(&dev->f, req->type).size);
-    if (rc == 0) rc = copy_in(__func__, *req, &bits_in);
-    if (rc != 0) return rc;
+    rc = check_size(__func__, req->size, size);
+    if (rc == 0) rc = copy_in(__func__, *req, &bits);
+  } else {
+    rc = allocate(__func__, size, &bits);
+    if (rc == 0) std::memset(bits.get(), 0xFF, size);
   }
-  change_and_save(&dev->f, req->type, [&bits_in](u8* bits, u32 size) {
-    if (bits_in == nullptr) {
-      std::memset(bits, 0xFF, size);
-    } else {
-      std::memcpy(bits, bits_in.get(), size);
-    }
-  });
+  if (rc != 0) return rc;
+  exchange(&dev->f, req->type, &bits);
+  (void)zorv_block_save_dirty_bmps(&dev->f);
   return 0;
 }
 
 int zorv_ioctl_clr_bmp(zorv_blkdev* dev, zorv_bmp_req* req) {
   announce(__func__, "Clearing", req->type, dev);
-  const int rc = check_node(__func__, dev, req->type);
+  int rc = check_node(__func__, dev, req->type);
+  buffer fresh;
+  if (rc == 0) rc = allocate_zeroed(__func__, zorv_bmp_of(&dev->f, req->type).size, &fresh);
   if (rc != 0) return rc;
-  change_and_save(&dev->f, req->type, [](u8* bits, u32 size) { std::memset(bits, 0, size); });
+  exchange(&dev->f, req->type, &fresh);
+  (void)zorv_block_save_dirty_bmps(&dev->f);
   return 0;
 }
 

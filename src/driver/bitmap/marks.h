@@ -49,6 +49,7 @@ struct zorv_mark_state {
   bool name_synced = false;    // the file's directory entry is on disk; under bmp_mutex
   bool saving = false;         // a save has its copy and has not ended
   bool loading = false;
+  u64 exchanges = 0;         // times that a command has put other bits in the bitmap's place
   u8* load_marks = nullptr;  // while loading: the bits that the load must keep
   zorv_dirty_req reserve;    // for the mark when memory is short
 };

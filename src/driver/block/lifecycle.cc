@@ -365,6 +365,7 @@ int zorv_block_destroy_device(zorv_blkdev* dev, int remove_files) {
   remove_node(dev);
   (void)zorv_proc_del_device(dev);
   if (!is_snap) {
+    zorv_handout_drop_all(&dev->f);
     kernel::vfree(dev->f.incr_bmp);
     kernel::vfree(dev->f.diff_bmp);
     dev->f.incr_bmp = dev->f.diff_bmp = nullptr;

@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "driver/bitmap/bitmap.h"
+#include "driver/bitmap/handout.h"
 #include "driver/block/block.h"
 #include "driver/core/blkdev.h"
 #include "driver/core/log.h"
@@ -169,6 +170,7 @@ int zorv_char_destroy() {
 
 int zorv_char_ioctl(kernel::inode* /*inode*/, kernel::file* /*file*/, u32 command,
                     user_addr argument) {
+  zorv_handout_forget_last();
   const command_row* c = find_command(command);
   zorv_log(2, "%s(): cmd=0x%02x (%s)", __func__, command, c != nullptr ? c->name : "UNKNOWN");
   if (c == nullptr && command_type(command) != 'C') return -ENOTTY;

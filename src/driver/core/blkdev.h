@@ -8,6 +8,7 @@
 
 #include <atomic>
 
+#include "driver/bitmap/handout.h"
 #include "driver/bitmap/marks.h"
 #include "driver/core/lock.h"
 #include "driver/core/types.h"
@@ -52,6 +53,7 @@ struct zorv_filter {
   std::atomic<u32> diff_bmp_dirty{0};
   // By bitmap type code, under bmp_lock: the order of writes behind the stale mark.
   zorv_mark_state marks[2];
+  kernel::list_of<zorv_handout> handouts;  // under bmp_lock
   // Bit per type code: writes have to wait (bitmap/marks.h). Written under bmp_lock.
   std::atomic<u32> marks_exposed{0};
 

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "driver/bitmap/handout.h"
 #include "host/control/host_requests.h"
 #include "host/log.h"
 #include "kernel/chrdev.h"
@@ -113,6 +114,7 @@ control_session::next control_session::run_ioctl(const zorv_ctl_request& request
     std::memcpy(&taken_, record_.data(), sizeof taken_);
     unconfirmed_ = true;
   }
+  zorv_handout_confirm(zorv_handout_last());  // what the client does not take, this side merges
   return send_reply(reply, record_.data(), buffer_.data() + reply.buffer_offset,
                     reply.result < 0 ? reason.text() : "");
 }
