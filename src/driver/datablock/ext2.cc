@@ -100,7 +100,7 @@ const char* doubt_of(const ext2_reader& r, fs_image image) {
   if (r.group_desc_count * r.inodes_per_group != sb.inodes_count) {
     return "has counts that contradict each other";
   }
-  return fs_reader_rival(r.hdd);
+  return fs_reader_rival(r.hdd, fs_kind::ext2);
 }
 
 // Sizes of the tables, and the level-2 lines.

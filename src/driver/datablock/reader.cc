@@ -56,23 +56,6 @@ void fs_reader_log_doubt(const char* caller, const char* fs_name, devt dev, cons
            fs_name, kernel::major_of(dev), kernel::minor_of(dev), why);
 }
 
-const char* fs_reader_rival(kernel::block_device* hdd) {
-  u8 sectors[2 * kernel::sector_size];
-  if (zorv_bread(hdd, sectors, kernel::sector_size, 0, 2) < 0)
-    return "has an unreadable boot block";
-  constexpr char volume_label[] = "LABELONE";
-  if (std::memcmp(sectors + kernel::sector_size, volume_label, sizeof volume_label - 1) == 0) {
-    return "shares the device with a volume manager's label";
-  }
-  // A boot loader in front of a file system has the signature too, but no partitions.
-  if (get_le16(sectors + 510) != 0xaa55) return nullptr;
-  for (const u8* entry = sectors + 446; entry < sectors + 510; entry += 16) {
-    const bool used = entry[4] != 0 && get_le32(entry + 12) != 0;  // type, length in sectors
-    if ((entry[0] & 0x7f) == 0 && used) return "shares the device with a partition table";
-  }
-  return nullptr;
-}
-
 chunk_window open_window(s64 start_chunk, u32 chunk_size, u32 fs_block_size, u8* bits, s32 count) {
   chunk_window w{};
   w.first = start_chunk < 0 ? 0 : static_cast<u64>(start_chunk);

@@ -86,7 +86,8 @@ const char* doubt_of(reiserfs_reader* r, u16 fs_state, fs_image image) {
   if (r->block_count() == 0 || r->bitmap_count() != r->bitmaps_needed()) {
     return "has counts that contradict each other";
   }
-  if (const char* rival = fs_reader_rival(r->hdd); rival != nullptr) return rival;
+  if (const char* rival = fs_reader_rival(r->hdd, fs_kind::reiserfs); rival != nullptr)
+    return rival;
   // A freeze commits transactions to the journal and need not copy them to their places.
   if (r->journal_dev() != 0) {
     return image == fs_image::frozen && r->umount_state() != state_valid
