@@ -254,6 +254,20 @@ TEST_F(spoiled_images, xfs_by_table) {
   }
 }
 
+// A number that cannot belong to this file system makes all of it doubtful, not one group.
+TEST_F(spoiled_images, ext2_descriptor_that_points_outside_spoils_all) {
+  std::mt19937 random = fixed();
+  use(make_ext2(dir / "image", 24 * MiB, "-t ext2 -b 1024 -g 1024", &random));
+  const u32 blocks = static_cast<u32>(image_.in_use.size());
+  const u32 inode_table = disk_->disk().peek(2048 + 5 * 32 + 8, 1)[0];
+  for (const u64 field : {0, 4, 8}) {
+    for (const u32 outside : {0U, blocks + 1, blocks + inode_table, ~0U}) {
+      EXPECT_TRUE(spoil(2048 + 5 * 32 + field, le32(outside), "descriptor 5").all_set())
+          << field << " " << outside;
+    }
+  }
+}
+
 // A group whose extents do not add up to its count is set as a whole; the others stay exact.
 TEST_F(spoiled_images, xfs_group_that_disagrees_is_set_alone) {
   std::mt19937 random = fixed();

@@ -201,7 +201,14 @@ void* ext2_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image i
       r->in_doubt = true;
     }
   }
-  if (!r->in_doubt && !load_tables(r)) return nullptr;
+  if (!r->in_doubt) {
+    if (!load_tables(r)) return nullptr;
+    if (!ext2_descriptors_inside(*r)) {
+      fs_reader_log_doubt(__func__, "ext2/ext3 FS", hdd->bd_dev,
+                          "has a group descriptor that points outside of it");
+      r->in_doubt = true;
+    }
+  }
   fail.cancel();
   return r;
 }

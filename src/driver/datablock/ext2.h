@@ -53,6 +53,10 @@ struct ext2_reader {
   u8 bit_cnt[256] = {};   // set bits of each byte value
 };
 
+// Whether every descriptor points into the file system. One that does not says that the file system
+// is larger than its superblock claims, or that the table is not its own: no group can be believed.
+[[nodiscard]] bool ext2_descriptors_inside(const ext2_reader& r);
+
 // Brings the group's bitmap into `bitmap`: what the disk says where that agrees with everything
 // else that is known of the group, all ones (and a log line) where it does not.
 //   returns  0 | the read's error (logged)

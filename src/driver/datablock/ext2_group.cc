@@ -87,11 +87,9 @@ void derive_bitmap(ext2_reader* r, u64 group, const group_desc& d) {
   set_bits(bits, blocks, r->block_size * 8ULL);
 }
 
-// Whether the bitmap is where a bitmap of this group can be.
+// Whether the bitmap, which lies in the file system, is where a bitmap of this group can be.
 bool bitmap_block_plausible(const ext2_reader& r, u64 group, u64 block) {
-  if ((r.sb.incompat & ext2_incompat_flex_bg) != 0) {
-    return block > r.first_data_block && block < r.blocks_count;
-  }
+  if ((r.sb.incompat & ext2_incompat_flex_bg) != 0) return true;
   return block >= ext2_group_start(r, group) && block < ext2_group_end(r, group);
 }
 
@@ -135,6 +133,21 @@ void distrust(ext2_reader* r, u64 group, const char* why) {
 }
 
 }  // namespace
+
+bool ext2_descriptors_inside(const ext2_reader& r) {
+  const auto inside = [&r](u64 first, u64 count) {
+    return first > r.first_data_block && first < r.blocks_count && count <= r.blocks_count - first;
+  };
+  const u64 table_blocks = inode_table_blocks(r);
+  for (u64 group = 0; group < r.group_desc_count; ++group) {
+    const group_desc d = parse_desc(r, group);
+    if (!inside(d.block_bitmap, 1) || !inside(d.inode_bitmap, 1) ||
+        !inside(d.inode_table, table_blocks)) {
+      return false;
+    }
+  }
+  return true;
+}
 
 int ext2_load_group(ext2_reader* r, u64 group) {
   if (r->cached_group == static_cast<s64>(group)) return 0;
