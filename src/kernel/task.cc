@@ -113,6 +113,22 @@ task_struct* current() noexcept {
   return self;
 }
 
+bool signal_pending() noexcept {
+  const task_struct* self = current();
+  return self->signal != nullptr && self->signal(self->signal_arg);
+}
+
+signal_scope::signal_scope(bool (*pending)(void*), void* arg) noexcept
+    : before_(current()->signal), arg_before_(current()->signal_arg) {
+  current()->signal = pending;
+  current()->signal_arg = arg;
+}
+
+signal_scope::~signal_scope() {
+  current()->signal = before_;
+  current()->signal_arg = arg_before_;
+}
+
 void might_sleep(const char* what) noexcept {
   const task_struct* self = current();
   if (self->spin_depth == 0 && self->irq_depth == 0) [[likely]]

@@ -21,18 +21,38 @@ enum task_state : u32 {
 // One per thread that ever calls into the kernel layer; lives as long as the thread.
 struct task_struct {
   std::atomic<u32> state{TASK_RUNNING};
-  s32 pid = 0;               // thread id of the host
-  char comm[64] = {};        // always NUL-terminated
-  user_space* mm = nullptr;  // whose memory copy_from_user and copy_to_user mean; not owned
-  u32 spin_depth = 0;        // spin locks held; sleeping is a bug while it is not 0
-  u32 irq_depth = 0;         // > 0: completion context
-  u32 table_reads = 0;       // for the driver: nested read holds of its device table
+  s32 pid = 0;                      // thread id of the host
+  char comm[64] = {};               // always NUL-terminated
+  user_space* mm = nullptr;         // whose memory copy_from_user and copy_to_user mean; not owned
+  u32 spin_depth = 0;               // spin locks held; sleeping is a bug while it is not 0
+  u32 irq_depth = 0;                // > 0: completion context
+  u32 table_reads = 0;              // for the driver: nested read holds of its device table
+  bool (*signal)(void*) = nullptr;  // see signal_scope
+  void* signal_arg = nullptr;
 };
 
 task_struct* current() noexcept;
 
 // Completion context: a bio's completion function is running. It must not sleep.
 inline bool in_interrupt() noexcept { return current()->irq_depth != 0; }
+
+// Whether nobody wants any more what the current task is doing: who asked for it has gone, or the
+// daemon ends. Work that may take long and may be given up looks between its portions and ends with
+// -EINTR; what a later command relies on is carried through.
+bool signal_pending() noexcept;
+// Says for the current task, while the object lives, how that is found out.
+//   pending  called by this task only, often; must not block
+class [[nodiscard]] signal_scope {
+ public:
+  signal_scope(bool (*pending)(void* arg), void* arg) noexcept;
+  ~signal_scope();
+  signal_scope(const signal_scope&) = delete;
+  signal_scope& operator=(const signal_scope&) = delete;
+
+ private:
+  bool (*before_)(void*);
+  void* arg_before_;
+};
 
 // Aborts with a message when the caller may not sleep (spin lock held, completion context).
 // Every operation of this layer that can block calls it first.
