@@ -16,8 +16,9 @@
 namespace kernel {
 
 constexpr u32 S_IFMT_ = 0xf000, S_IFBLK_ = 0x6000, S_IFCHR_ = 0x2000, S_IFDIR_ = 0x4000,
-              S_IFREG_ = 0x8000;
+              S_IFREG_ = 0x8000, S_IFLNK_ = 0xa000;
 constexpr bool s_isblk(u32 mode) { return (mode & S_IFMT_) == S_IFBLK_; }
+constexpr bool s_islnk(u32 mode) { return (mode & S_IFMT_) == S_IFLNK_; }
 
 constexpr u32 FO_RDONLY = 0, FO_WRONLY = 1, FO_RDWR = 2, FO_CREAT = 0x40, FO_TRUNC = 0x200,
               FO_SYNC = 0x1000, FO_LARGEFILE = 0x8000;

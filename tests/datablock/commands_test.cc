@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // GET_DATABLOCK_BMP and TEST_DATABLOCK as an agent meets them, and what the map saves.
+#include <filesystem>
+
 #include "driver/datablock/bits.h"
 #include "images.h"
+#include "kernel/claim.h"
+#include "kernel/task.h"
 
 namespace zorv_test {
 namespace {
@@ -11,9 +15,9 @@ constexpr u32 chunk = 65536;
 
 class datablock_commands : public driver_test {
  protected:
-  void make_image() {
+  void make_image(u64 bytes = 24 * MiB) {
     std::mt19937 random(7);
-    image = make_ext2(dir / "image", 24 * MiB, "-t ext3 -b 1024", &random);
+    image = make_ext2(dir / "image", bytes, "-t ext3 -b 1024", &random);
     disk = std::make_unique<image_disk>(image);
   }
   // A filter over the disk and a started snap on it.
@@ -126,6 +130,50 @@ TEST_F(datablock_commands, self_test_command) {
   EXPECT_EQ(test(std::string(1024, 'x')), -ENOENT) << "no NUL in the record";
   disk->disk().set_mounted(true);
   EXPECT_EQ(test(disk->disk().path()), -EBUSY);
+}
+
+// The dumps' names are known to everybody: nothing is written through what lies there, and what is
+// somebody's stays.
+TEST_F(datablock_commands, self_test_dumps_replace_older_dumps_and_nothing_else) {
+  // The names hold the sizes of whole and halved bitmaps; this process has its own.
+  const u64 whole = 3001 + static_cast<u64>(kernel::current()->pid) % 70;
+  make_image(whole * 8 * 1024);
+  const auto dump = [whole](u64 part) { return "/tmp/bmp.1024." + std::to_string(whole / part); };
+  const bytes precious(10000, 0x5a);
+  for (const u64 part : {1, 2, 4, 8}) std::filesystem::remove(dump(part));
+  write_file(dir / "linked", precious);
+  for (const u64 part : {2, 4, 8}) write_file(dump(part), precious);
+  std::filesystem::create_symlink(dir / "linked", dump(1));
+  kernel::file_id id;
+  kernel::file_claim claim;
+  ASSERT_EQ(kernel::path_identity(dump(4).c_str(), &id), 0);
+  ASSERT_EQ(kernel::claim_file(id, "an attached image", &claim), 0);
+  EXPECT_EQ(test(disk->disk().path()), 0) << log.errors();
+  EXPECT_EQ(read_file(dir / "linked"), precious) << "through a link";
+  EXPECT_EQ(read_file(dump(4)), precious) << "a file that is somebody's";
+  for (const u64 part : {1, 2, 8}) EXPECT_EQ(read_file(dump(part)).size(), whole) << part;
+  for (const u64 part : {1, 2, 4, 8}) std::filesystem::remove(dump(part));
+}
+
+TEST_F(datablock_commands, self_test_ends_when_nobody_waits_for_it) {
+  make_image(4 * MiB);
+  struct patience {
+    u64 asked = 0, limit = 0;
+  } p;
+  const kernel::signal_scope scope(
+      [](void* arg) {
+        auto* p = static_cast<patience*>(arg);
+        return ++p->asked > p->limit;
+      },
+      &p);
+  // Wherever it is by then, it asks and ends.
+  u64 questions = 0;
+  for (int rc = -EINTR; rc == -EINTR; ++questions) {
+    p = {0, questions};
+    rc = test(disk->disk().path());
+    EXPECT_TRUE(rc == 0 || (rc == -EINTR && p.asked == questions + 1)) << rc << log.errors();
+  }
+  EXPECT_GT(questions, 20U);
 }
 
 }  // namespace

@@ -53,10 +53,14 @@ int zorv_blkbmp_init(zorv_blkbmp* b);
 //   hdd         open for reading
 //   chunk_size  bytes
 //   context     may sleep; one build per map at a time
+//   build       a snap's map is built to its end, whoever asked for it: it is used long after
 //   returns     >= 0 (bytes of the last fragment) | -EINVAL (no file system known, bad chunk size,
-//               too many chunks) | -ENOMEM | -EAGAIN (destroyed meanwhile) | the reader's error;
-//               after a failure the map is invalid
-int zorv_blkbmp_read(zorv_blkbmp* b, kernel::block_device* hdd, s32 chunk_size);
+//               too many chunks) | -ENOMEM | -EAGAIN (destroyed meanwhile) | -EINTR (interruptible,
+//               and kernel::signal_pending) | the reader's error; after a failure the map is
+//               invalid
+enum class map_build { whole, interruptible };
+int zorv_blkbmp_read(zorv_blkbmp* b, kernel::block_device* hdd, s32 chunk_size,
+                     map_build build = map_build::whole);
 // 1 when the chunk may hold data: also for an invalid map and for a chunk beyond its end.
 [[nodiscard]] int zorv_blkbmp_test_bit(const zorv_blkbmp* b, u64 chunk);
 // One bit per extent: set when any of its chunks reads 1. An invalid map gives size_bytes of 0xFF.
@@ -77,7 +81,8 @@ enum class sa_run { measure, build };
 [[nodiscard]] int create_sa(sa* fragment, s32 piece_cnt, s32 piece_size, const u8* data,
                             sa_run run);
 
-// The self-test: 0 when readers, map and export agree with one another on this device.
+// The self-test: 0 when readers, map and export agree with one another on this device; -EINTR when
+// nobody wants to know any more (kernel::signal_pending).
 [[nodiscard]] int zorv_blkbmp_test(kernel::block_device* hdd);
 
 }  // namespace zorv

@@ -7,6 +7,7 @@
 #include "driver/datablock/bits.h"
 #include "driver/util/file.h"
 #include "kernel/mem.h"
+#include "kernel/task.h"
 #include "kernel/time.h"
 
 namespace zorv {
@@ -39,13 +40,66 @@ bool any_block(const u8* blocks, u64 block_cnt, u64 chunk, u64 per_chunk) {
   return find_set_bit(blocks, chunk * per_chunk, end) < end;
 }
 
+// Long loops ask now and then whether anybody still wants the result.
+constexpr u64 ask_every = 1 << 20;
+bool given_up(u64 i) { return i % ask_every == 0 && kernel::signal_pending(); }
+
+// Frees the name for a dump: an older dump goes, and so does a link, which is never followed. What
+// is somebody's stays.
+void make_way(const char* name, const char* owner, u32 flags) {
+  kernel::dentry* entry = zorv_get_file_dentry(name, 0);
+  if (entry == nullptr || kernel::is_err(entry)) return;
+  const bool is_link = kernel::s_islnk(entry->d_inode()->i_mode);
+  kernel::dput(entry);
+  kernel::file_id link;
+  if (is_link) {
+    if (kernel::path_identity(name, &link) == 0) (void)kernel::fs_unlink_file(name, link);
+    return;
+  }
+  kernel::file_claim claim;
+  zorv_file* older = nullptr;
+  if (zorv_fopen_own(name, flags, owner, file_lock::exclusive, &claim, &older) != 0) return;
+  (void)kernel::fs_unlink_file(name, claim.id());
+  zorv_fclose(older);
+}
+
 void dump(const u8* bits, u64 bytes, u32 chunk_size, u64 portion) {
+  constexpr const char* owner = "a dump of the self-test";
+  constexpr u32 flags = kernel::FO_RDWR | kernel::FO_LARGEFILE;
   char name[64];
   std::snprintf(name, sizeof name, "/tmp/bmp.%d.%d", static_cast<s32>(chunk_size),
                 static_cast<s32>(portion));
-  const zorv_file_ptr file(zorv_fopen(
-      name, kernel::FO_RDWR | kernel::FO_CREAT | kernel::FO_TRUNC | kernel::FO_LARGEFILE, 0666));
-  if (file != nullptr) (void)zorv_fwrite(file.get(), 0, bits, static_cast<int>(bytes));
+  make_way(name, owner, flags);
+  kernel::file_claim claim;
+  zorv_file* made = nullptr;
+  if (zorv_fopen_own(name, flags | kernel::FO_CREAT | kernel::FO_EXCL, owner, file_lock::exclusive,
+                     &claim, &made) != 0) {
+    return;
+  }
+  const zorv_file_ptr file(made);
+  (void)zorv_fwrite(file.get(), 0, bits, static_cast<int>(bytes));
+}
+
+// A range of chunks, and how much of it one call reads: a multiple of 8.
+struct chunk_range {
+  u64 start, count, portion;
+};
+
+// Reads the range in calls of its portion, and of no more than ask_every blocks each. `failed`,
+// when not null, gets the call that failed.
+int read_chunks(void* context, fs_read_fn read, u32 block_size, u32 chunk_size,
+                const chunk_range& range, u8* bits, chunk_range* failed) {
+  const u64 most = std::max<u64>(ask_every / (chunk_size / block_size), 8);
+  const u64 portion = std::min(range.portion, most);
+  for (u64 at = 0; at < range.count; at += portion) {
+    if (kernel::signal_pending()) return -EINTR;
+    const u64 chunks = std::min(portion, range.count - at);
+    const int rc = read(context, static_cast<s64>(range.start + at), chunk_size, bits + (at >> 3),
+                        static_cast<s32>(chunks));
+    if (rc < 0 && failed != nullptr) *failed = {range.start + at, chunks, portion};
+    if (rc < 0) return rc;
+  }
+  return 0;
 }
 
 // One chunk size of the reader test: every portion size, against the block bits in *reference
@@ -57,22 +111,10 @@ struct reader_test {
   fs_read_fn read;
   kernel::vbuf<u8> reference;
 
-  int read_in_portions(u8* bits, u32 chunk_size, u64 chunks, u64 portion_bytes) const {
-    for (u64 start = 0; start < chunks; start += portion_bytes * 8) {
-      const s32 count = static_cast<s32>(std::min(portion_bytes * 8, chunks - start));
-      const int rc = read(context, static_cast<s64>(start), chunk_size, bits + (start >> 3), count);
-      if (rc < 0) {
-        zorv_log(LOG_ERROR, "Failed to read %d bits starting from chunk %d", count,
-                 static_cast<s32>(start));
-        return rc;
-      }
-    }
-    return 0;
-  }
-
   int compare(const u8* bits, u32 chunk_size, u64 chunks) const {
     const u64 per_chunk = chunk_size / block_size;
     for (u64 c = 0; c < chunks; ++c) {
+      if (given_up(c)) return -EINTR;
       const bool expected = any_block(reference.get(), block_cnt, c, per_chunk);
       if (bit_at(bits, c) == expected) continue;
       zorv_log(LOG_ERROR,
@@ -94,7 +136,13 @@ struct reader_test {
       zorv_log(3, "Testing chunk_size=%d, chunks=%d (portion_size=%d): /tmp/bmp.%d.%d", chunk_size,
                static_cast<s32>(chunks), static_cast<s32>(portion), chunk_size,
                static_cast<s32>(portion));
-      int rc = read_in_portions(bits.get(), chunk_size, chunks, portion);
+      chunk_range failed{};
+      int rc = read_chunks(context, read, block_size, chunk_size, {0, chunks, portion * 8},
+                           bits.get(), &failed);
+      if (failed.count != 0) {
+        zorv_log(LOG_ERROR, "Failed to read %d bits starting from chunk %d",
+                 static_cast<s32>(failed.count), static_cast<s32>(failed.start));
+      }
       if (rc < 0) return rc;
       dump(bits.get(), bytes, chunk_size, portion);
       if (reference == nullptr) {
@@ -118,6 +166,11 @@ struct volume_test {
   kernel::vbuf<u8> blocks;  // the reference: one bit per block
   kernel::vbuf<u8> chunks;  // what is compared with it
 
+  int read_volume(u64 start, u32 chunk_size, u8* bits, u64 count) const {
+    return read_chunks(reader->context(), reader->ops()->read, block_size, chunk_size,
+                       {start, count, ask_every}, bits, nullptr);
+  }
+
   // Reads a range of chunks from a varying start on.
   int test_ranges() {
     if (block_size > max_chunk) return 0;
@@ -128,9 +181,10 @@ struct volume_test {
       const s32 count = static_cast<s32>(total - start);
       zorv_log(3, "%s(): Testing bitmap reading for start chunk=%d, chunk size=%d, chunks=%d",
                "zorv_blkbmp_test", static_cast<s32>(start), chunk_size, count);
-      const int rc = reader->read(static_cast<s64>(start), chunk_size, chunks.get(), count);
+      const int rc = read_volume(start, chunk_size, chunks.get(), total - start);
       if (rc < 0) return rc;
       for (u64 c = 0; c < total - start; ++c) {
+        if (given_up(c)) return -EINTR;
         const bool expected = any_block(blocks.get(), block_cnt, start + c, per_chunk);
         if (bit_at(chunks.get(), c) == expected) continue;
         zorv_log(LOG_ERROR, "%s(): Bitmap inconsistency for chunk %d: expected %d, got %d",
@@ -151,12 +205,13 @@ struct volume_test {
       const s32 extents = static_cast<s32>(
           block_cnt == 0 ? 0 : (block_cnt - 1 + static_cast<u64>(per_extent)) / per_extent);
       zorv_log(3, "%s(): Testing downsample to extent size %d", "zorv_blkbmp_test", extent_size);
-      int rc = reader->read(0, extent_size, chunks.get(), extents);
+      int rc = read_volume(0, extent_size, chunks.get(), static_cast<u64>(extents));
       if (rc < 0) return rc;
       rc = zorv_blkbmp_export(map, per_extent, exported.get(),
                               static_cast<s32>(bytes_of_bits(block_cnt)));
       if (rc < 0) return rc;
       for (s32 k = 0; k < extents; ++k) {
+        if (given_up(static_cast<u64>(k))) return -EINTR;
         const bool expected = bit_at(chunks.get(), static_cast<u64>(k));
         const bool got = bit_at(exported.get(), static_cast<u64>(k));
         if (expected == got) continue;
@@ -202,6 +257,7 @@ int zorv_blkbmp_test_reader(kernel::block_device* hdd, void* context, u32 block_
 int zorv_blkbmp_test_compressed(const zorv_blkbmp* map, const u8* blocks, u64 block_cnt) {
   zorv_log(2, "   Comparing the results...");
   for (u64 i = 0; i < block_cnt; ++i) {
+    if (given_up(i)) return -EINTR;
     const int expected = bit_at(blocks, i) ? 1 : 0;
     const int got = zorv_blkbmp_test_bit(map, i);
     if (got == expected) continue;
@@ -246,7 +302,7 @@ int zorv_blkbmp_test(kernel::block_device* hdd) {
   if (test.blocks == nullptr) return -ENOMEM;
   test.chunks = bit_array(__func__, block_cnt);
   if (test.chunks == nullptr) return -ENOMEM;
-  rc = reader.read(0, block_size, test.blocks.get(), static_cast<s32>(block_cnt));
+  rc = test.read_volume(0, block_size, test.blocks.get(), block_cnt);
   if (rc < 0) return rc;
 
   zorv_log(2,
@@ -256,7 +312,11 @@ int zorv_blkbmp_test(kernel::block_device* hdd) {
   zorv_blkbmp map;
   const scope_exit destroy([&map] { zorv_blkbmp_destroy(&map); });
   zorv_blkbmp_init(&map);
-  (void)zorv_blkbmp_read(&map, hdd, static_cast<s32>(block_size));
+  // Whatever else it says shows in the comparison.
+  if (zorv_blkbmp_read(&map, hdd, static_cast<s32>(block_size), map_build::interruptible) ==
+      -EINTR) {
+    return -EINTR;
+  }
   rc = zorv_blkbmp_test_compressed(&map, test.blocks.get(), block_cnt);
   if (rc < 0) return rc;
   rc = test.test_ranges();
