@@ -37,6 +37,8 @@ using unplug_fn = void (*)(request_queue*);
 struct request_queue {
   make_request_fn make_request = nullptr;
   std::atomic<unplug_fn> unplug{nullptr};  // none after blk_cleanup_queue
+  unplug_fn unplug_late =
+      nullptr;  // if set, what the 3 ms timer calls instead; never waits for I/O
   void* queuedata = nullptr;
   queue_limits limits;
   u32 ra_pages = 32;

@@ -19,7 +19,7 @@ enum class fault_site : u32 {
   node_make,  // device nodes
   bio_read,   // a bio sent to a disk that honours the switch (memory disk, image disk)
   bio_write,
-  bio_flush,
+  bio_flush,  // ... or the sync that an image disk serves flushes and FUA writes with
   thread_create,
   chrdev_register,
   blkdev_register,

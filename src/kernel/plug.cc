@@ -74,11 +74,20 @@ bool take_timer(request_queue* q) {
   return q->plug_head != nullptr;
 }
 
+// The thread is every queue's, so a disk that has to wait for its medium does it elsewhere.
+void unplug_from_timer(request_queue* q) {
+  if (q->unplug_late != nullptr && q->unplug.load(std::memory_order_relaxed) != nullptr) {
+    q->unplug_late(q);
+  } else {
+    blk_unplug(q);
+  }
+}
+
 void* timer_main(void*) noexcept {
   daemonize("kblockd");
   for (;;) {
     request_queue* q = next_due(&timer());
-    if (take_timer(q)) blk_unplug(q);
+    if (take_timer(q)) unplug_from_timer(q);
     q->plug_users.fetch_sub(1);
   }
 }

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "host/disk/disk.h"
-#include "host/disk/engine.h"
+#include "host/held_file.h"
 #include "kernel/fault.h"
 #include "kernel/fs.h"
 #include "kernel/uaccess.h"
@@ -197,17 +197,78 @@ TEST_F(image_test, a_broken_tail_is_not_served_and_read_only_is_read_only) {
 }
 
 TEST_F(image_test, a_sync_that_failed_once_is_never_believed_again) {
-  int ends[2];
-  ASSERT_EQ(::pipe(ends), 0);  // reads and writes as it likes, but cannot be synced
-  const auto engine =
-      zorv::file_engine::create(ends[0], zorv::engine_backing::block_device, "a pipe");
-  ASSERT_NE(engine, nullptr);
-  EXPECT_EQ(engine->sync(), -EINVAL);
-  const int good = ::open(make("vm.raw", 4096).c_str(), O_RDWR);
-  ASSERT_EQ(::dup2(good, ends[0]), ends[0]);
-  EXPECT_EQ(engine->sync(), -EIO);
-  EXPECT_EQ(log.count("a pipe: a sync failed"), 1);
-  for (const int fd : {ends[0], ends[1], good}) ::close(fd);
+  const std::string path = make("vm.raw", 1 << 20);
+  for (const int number : {ENOSPC, EDQUOT, EIO}) {
+    for (const bool by_fua : {true, false}) {
+      ASSERT_EQ(attach(path), 0) << error;
+      client c = open("vm");
+      kernel::fault_arm(kernel::fault_site::bio_flush, 1, 1, number);
+      EXPECT_EQ(by_fua ? c.write(0, bytes(4096, 1), kernel::REQ_FUA) : c.flush(), -number);
+      EXPECT_EQ(c.flush(), -EIO);
+      EXPECT_EQ(c.write(4096, bytes(4096, 2), kernel::REQ_FUA), -EIO);
+      EXPECT_EQ(c.write(4096, bytes(4096, 3), kernel::REQ_FLUSH), -EIO);
+      EXPECT_EQ(c.fill(8192, 4096, 4), 0) << "what promises nothing still goes";
+      EXPECT_EQ(kernel::fsync_bdev(c.bdev()), -EIO);
+      c.close();
+      ASSERT_EQ(zorv::image_detach("vm", &error), 0);
+    }
+  }
+  EXPECT_EQ(log.count("/dev/image/vm: a sync failed"), 6);
+}
+
+TEST_F(image_test, syncs_that_wait_share_the_next_one) {
+  ASSERT_EQ(attach(make("vm.raw", 1 << 20)), 0);
+  client c = open("vm");
+  std::vector<std::unique_ptr<pending_io>> all;
+  kernel::fault_arm(kernel::fault_site::bio_flush, 1, 0, EIO);  // counts
+  {
+    const held_file hold(dir / "vm.raw");
+    all.push_back(c.start_write(0, {}, kernel::REQ_FLUSH));
+    ASSERT_TRUE(eventually([] { return held_file::waiting() == 1; }));
+    for (u64 i = 0; i < 16; ++i) all.push_back(c.start_write(i * 8192, {}, kernel::REQ_FLUSH));
+  }
+  for (auto& io : all) EXPECT_EQ(io->wait(), 0);
+  EXPECT_EQ(kernel::fault_calls(kernel::fault_site::bio_flush), 2U);
+  all.clear();
+  for (u64 i = 0; i < 16; ++i) {
+    const u32 first = i % 4 == 0 ? kernel::REQ_FLUSH : 0;
+    all.push_back(c.start_write(i * 8192, bytes(4096, 1), kernel::REQ_FUA | first));
+  }
+  for (auto& io : all) EXPECT_EQ(io->wait(), 0);
+  EXPECT_EQ(c.get(12 * 8192, 4096), bytes(4096, 1));
+}
+
+TEST_F(image_test, a_disk_that_does_not_answer_holds_up_no_other) {
+  ASSERT_EQ(attach(make("slow.raw", 1 << 20)), 0);
+  ASSERT_EQ(attach(make("fast.raw", 1 << 20)), 0);
+  client slow = open("slow"), fast = open("fast");
+  std::vector<std::unique_ptr<pending_io>> stuck;
+  alignas(kernel::page_size) static std::byte page[kernel::page_size];
+  {
+    const held_file hold(dir / "slow.raw");
+    for (u64 i = 0; i < 32; ++i) {
+      stuck.push_back(slow.start_read(i * 8192, 4096));
+      stuck.push_back(slow.start_write(0, {}, kernel::REQ_FLUSH));
+    }
+    // Requests that nobody unplugs but the timer, whose thread both disks need.
+    static std::atomic<int> ended{0};
+    for (const client* c : {&slow, &fast}) {
+      kernel::bio* b = kernel::bio_alloc(kernel::GFP_KERNEL, 1);
+      b->bi_bdev = c->bdev();
+      b->bi_end_io = [](kernel::bio* done, int) { kernel::bio_put(done), ++ended; };
+      kernel::bio_add_page(b, kernel::page_at(page), kernel::page_size, 0);
+      kernel::submit_bio(kernel::WRITE, b);
+    }
+    ASSERT_TRUE(eventually([] { return ended == 1 && held_file::waiting() >= 2; }));
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(fast.write(0, bytes(4096, 1), kernel::REQ_FUA), 0);
+      drop_cache(dir / "fast.raw");
+      EXPECT_EQ(fast.get(0, 4096), bytes(4096, 1));
+      EXPECT_EQ(fast.flush(), 0);
+    }
+    EXPECT_GE(held_file::waiting(), 2U);
+  }
+  for (auto& io : stuck) EXPECT_EQ(io->wait(), 0);
 }
 
 TEST_F(image_test, block_ioctls_are_answered) {

@@ -70,10 +70,10 @@ struct file_engine::run {
     return true;
   }
 
-  // Ends the bios that lie wholly within the first `done` bytes and hands the others to `rest`, in
-  // order. A bio may be gone once it has ended.
-  template <class Rest>
-  void finish(u64 done, Rest rest) {
+  // Hands the bios that lie wholly within the first `moved` bytes to `done` and the others to
+  // `rest`, in order. A bio may be gone then.
+  template <class Done, class Rest>
+  void finish(u64 moved, Done done, Rest rest) {
     u64 end = 0;
     bio* next = first;
     do {
@@ -81,8 +81,8 @@ struct file_engine::run {
       next = b == last ? nullptr : b->bi_next;
       b->bi_next = nullptr;
       end += b->bi_size;
-      if (end <= done) {
-        bio_endio(b, 0);
+      if (end <= moved) {
+        done(b);
       } else {
         rest(b);
       }
@@ -98,7 +98,7 @@ struct file_engine::moved {
 std::unique_ptr<file_engine> file_engine::create(int fd, engine_backing backing,
                                                  const char* label) {
   std::unique_ptr<file_engine> e(new (std::nothrow) file_engine(fd, backing, label));
-  if (e == nullptr || (e->pool_ = io_pool::get()) == nullptr) return nullptr;
+  if (e == nullptr || (e->pool_ = io_pool::create(e.get())) == nullptr) return nullptr;
   return e;
 }
 
@@ -107,32 +107,24 @@ file_engine::file_engine(int fd, engine_backing backing, const char* label)
   std::snprintf(label_, sizeof label_, "%s", label);
 }
 
-file_engine::~file_engine() {
-  if (pool_ != nullptr) pool_->drain(this);
-}
+file_engine::~file_engine() = default;
 
 void file_engine::attach(kernel::request_queue* q) {
   q->queuedata = this;
   q->unplug = unplug;
+  q->unplug_late = hand_over;
   kernel::blk_queue_make_request(q, make_request);
-}
-
-bool file_engine::is_pure_flush(const bio* b) {
-  return (b->bi_rw & kernel::REQ_FLUSH) != 0 && b->bi_size == 0;
 }
 
 int file_engine::make_request(kernel::request_queue* q, bio* b) {
   auto* e = static_cast<file_engine*>(q->queuedata);
-  const bool flush = (b->bi_rw & kernel::REQ_FLUSH) != 0;
-  const auto site = flush             ? kernel::fault_site::bio_flush
-                    : bio_is_write(b) ? kernel::fault_site::bio_write
-                                      : kernel::fault_site::bio_read;
-  if (const int error = kernel::fault_check(site); error != 0) {
+  if ((b->bi_rw & kernel::REQ_FLUSH) != 0) {
+    e->pool_->push(b, lane::stable);
+    return 0;
+  }
+  const auto site = bio_is_write(b) ? kernel::fault_site::bio_write : kernel::fault_site::bio_read;
+  if (const int error = kernel::fault_check(site); error != 0 || b->bi_size == 0) {
     bio_endio(b, error);
-  } else if (flush || (bio_is_write(b) && (b->bi_rw & kernel::REQ_FUA) != 0)) {
-    e->pool_->push(e, b, lane::stable);
-  } else if (b->bi_size == 0) {
-    bio_endio(b, 0);
   } else {
     kernel::blk_plug_bio(q, b);
   }
@@ -142,6 +134,16 @@ int file_engine::make_request(kernel::request_queue* q, bio* b) {
 void file_engine::unplug(kernel::request_queue* q) {
   if (bio* list = kernel::blk_take_plugged(q); list != nullptr) {
     static_cast<file_engine*>(q->queuedata)->serve(list);
+  }
+}
+
+// For the unplug timer, which is every disk's and must not wait for this one.
+void file_engine::hand_over(kernel::request_queue* q) {
+  auto* e = static_cast<file_engine*>(q->queuedata);
+  for (bio* b = kernel::blk_take_plugged(q); b != nullptr;) {
+    bio* next = b->bi_next;
+    e->pool_->push(b, lane::data);
+    b = next;
   }
 }
 
@@ -194,8 +196,10 @@ void file_engine::read_cached(run* r) {
   } else if (in_memory_) {
     n = ::preadv(fd_, r->iov, count, at);
   }
-  // A short count may be the end of the cache or of the file; the pool finds out which.
-  r->finish(n > 0 ? static_cast<u64>(n) : 0, [this](bio* b) { pool_->push(this, b, lane::data); });
+  // A short count may be the end of the cache or of the file; a thread finds out which.
+  r->finish(
+      n > 0 ? static_cast<u64>(n) : 0, [](bio* b) { bio_endio(b, 0); },
+      [this](bio* b) { pool_->push(b, lane::data); });
 }
 
 // A write past the present end of an image would bring back a length that someone has taken away,
@@ -209,69 +213,64 @@ int file_engine::check_end(u64 end_bytes) const {
 }
 
 void file_engine::write_run(run* r) {
-  if (backing_ == engine_backing::block_device) {
-    r->finish(0, [this](bio* b) { pool_->push(this, b, lane::data); });
-    return;
-  }
-  if (check_end(r->offset + r->bytes) != 0) {
-    // Those that end before the new end of the file are still good: the pool takes them singly.
-    r->finish(0, [this](bio* b) { pool_->push(this, b, lane::data); });
+  const auto defer = [this](bio* b) { pool_->push(b, lane::data); };
+  // Past the end of the file: those that end before it are still good, and are taken singly.
+  if (backing_ == engine_backing::block_device || check_end(r->offset + r->bytes) != 0) {
+    r->finish(0, defer, defer);
     return;
   }
   const moved m = transfer(r, 0);
-  r->finish(m.bytes, [&m](bio* b) { bio_endio(b, m.error); });
+  r->finish(
+      m.bytes, [this](bio* b) { done(b, 0); }, [&m](bio* b) { bio_endio(b, m.error); });
 }
 
-void file_engine::serve_deferred(bio* list) {
-  if (is_pure_flush(list)) {
-    const int error = sync();
-    while (list != nullptr) {
-      bio* next = list->bi_next;
-      list->bi_next = nullptr;
-      bio_endio(list, error);
-      list = next;
-    }
-    return;
+// The bio's data has been moved, or not.
+void file_engine::done(bio* b, int error) {
+  if (error == 0 && bio_is_write(b) && (b->bi_rw & kernel::REQ_FUA) != 0) {
+    pool_->push(b, lane::stable);
+  } else {
+    bio_endio(b, error);
   }
-  int error = (list->bi_rw & kernel::REQ_FLUSH) != 0 ? sync() : 0;
+}
+
+void file_engine::serve_data(bio* b) {
   run r;
-  r.add(list);
-  if (error == 0 && bio_is_write(list)) error = check_end(r.offset + r.bytes);
-  if (error == 0) {
-    const bool stable = bio_is_write(list) && (list->bi_rw & kernel::REQ_FUA) != 0;
-    error = stable ? write_stable(&r) : transfer(&r, 0).error;
-  }
-  bio_endio(list, error);
+  r.add(b);
+  int error = bio_is_write(b) ? check_end(r.offset + r.bytes) : 0;
+  if (error == 0) error = transfer(&r, 0).error;
+  done(b, error);
 }
 
-int file_engine::write_stable(run* r) {
-  const std::lock_guard guard(sync_lock_);
-  if (sync_failed_) return -EIO;
-  const int error = transfer(r, RWF_DSYNC).error;
-  // Of the errors only this one may speak of other data than this write's.
-  if (error == -EIO) sync_error(error);
-  return error;
+void file_engine::serve_stable(bio* list) {
+  const int error = sync();
+  while (list != nullptr) {
+    bio* b = list;
+    list = b->bi_next;
+    b->bi_next = nullptr;
+    if (error == 0 && (b->bi_rw & kernel::REQ_FLUSH) != 0 && b->bi_size != 0) {
+      b->bi_rw &= ~kernel::REQ_FLUSH;  // what was to be stable before it is
+      pool_->push(b, lane::data);
+    } else {
+      bio_endio(b, error);
+    }
+  }
 }
 
 int file_engine::sync() {
   const std::lock_guard guard(sync_lock_);
   if (sync_failed_) return -EIO;
-  int error = 0;
-  while (::fdatasync(fd_) != 0) {
-    if (errno == EINTR) continue;
-    error = -errno;
-    break;
+  int error = kernel::fault_check(kernel::fault_site::bio_flush);
+  while (error == 0 && ::fdatasync(fd_) != 0) {
+    if (errno != EINTR) error = -errno;
   }
-  if (error != 0) sync_error(error);
+  if (error != 0) {
+    sync_failed_ = true;
+    kernel::printk(
+        "<3>ERROR: %s: a sync failed with error %d; flushes fail from here on, because data that "
+        "was acknowledged may be lost.\n",
+        label_, error);
+  }
   return error;
-}
-
-void file_engine::sync_error(int error) {
-  sync_failed_ = true;
-  kernel::printk(
-      "<3>ERROR: %s: a sync failed with error %d; flushes fail from here on, because data that was "
-      "acknowledged may be lost.\n",
-      label_, error);
 }
 
 }  // namespace zorv

@@ -11,35 +11,26 @@ namespace zorv {
 using kernel::bio;
 using kernel::u32;
 
-namespace {
-
-file_engine* engine_of(const bio* b) {
-  return static_cast<file_engine*>(kernel::bdev_get_queue(b->bi_bdev)->queuedata);
-}
-
-}  // namespace
-
-std::shared_ptr<io_pool> io_pool::get() {
-  static std::mutex lock;
-  static std::weak_ptr<io_pool> current;
-  const std::lock_guard guard(lock);
-  std::shared_ptr<io_pool> pool = current.lock();
-  if (pool != nullptr) return pool;
-  pool.reset(new (std::nothrow) io_pool);
-  if (pool == nullptr || !pool->start()) return nullptr;
-  current = pool;
-  return pool;
-}
-
-bool io_pool::start() {
+std::unique_ptr<io_pool> io_pool::create(file_engine* engine) {
+  std::unique_ptr<io_pool> pool(new (std::nothrow) io_pool(engine));
+  if (pool == nullptr) return nullptr;
+  const std::lock_guard guard(pool->lock_);
   try {
-    for (unsigned i = 0; i < data_threads + stable_threads; ++i) {
-      queue* q = i < data_threads ? &data_ : &stable_;
-      threads_.emplace_back([this, q] { serve(q); });
-    }
-  } catch (const std::exception&) {
-    return false;  // the destructor joins those that run
+    pool->threads_.reserve(data_threads + stable_threads);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
   }
+  if (pool->start_locked(&pool->data_) && pool->start_locked(&pool->stable_)) return pool;
+  return nullptr;
+}
+
+bool io_pool::start_locked(queue* q) {
+  try {
+    threads_.emplace_back([this, q] { serve(q); });
+  } catch (const std::exception&) {
+    return false;
+  }
+  ++q->threads;
   return true;
 }
 
@@ -53,68 +44,57 @@ io_pool::~io_pool() {
   for (std::thread& t : threads_) t.join();
 }
 
-void io_pool::push(file_engine* e, bio* b, file_engine::lane where) {
+void io_pool::push(bio* b, file_engine::lane where) {
   queue* q = where == file_engine::lane::data ? &data_ : &stable_;
   b->bi_next = nullptr;
   {
     const std::lock_guard guard(lock_);
-    ++e->deferred_;
-    if (q->head == nullptr) {
-      q->head = b;
-    } else {
-      q->tail->bi_next = b;
-    }
+    ++held_;
+    (q->head == nullptr ? q->head : q->tail->bi_next) = b;
     q->tail = b;
   }
   q->work.notify_one();
 }
 
-void io_pool::drain(file_engine* e) {
-  std::unique_lock guard(lock_);
-  idle_.wait(guard, [e] { return e->deferred_ == 0; });
-}
-
-// Takes the first job. With a flush go all the flushes of that disk that wait already: one sync
-// covers them.
-bio* io_pool::pop_locked(queue* q, u32* count) {
-  bio* first = q->head;
-  q->head = first->bi_next;
-  first->bi_next = nullptr;
+// The first job; of those that wait for a sync all, because one covers them.
+bio* io_pool::take_locked(queue* q, u32* count) {
+  bio* list = q->head;
   *count = 1;
-  if (!file_engine::is_pure_flush(first)) return first;
-  bio* taken = first;
-  bio* before = nullptr;
-  for (bio* b = q->head; b != nullptr;) {
-    bio* next = b->bi_next;
-    if (file_engine::is_pure_flush(b) && engine_of(b) == engine_of(first)) {
-      (before == nullptr ? q->head : before->bi_next) = next;
-      b->bi_next = nullptr;
-      taken->bi_next = b;
-      taken = b;
-      ++*count;
-    } else {
-      before = b;
-    }
-    b = next;
+  if (q->lane == file_engine::lane::data) {
+    q->head = list->bi_next;
+    list->bi_next = nullptr;
+    return list;
   }
-  q->tail = before;
-  return first;
+  for (const bio* b = list; b->bi_next != nullptr; b = b->bi_next) ++*count;
+  q->head = nullptr;
+  return list;
 }
 
 void io_pool::serve(queue* q) noexcept {
   kernel::daemonize(q == &data_ ? "zorv-io" : "zorv-sync");
   std::unique_lock guard(lock_);
   for (;;) {
-    q->work.wait(guard, [&] { return q->head != nullptr || stopping_; });
+    ++q->idle;
+    q->work.wait(guard, [&] { return q->head != nullptr || (stopping_ && held_ == 0); });
+    --q->idle;
     if (q->head == nullptr) return;
     u32 count = 0;
-    bio* list = pop_locked(q, &count);
-    file_engine* e = engine_of(list);
+    bio* list = take_locked(q, &count);
+    // Whoever takes the last idle thread's place starts the next one: threads come as the disk
+    // turns out to need them, and from threads of the disk, whose priority they inherit.
+    if (q->idle == 0 && q->threads < q->max_threads && !stopping_) (void)start_locked(q);
     guard.unlock();
-    e->serve_deferred(list);
+    if (q == &data_) {
+      engine_->serve_data(list);
+    } else {
+      engine_->serve_stable(list);
+    }
     guard.lock();
-    e->deferred_ -= count;
-    if (e->deferred_ == 0) idle_.notify_all();
+    held_ -= count;
+    if (stopping_ && held_ == 0) {
+      data_.work.notify_all();
+      stable_.work.notify_all();
+    }
   }
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// The threads that wait for media on behalf of all file engines. There while there is an engine.
+// The threads that wait for one disk's medium. Each disk has its own, so that one that answers
+// slowly or not at all takes nothing from the others.
 //
 // Two lanes, so that syncs, which take long, never hold up reads: one for data, one for what must
 // reach stable storage. Jobs are the bios themselves; nothing is allocated to hand one over.
@@ -17,38 +18,42 @@ namespace zorv {
 
 class io_pool {
  public:
-  // The one pool, started if need be; null when its threads cannot be started.
-  [[nodiscard]] static std::shared_ptr<io_pool> get();
+  // Null when memory or the first thread of a lane cannot be had.
+  [[nodiscard]] static std::unique_ptr<io_pool> create(file_engine* engine);
+  // Waits until it holds no bio any more. Nobody else pushes by then.
   ~io_pool();
   io_pool(const io_pool&) = delete;
   io_pool& operator=(const io_pool&) = delete;
 
-  void push(file_engine* e, kernel::bio* b, file_engine::lane where);
-  // Waits until the pool holds no bio of the engine.
-  void drain(file_engine* e);
+  void push(kernel::bio* b, file_engine::lane where);
 
  private:
   // Cold random reads ran alike with 4, 8 and 16 threads on a disk that answers in 100 us; eight
-  // leaves a slower one something to reorder. Two on syncs let one disk's sync pass another's.
+  // leaves a slower one something to reorder. Syncs of one disk go one after the other anyway.
   static constexpr unsigned data_threads = 8;
-  static constexpr unsigned stable_threads = 2;
+  static constexpr unsigned stable_threads = 1;
 
   struct queue {
+    const file_engine::lane lane;
+    const unsigned max_threads;
     kernel::bio* head = nullptr;
     kernel::bio* tail = nullptr;
+    unsigned threads = 0;
+    unsigned idle = 0;
     std::condition_variable work;
   };
 
-  io_pool() = default;
-  bool start();
+  explicit io_pool(file_engine* engine) : engine_(engine) {}
+  bool start_locked(queue* q);
   void serve(queue* q) noexcept;
-  kernel::bio* pop_locked(queue* q, kernel::u32* count);
+  static kernel::bio* take_locked(queue* q, kernel::u32* count);
 
-  std::mutex lock_;
+  file_engine* const engine_;
+  std::mutex lock_;  // everything below
   bool stopping_ = false;
-  queue data_;
-  queue stable_;
-  std::condition_variable idle_;
+  kernel::u32 held_ = 0;  // bios in a queue or in a thread's hands
+  queue data_{file_engine::lane::data, data_threads};
+  queue stable_{file_engine::lane::stable, stable_threads};
   std::vector<std::thread> threads_;
 };
 
