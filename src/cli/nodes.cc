@@ -130,23 +130,26 @@ json info_document(const zorv_info_req& info) {
   return doc;
 }
 
+constexpr std::streamoff cow_seal_bytes = 4096;  // behind the bits of a COW bitmap file
+
 cow_progress snap_progress(const zorv_info_req& info) {
   cow_progress progress;
   struct stat st {};
   if (::stat(field(info.cow_data_fname).c_str(), &st) == 0) {
     progress.allocated_bytes = static_cast<std::uint64_t>(st.st_blocks) * 512;
   }
-  std::ifstream file(field(info.cow_bmp_fname), std::ios::binary);
+  std::ifstream file(field(info.cow_bmp_fname), std::ios::binary | std::ios::ate);
   if (!file) return progress;
   std::uint64_t chunks = 0;
   std::vector<char> bytes(1 << 20);
-  do {
-    file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::streamoff left = std::streamoff{file.tellg()} - cow_seal_bytes;
+  for (file.seekg(0); left > 0 && file; left -= file.gcount()) {
+    file.read(bytes.data(), std::min(left, static_cast<std::streamoff>(bytes.size())));
     for (std::streamsize i = 0; i < file.gcount(); ++i) {
       chunks += static_cast<unsigned>(std::popcount(static_cast<unsigned char>(bytes[i])));
     }
-  } while (file);
-  if (file.eof()) progress.copied_bytes = chunks * info.chunk_size;
+  }
+  if (file) progress.copied_bytes = chunks * info.chunk_size;
   return progress;
 }
 

@@ -31,7 +31,7 @@ struct cow_test : snap_test {
 
 TEST_F(cow_test, a_write_waits_until_what_it_overwrites_is_copied_and_recorded) {
   const u32 snap = add_started_snap({.files = dir / "s"});
-  EXPECT_EQ(std::filesystem::file_size(dir / "s.cow"), disk_bytes);
+  EXPECT_EQ(cow_contents(dir / "s.cow").size(), disk_bytes);
   client c(filter);
   auto io = hold_thread(c, 3 * 64 * KiB + 512);
   for (const auto& held : disk.held()) EXPECT_EQ(held.rw & 1, kernel::READ);
@@ -42,8 +42,8 @@ TEST_F(cow_test, a_write_waits_until_what_it_overwrites_is_copied_and_recorded) 
   EXPECT_EQ(disk.peek(3 * 64 * KiB + 512, 512), bytes(512, 0xee));
   bytes bits(disk_bytes / (64 * KiB) / 8);
   bits[0] = 1 << 3;
-  EXPECT_EQ(read_file(dir / "s.bmp"), bits);
-  const bytes data = read_file(dir / "s.cow");
+  EXPECT_EQ(cow_contents(dir / "s.bmp"), bits);
+  const bytes data = cow_contents(dir / "s.cow");
   EXPECT_EQ(bytes(data.begin() + 3 * 64 * KiB, data.begin() + 4 * 64 * KiB),
             pattern(3 * 64 * KiB, 64 * KiB));
   EXPECT_EQ(bytes(data.begin(), data.begin() + 3 * 64 * KiB), bytes(3 * 64 * KiB)) << "sparse";

@@ -148,16 +148,25 @@ TEST_F(node_test, a_resume_on_lost_files_fails_or_leaves_the_snap_invalid) {
   EXPECT_EQ(proc("zorv/zorv1/started"), "0\n");
   ASSERT_EQ(start(snap), 0);
   EXPECT_EQ(client(filter).fill(0, MiB, 1), 0);
+  EXPECT_EQ(stop(snap), 0);
   for (const std::string which : {"s.bmp", "s.cow"}) {
-    EXPECT_EQ(stop(snap), 0);
-    write_file(dir / which, bytes(10));
-    ASSERT_EQ(resume(snap), 0);
-    EXPECT_TRUE(log.has("The COW files of zorv(100, 1) are shorter than they were made"));
-    EXPECT_TRUE(log.has("Invalidating snap device zorv(100, 1)"));
-    bytes out;
-    EXPECT_EQ(client(snap).read(0, 4096, &out), -EIO);
-    EXPECT_EQ(client(filter).fill(0, MiB, 2), 0) << "no write waits for it";
+    const bytes whole = read_file(dir / which);
+    for (const auto& [content, why] : {std::pair{bytes(10), "are not as long as they were made"},
+                                       {bytes(whole.size()), "have no seal"}}) {
+      write_file(dir / which, content);
+      ASSERT_EQ(resume(snap), 0);
+      EXPECT_TRUE(log.has(std::string("The COW files of zorv(100, 1) ") + why)) << which;
+      EXPECT_TRUE(log.has("Invalidating snap device zorv(100, 1)"));
+      bytes out;
+      EXPECT_EQ(client(snap).read(0, 4096, &out), -EIO);
+      EXPECT_EQ(read_file(dir / which), content) << "they may be somebody's";
+      EXPECT_EQ(stop(snap), 0);
+      log.clear();
+    }
+    write_file(dir / which, whole);
   }
+  ASSERT_EQ(resume(snap), 0);
+  expect_unchanged(snap);
   EXPECT_EQ(resume(snap), -EALREADY);
   EXPECT_EQ(stop(snap), 0);
   for (u64 n = 1; n <= 12; ++n) {

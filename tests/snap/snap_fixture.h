@@ -23,6 +23,13 @@ inline bytes pattern(u64 offset, u64 length, u8 salt = 0) {
   return out;
 }
 
+// The contents of a COW file, without the seal behind them.
+inline bytes cow_contents(const std::string& path) {
+  bytes all = read_file(path);
+  all.resize(all.size() > zorv::cowfile_seal_bytes ? all.size() - zorv::cowfile_seal_bytes : 0);
+  return all;
+}
+
 struct snap_options {
   u32 chunk_size = 64 * KiB;
   s32 minor = -1;

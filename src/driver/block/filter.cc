@@ -190,6 +190,7 @@ int create(zorv_add_filter_req* req, devt hdd_dev, kernel::block_device* hdd) {
     return -ENOMEM;
   }
   scope_exit free_record([dev] { kernel::kdelete(dev); });
+  (void)kernel::bdev_identity(hdd, dev->f.disk_identity, sizeof dev->f.disk_identity);
 
   table_write_guard table;
   const int minor = zorv_blkdev_choose_minor(op, req->minor);

@@ -10,6 +10,7 @@
 #include "driver/block/block.h"
 #include "driver/core/log.h"
 #include "driver/proc/proc.h"
+#include "driver/snap/cowfiles.h"
 #include "driver/snap/snap.h"
 
 namespace zorv {
@@ -353,10 +354,7 @@ int zorv_block_destroy_device(zorv_blkdev* dev, int remove_files) {
 
   zorv_blkdev* filter = is_snap ? filter_of(dev) : nullptr;
   if (is_snap) {
-    if (remove_files == 1) {
-      (void)zorv_unlink(dev->s.cow_data_fname);
-      (void)zorv_unlink(dev->s.cow_bmp_fname);
-    }
+    if (remove_files == 1) zorv_cowfiles_unlink(dev);
     dev->s.snap_link.unlink();
   } else {
     const int rc = destroy_filter_part(dev, remove_files);

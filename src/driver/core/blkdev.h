@@ -25,6 +25,9 @@ namespace zorv {
 
 struct zorv_blkdev;
 
+constexpr u32 snap_id_bytes = 16;         // random
+constexpr u32 cowfile_seal_bytes = 4096;  // behind the contents of a COW file
+
 // What the bitmap, request and COW-thread operations work on.
 struct zorv_filter {
   devt hdd_dev = 0;
@@ -35,6 +38,9 @@ struct zorv_filter {
   u32 extent_shift = 0;
   u32 extent_cnt = 0;
   u64 dev_size = 0;  // bytes
+  // Which disk this is, over restarts; empty when it has nothing stable to name it by. From
+  // creation.
+  char disk_identity[kernel::bdev_identity_bytes] = {};
   char bmp_dir[ZORV_PATH_LEN] = {};
   // Oldest first: in the order of creation, and a snap that starts after one behind it had its
   // instant goes behind that. Changed under the table's write lock.
@@ -84,6 +90,11 @@ struct zorv_snap {
   // Where the files live, from creation; tells which nodes the COW thread may have to wait for.
   devt cow_bmp_dev = 0;
   devt cow_data_dev = 0;
+  // Whose the files are, from the first start or resume on, while the snap is stopped too. The
+  // claims say which files they were.
+  kernel::file_claim data_claim;
+  kernel::file_claim bmp_claim;
+  u8 life_id[snap_id_bytes] = {};  // of the last start, from it or from the files; under dev_mutex
   zorv_file* cow_data_file = nullptr;  // open while started
   zorv_file* cow_bmp_file = nullptr;
   zorv_cowbmp cowbmp;

@@ -77,8 +77,7 @@ bool all_zero(const u8* p, int bytes) {
 }
 
 // Fills the slots of a fresh table from the file; pages that hold no bit stay absent.
-int read_pages_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes, const char* path)
-    REQUIRES(b->lock) {
+int read_pages_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) REQUIRES(b->lock) {
   kernel::kbuf<u8> spare;
   for (s32 i = 0; i < b->npages; ++i) {
     if (spare == nullptr) {
@@ -94,7 +93,7 @@ int read_pages_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes, const cha
     const int rc = zorv_fread(file, offset, spare.get(), length);
     if (rc != length) {
       zorv_log(LOG_ERROR, "%s(): Failed to read %d bytes from %s: rc=%d", "zorv_cowbmp_load",
-               length, path, rc);
+               length, file->fname, rc);
       return -EIO;
     }
     if (!all_zero(spare.get(), length)) b->pages[i] = spare.release();
@@ -102,16 +101,8 @@ int read_pages_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes, const cha
   return 0;
 }
 
-int load_locked(zorv_cowbmp* b, const char* path) REQUIRES(b->lock) {
-  zorv_file_ptr file(zorv_fopen(path, kernel::FO_RDONLY | kernel::FO_LARGEFILE, 0600));
-  if (file == nullptr) return -EIO;
-  const u64 size_bytes = kernel::file_size(file->filp);
+int load_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) REQUIRES(b->lock) {
   free_pages_locked(b);
-  if (size_bytes > max_bits / 8) {
-    zorv_log(LOG_ERROR, "%s(): %s is too long for a COW bitmap: %lld bytes", "zorv_cowbmp_load",
-             path, static_cast<long long>(size_bytes));
-    return -EINVAL;
-  }
   b->nbits = size_bytes * 8;
   b->npages = pages_for(b->nbits);
   b->pages = alloc_table(b->npages);
@@ -119,7 +110,7 @@ int load_locked(zorv_cowbmp* b, const char* path) REQUIRES(b->lock) {
     zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_cowbmp_load");
     return -ENOMEM;
   }
-  return read_pages_locked(b, file.get(), size_bytes, path);
+  return read_pages_locked(b, file, size_bytes);
 }
 
 }  // namespace
@@ -140,14 +131,14 @@ int zorv_cowbmp_init(zorv_cowbmp* b, u64 nbits) {
   return 0;
 }
 
-int zorv_cowbmp_load(zorv_cowbmp* b, const char* path) {
-  if (path == nullptr || path[0] == '\0' || b == nullptr) {
+int zorv_cowbmp_load(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) {
+  if (file == nullptr || b == nullptr || size_bytes > max_bits / 8) {
     zorv_log(LOG_ERROR, "%s(): Internal error: invalid params.", __func__);
     return -EINVAL;
   }
-  zorv_log(2, "%s(): Loading COW bitmap from %s", __func__, path);
+  zorv_log(2, "%s(): Loading COW bitmap from %s", __func__, file->fname);
   rzwrite_guard guard(&b->lock);
-  const int rc = load_locked(b, path);
+  const int rc = load_locked(b, file, size_bytes);
   if (rc != 0) free_pages_locked(b);
   return rc;
 }

@@ -26,9 +26,9 @@ struct zorv_cowbmp {
 };
 
 [[nodiscard]] int zorv_cowbmp_init(zorv_cowbmp* b, u64 nbits);  // 0 | -ENOMEM
-// Replaces the contents by the file's, whose length then decides the number of bits.
+// Replaces the contents by the first bytes of the open file, which are all of its bits.
 //   returns  0 | -EINVAL | -EIO | -ENOMEM; the bitmap is not initialised after a failure
-[[nodiscard]] int zorv_cowbmp_load(zorv_cowbmp* b, const char* path);
+[[nodiscard]] int zorv_cowbmp_load(zorv_cowbmp* b, zorv_file* file, u64 size_bytes);
 // 1 | 0 | -EINVAL when the bitmap is not initialised or ends before the bit (callers read that as
 // set)
 [[nodiscard]] int zorv_cowbmp_test_bit(zorv_cowbmp* b, s32 bit);

@@ -11,6 +11,7 @@
 
 #include "driver/core/log.h"
 #include "driver/io/aio.h"
+#include "driver/snap/cowfiles.h"
 #include "driver/snap/cowwork.h"
 #include "driver/snap/snap.h"
 
@@ -224,9 +225,8 @@ void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
   while (f.cow_writing.load() != 0) kernel::yield();
   for (zorv_blkdev* s = snap; s != nullptr; s = f.snaps.prev_of(s->s.snap_link)) {
     if (s->started.load() == 0) continue;
-    (void)zorv_ftruncate(s->s.cow_data_fname);
     rzread_guard files(&s->s.file_lock);
-    zorv_snap_disown_files(s);  // whatever the name leads to by now
+    zorv_snap_disown_files(s);
   }
 }
 
@@ -265,7 +265,7 @@ void cow_chunks(cow_copier* c) {
 
   copy_pages(c, t);
   if (!snap_usable(t)) return;
-  if (sync_file(t->s.cow_data_file) != 0) {
+  if (sync_file(t->s.cow_data_file) != 0 || !zorv_cowfiles_whole(t->s)) {
     zorv_snap_invalidate(t, __func__);
     return;
   }

@@ -6,6 +6,7 @@
 // read together: from the HDD in one bio, from a file as far as their memory adjoins.
 #include "driver/core/log.h"
 #include "driver/io/aio.h"
+#include "driver/snap/cowfiles.h"
 #include "driver/snap/cowwork.h"
 
 namespace zorv {
@@ -83,18 +84,25 @@ int read_run_from_hdd(const snap_read& r) {
   return -EIO;
 }
 
-int read_run_from_file(const piece_run& run) {
+int read_run_from_file(const piece_run& run) REQUIRES_SHARED(zorv_blkdev_rwlock) {
   zorv_snap& s = run.source->s;
-  rzread_guard files(&s.file_lock);
-  // Gone since the chunk was looked up: the snap has been stopped or has become invalid.
-  if (!snap_usable(run.source) || s.cow_data_file == nullptr) return -EIO;
-  const int bytes = static_cast<int>(run.bytes);
-  const int rc = zorv_fread(s.cow_data_file, run.sector << kernel::sector_shift, run.to, bytes);
+  int rc;
+  bool whole;
+  {
+    rzread_guard files(&s.file_lock);
+    // Gone since the chunk was looked up: the snap has been stopped or has become invalid.
+    if (!snap_usable(run.source) || s.cow_data_file == nullptr) return -EIO;
+    rc = zorv_fread(s.cow_data_file, run.sector << kernel::sector_shift, run.to,
+                    static_cast<int>(run.bytes));
+    whole = zorv_cowfiles_whole(s);
+  }
   // A snap that became invalid meanwhile may have been emptied under the read.
-  return rc == bytes && snap_usable(run.source) ? 0 : -EIO;
+  if (!snap_usable(run.source)) return -EIO;
+  if (!whole) zorv_snap_invalidate(run.source, "read_cowed_page");  // somebody has cut a file
+  return whole && rc == static_cast<int>(run.bytes) ? 0 : -EIO;
 }
 
-int flush(snap_read* r) {
+int flush(snap_read* r) REQUIRES_SHARED(zorv_blkdev_rwlock) {
   if (r->run.bytes == 0) return 0;
   const int rc = r->run.source == nullptr ? read_run_from_hdd(*r) : read_run_from_file(r->run);
   r->run.bytes = 0;
@@ -109,7 +117,7 @@ bool goes_on(const snap_read& r, const zorv_blkdev* source, const std::byte* mem
 
 // Appends the piece to the run, reading what was collected where it does not go on.
 int collect(snap_read* r, zorv_blkdev* source, sector_t sector, const kernel::bio_vec& seg,
-            u32 offset, u32 length) {
+            u32 offset, u32 length) REQUIRES_SHARED(zorv_blkdev_rwlock) {
   std::byte* memory = kernel::page_address(seg.bv_page) + seg.bv_offset + offset;
   if (r->run.bytes != 0 && !goes_on(*r, source, memory)) {
     const int rc = flush(r);
@@ -131,7 +139,8 @@ int collect(snap_read* r, zorv_blkdev* source, sector_t sector, const kernel::bi
 }
 
 // One try; -EAGAIN as above.
-int serve_once(cow_reader* reader, zorv_blkdev* snap, kernel::bio* bio) {
+int serve_once(cow_reader* reader, zorv_blkdev* snap, kernel::bio* bio)
+    REQUIRES_SHARED(zorv_blkdev_rwlock) {
   const u32 shift = snap->s.chunk_shift - kernel::sector_shift;
   sector_t sector = bio->bi_sector;
   snap_read r{reader, snap, {}};

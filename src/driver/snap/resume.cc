@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // RESUME_SNAP: a stopped snap started again on the COW files it has.
-#include <optional>
-
 #include "driver/block/block.h"
 #include "driver/core/log.h"
-#include "driver/snap/cowwork.h"
+#include "driver/snap/cowfiles.h"
 #include "driver/snap/snap.h"
 
 namespace zorv {
@@ -13,72 +11,51 @@ namespace {
 
 constexpr const char* op = "zorv_ioctl_resume_snap";
 
-// The thread syncs every group of copies as a whole; a sync for every bit would hold up the writes
-// that wait for it.
-zorv_file* reopen(const char* path) {
-  zorv_file* file =
-      zorv_fopen(path, kernel::FO_RDWR | kernel::FO_SYNC | kernel::FO_LARGEFILE, 0600);
-  if (file != nullptr) zorv_fdefer_sync(file);
-  return file;
-}
-
-//   returns  0 | -EIO | -ENOMEM | -EINVAL; what was set up stays for zorv_snap_close_files
-int reopen_files(zorv_blkdev* snap) {
+//   why      set when the files cannot be believed: the snap comes up invalid
+//   returns  0 | -EIO | -ENOMEM | -EINVAL | -EBUSY; what was set up stays for zorv_snap_close_files
+int reopen_files(zorv_blkdev* snap, const char** why) {
   zorv_snap& s = snap->s;
   s.life.fetch_add(1);
-  s.cow_data_file = reopen(s.cow_data_fname);
-  if (s.cow_data_file == nullptr) return -EIO;
-  int rc = zorv_cowbmp_init(&s.cowbmp, s.chunk_cnt);
-  if (rc == 0) rc = zorv_cowbmp_load(&s.cowbmp, s.cow_bmp_fname);
+  int rc = zorv_cowfiles_open_old(snap);
+  if (rc == 0) rc = zorv_cowbmp_init(&s.cowbmp, s.chunk_cnt);
   if (rc != 0) return rc;
-  s.cow_bmp_file = reopen(s.cow_bmp_fname);
-  return s.cow_bmp_file != nullptr ? 0 : -EIO;
-}
-
-// Whether the files can hold what the snap shows. A data file shorter than it was made has lost
-// chunks - an invalid snap's is emptied - and would read as zero where it grows again.
-bool files_complete(const zorv_snap& s) {
-  return kernel::file_size(s.cow_data_file->filp) >= s.cow_data_size &&
-         kernel::file_size(s.cow_bmp_file->filp) >= s.cow_bmp_size;
+  *why = zorv_cowfiles_check(snap);
+  if (*why == nullptr) rc = zorv_cowbmp_load(&s.cowbmp, s.cow_bmp_file, s.cow_bmp_size);
+  return rc != 0 ? rc : zorv_blkbmp_init(&s.datablock_bmp);
 }
 
 int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req)
     REQUIRES_SHARED(zorv_blkdev_rwlock) {
   zorv_snap& s = snap->s;
+  const char* why = nullptr;
   {
     rzwrite_guard files(&s.file_lock);
-    int rc = reopen_files(snap);
-    if (rc == 0) rc = zorv_blkbmp_init(&s.datablock_bmp);
+    const int rc = reopen_files(snap, &why);
     if (rc != 0) {
       zorv_snap_close_files(snap);
       return rc;
     }
   }
-  const bool complete = files_complete(s);
   const bool served = s.filter->f.cowthread.pid.load() != 0;
-  if (!served) {
+  if (why != nullptr) {
+    zorv_log(LOG_ERROR, "%s(): The COW files of zorv(%d, %d) %s", op, zorv_blk_major, snap->minor,
+             why);
+  } else if (!served) {
+    zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) has no COW thread", op, zorv_blk_major, snap->minor);
     rzread_guard files(&s.file_lock);
     zorv_snap_disown_files(snap);
   }
-  std::optional<snap_invalidation> invalidation;  // of the older ones too, with the thread's help
-  if (!complete && served) invalidation.emplace(&s.filter->f);
-  {
-    // Every request meets the snap wholly stopped or wholly started.
-    rzwrite_guard routing(&s.filter->f.snap_rwlock);
-    s.snap_valid.store(complete && served ? req->snap_valid : 0);
-    s.stop_pending.store(req->stop_pending);
-    s.del_pending.store(req->del_pending);
-    s.has_instant.store(1);
-    snap->started.store(1);
+  const bool good = why == nullptr && served;
+  if (!good) {
+    zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major, snap->minor);
   }
-  if (complete && served) return 0;
-  if (!complete) {
-    zorv_log(LOG_ERROR, "%s(): The COW files of zorv(%d, %d) are shorter than they were made", op,
-             zorv_blk_major, snap->minor);
-  } else {
-    zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) has no COW thread", op, zorv_blk_major, snap->minor);
-  }
-  zorv_snap_invalidate(snap, op);
+  // Every request meets the snap wholly stopped or wholly started.
+  rzwrite_guard routing(&s.filter->f.snap_rwlock);
+  s.snap_valid.store(good ? req->snap_valid : 0);
+  s.stop_pending.store(req->stop_pending);
+  s.del_pending.store(req->del_pending);
+  s.has_instant.store(1);
+  snap->started.store(1);
   return 0;
 }
 

@@ -6,12 +6,11 @@
 
 namespace zorv {
 
-// Creates both files anew at their full length, sparse, with their names synced, and an empty COW
-// bitmap. On failure what was opened stays for zorv_snap_close_files.
-//   locks    the table for reading, the snap's dev_mutex and file_lock (write)
-//   returns  0 | -EIO | -ENOMEM | -EINVAL (both files are the same) | -EBUSY (a started snap has
-//   it)
-[[nodiscard]] int zorv_snap_open_files(zorv_blkdev* snap) REQUIRES_SHARED(zorv_blkdev_rwlock);
+// Both files anew at their full length, sparse, of a new life, and an empty COW bitmap. On failure
+// what was opened stays for zorv_snap_close_files.
+//   locks    the snap's dev_mutex and file_lock (write)
+//   returns  0 | -EIO | -ENOMEM | -EINVAL (a link, both files are the same) | -EBUSY (somebody's)
+[[nodiscard]] int zorv_snap_open_files(zorv_blkdev* snap);
 // Destroys the COW bitmap and the datablock bitmap and closes the files; accepts any half of it.
 //   locks    the snap's dev_mutex and file_lock (write)
 void zorv_snap_close_files(zorv_blkdev* snap);
