@@ -216,6 +216,10 @@ int serve(const daemon_options& given, const sigset_t& signals) {
 }  // namespace
 
 int run_daemon(const daemon_options& given) {
+  // What is closed must not become a disk that the log is written to.
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(fd, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) != fd) return 1;
+  }
   const sigset_t signals = take_signals();
   host_log_start();
   kernel::set_printk_sink(host_log_sink);

@@ -156,6 +156,19 @@ TEST_F(ctl_daemon, nobody_waits_for_a_log_that_nobody_reads) {
   EXPECT_EQ(d.end(SIGTERM), 0);
 }
 
+TEST_F(ctl_daemon, a_closed_log_is_no_disk) {
+  const std::string small = dir / "small.img";
+  const std::string run = dir / "run";
+  write_file(small, bytes(512));
+  const program_result r =
+      run_program({"sh", "-c",
+                   std::string(ZORVD_PATH) + " --run-dir " + run + " --disk " + small +
+                       " zorv_debug=4 <&- 2>&- & until [ -S " + run +
+                       "/control.sock ]; do sleep 0.01; done; kill $! && wait $!"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(read_file(small), bytes(512));
+}
+
 TEST_F(ctl_daemon, a_file_may_hold_what_the_command_line_may) {
   const std::string text = "disk=[\"" + image + ",name=one,read-only\"]\nzorv_max_blk_minor=15\n" +
                            "zorv_debug=3\nzorv_chr_major=0\n";
