@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0-only
  *
  * A backup agent in miniature: for every started filter it takes the Incremental bitmap and lists
- * what a backup would have to read. When the "backup" fails, the bitmap is merged back, so that the
- * next run reads the same extents again.
+ * what a backup would have to read. Only when the "backup" is safe the bits are let go; when it
+ * fails, or this program dies, they are merged back, and the next run reads the same extents again.
  *
  *   agent [SOCKET]
  */
@@ -50,12 +50,15 @@ static int one_node(zorv_handle* z, uint32_t minor) {
       .size = node.incr_bmp_size,
       .data = (uint64_t)(uintptr_t)bitmap,
   };
-  int rc = zorv_ioctl(z, ZORV_GET_AND_CLR_BMP, &req);
+  uint64_t taken;
+  int rc = zorv_take(z, &req, &taken);
   if (rc != 0) {
     fail(z, "take the bitmap");
   } else if ((rc = back_up(&node, bitmap)) != 0) {
     fprintf(stderr, "agent: %s: the backup failed\n", node.name);
-    if (zorv_ioctl(z, ZORV_MERGE_BMP, &req) != 0) fail(z, "merge the bitmap back");
+    if (zorv_put_back(z, taken) != 0) fail(z, "merge the bitmap back");
+  } else if (zorv_confirm(z, taken) != 0) {
+    fail(z, "confirm the bitmap");  // the next run reads these extents once more
   }
   free(bitmap);
   return rc;

@@ -24,7 +24,7 @@ _zorvctl() {
   for ((i = 1; i < cword; i++)); do
     case ${words[i]} in
       --socket) socket=(--socket "${words[++i]}") ;;
-      --minor | --name | --uuid | --extent-size | --chunk-size | -o | --output) ((i++)) ;;
+      --minor | --name | --uuid | --extent-size | --chunk-size | --limit | -o | --output) ((i++)) ;;
       --bmp-dir | --cow-dir | --cow-bmp | --cow-data | --valid | --stop-pending | --del-pending) ((i++)) ;;
       -*) ;;
       *)
@@ -45,12 +45,12 @@ _zorvctl() {
     --bmp-dir | --cow-dir) COMPREPLY=($(compgen -d -- "$cur")) && return ;;
     --valid | --stop-pending | --del-pending) COMPREPLY=($(compgen -W $'0\n1' -- "$cur")) && return ;;
     --extent-size | --chunk-size) COMPREPLY=($(compgen -W $'4K\n64K\n256K\n1M' -- "$cur")) && return ;;
-    --minor | --name | --uuid) return ;;
+    --minor | --name | --uuid | --limit) return ;;
   esac
   case $command:$sub:$at in
     ::*)
       answers=$'attach\ndetach\ndisks\nadd-filter\nadd-snap\nstart\nstop\ndel\nresume\nlist\ninfo\nuri\nbmp\ndatablock\nproc'
-      options=$'--socket\n--json\n--help\n--version'
+      options=$'--socket\n--limit\n--json\n--help\n--version'
       ;;
     attach::*) options=$'--name\n--read-only' ;;
     detach::0) answers=$(_zorvctl_disks) ;;

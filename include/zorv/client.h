@@ -37,11 +37,26 @@ void zorv_close(zorv_handle* handle); /* NULL is accepted */
  * $XDG_RUNTIME_DIR/zorv, for root in /run/zorv. 0, or -1 with ENAMETOOLONG. */
 int zorv_default_socket(char* path, size_t bytes);
 
+/* Without a limit (0, as at first) a call takes as long as its command. With one it fails with
+ * ETIMEDOUT once the daemon has not been able for so long to say as little as that it is there; a
+ * command that takes its time in a daemon that answers is waited for. What became of the command is
+ * not known then; the next call connects again. */
+void zorv_set_limit(zorv_handle* handle, unsigned milliseconds);
+
 /* One command, as ioctl(2) on the control device would do it: the record is read from and written
  * to *record, the buffer of the bitmap commands is taken from the record's own `data` and `size`.
  * An address that cannot be read or written gives EFAULT. The buffer of a command that fills it
  * belongs to the call while it runs. */
 int zorv_ioctl(zorv_handle* handle, uint32_t command, void* record);
+
+/* ZORV_GET_AND_CLR_BMP hands out the only copy of its bits. With zorv_ioctl they are the program's
+ * when the call returns. With zorv_take they stay the daemon's as well until zorv_confirm says that
+ * they are safe; zorv_put_back, closing the handle, or the end of either process merges them back, so
+ * that they count as changed again. *taken is for these two calls alone.
+ * ENOENT from them: the connection was lost meanwhile and the bits were merged back. */
+int zorv_take(zorv_handle* handle, struct zorv_bmp_range_req* req, uint64_t* taken);
+int zorv_confirm(zorv_handle* handle, uint64_t taken);
+int zorv_put_back(zorv_handle* handle, uint64_t taken);
 
 /* The daemon's reason for this handle's last failure, one line, "" when there is none. Good until
  * the next call with the handle. */

@@ -24,6 +24,9 @@
 /* Flags of a request. */
 #define ZORV_CTL_BUFFER_IN 1u  /* the buffer's bytes follow the record */
 #define ZORV_CTL_BUFFER_OUT 2u /* what the driver writes to the buffer comes back */
+/* GET_AND_CLR_BMP: the bits count as the client's when it says so with ZORV_HOST_CONFIRM; without
+ * the flag, when it has read the reply. */
+#define ZORV_CTL_HOLD 4u
 
 #define ZORV_CTL_MAX_RECORD 65536u       /* bytes */
 #define ZORV_CTL_MAX_BUFFER (512u << 20) /* bytes: 2^32 bits, the longest bitmap */
@@ -51,7 +54,7 @@ struct zorv_ctl_reply {
   uint32_t buffer_offset; /* where in the buffer the bytes belong */
   uint32_t buffer_bytes;
   uint32_t text_bytes; /* on failure: the reason in one line, without newline */
-  uint32_t reserved;
+  uint32_t handout;    /* with ZORV_CTL_HOLD: what the bits are called on this connection, or 0 */
 };
 
 ZORV_ABI_SIZE(zorv_ctl_request, 48);
@@ -68,5 +71,7 @@ ZORV_ABI_SIZE(zorv_ctl_reply, 32);
 #define ZORV_HOST_PROC_LIST 5u /* path -> number of entries; each: name, number: st_mode */
 #define ZORV_HOST_PROC_READ 6u /* path -> text */
 #define ZORV_HOST_PROC_WRITE 7u /* path, text; result: bytes taken */
+#define ZORV_HOST_CONFIRM 8u    /* number: a reply's handout, whose bits the client has */
+#define ZORV_HOST_PUT_BACK 9u   /* number: a reply's handout, whose bits are to be merged back */
 
 #endif

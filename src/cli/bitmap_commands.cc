@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <map>
+#include <optional>
 
 #include "cli/bitmap_file.h"
 #include "cli/cli.h"
@@ -59,35 +60,64 @@ class signals_later {
   sigset_t old_{};
 };
 
+// Bits that only this process and the daemon's hand-out have.
+class taken_bitmap {
+ public:
+  taken_bitmap(session* s, zorv_bmp_range_req* req) : session_(s) {
+    s->check(zorv_take(s->handle(), req, &handout_), zorv_command_name(ZORV_GET_AND_CLR_BMP));
+  }
+  void confirm() const {
+    if (zorv_confirm(session_->handle(), handout_) == 0) return;
+    throw failure(status_no_daemon, errno,
+                  "the bitmap was written, but zorvd could not be told: it still holds these bits, "
+                  "too");
+  }
+  // What became of them, as the end of a sentence.
+  [[nodiscard]] std::string put_back() const {
+    return zorv_put_back(session_->handle(), handout_) == 0 || errno == ENOENT
+               ? "; the bitmap was merged back"
+               : "; the bitmap is merged back when zorvd notices";
+  }
+
+ private:
+  session* session_;
+  std::uint64_t handout_ = 0;
+};
+
+// Where the bits go before anybody else may forget them.
 answer get(session& s, const bitmap_args& args, std::uint32_t number, bool as_json) {
   const zorv_info_req info = filter_info(s, args.node);
   const std::uint32_t type = type_codes.at(args.type);
   bitmap bits(bitmap_bytes(info, type));
   zorv_bmp_range_req req = range_req(info.minor, type, &bits);
-  json document = head(info, args);
-  document["size"] = bits.size();
-  if (args.file.empty() && as_json) {
-    s.command(number, &req);
-    document["data"] = base64(bits);
-    return {std::move(document), ""};
-  }
-  bitmap_sink sink(args.file);
+  const bool takes = number == ZORV_GET_AND_CLR_BMP;
+  answer result{head(info, args), ""};
+  result.document["size"] = bits.size();
+  std::optional<bitmap_sink> sink;
+  if (!as_json || !args.file.empty()) sink.emplace(args.file);
   const signals_later guard;
-  s.command(number, &req);
-  try {
-    sink.write(bits);
-  } catch (const failure& e) {
-    if (number != ZORV_GET_AND_CLR_BMP) throw;
-    // These bits are nowhere else any more.
-    req = range_req(info.minor, type, &bits);
-    const bool back = s.try_command(ZORV_MERGE_BMP, &req) == 0;
-    throw failure(
-        e.exit_status, e.number,
-        std::string(e.what()) + (back ? "; the bitmap was merged back"
-                                      : "; THE BITMAP IS LOST, it could not be merged back"));
+  std::optional<taken_bitmap> taken;
+  if (takes) {
+    taken.emplace(&s, &req);
+  } else {
+    s.command(number, &req);
   }
-  document["file"] = args.file;
-  return {std::move(document), ""};
+  if (!sink) {
+    result.document["data"] = base64(bits);
+    if (takes) {
+      result.delivered = [t = *taken] { t.confirm(); };
+      result.undelivered = [t = *taken] { return t.put_back(); };
+    }
+    return result;
+  }
+  try {
+    sink->write(bits);
+  } catch (const failure& e) {
+    throw failure(e.exit_status, e.number, e.what() + (takes ? taken->put_back() : ""));
+  }
+  if (takes) taken->confirm();
+  result.document["file"] = args.file;
+  return result;
 }
 
 answer put(session& s, const bitmap_args& args, std::uint32_t number, const char* done) {

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "cli/cli.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
@@ -36,7 +39,8 @@ int report(const invocation& inv, const failure& e) {
       error["errno_name"] = errno_name(e.number);
     }
     std::cout << dump({{"error", error}}) << std::flush;
-  } else {
+  }
+  if (!inv.as_json || !std::cout) {
     std::cerr << "zorvctl: " << where << e.what();
     if (e.number != 0) std::cerr << " (" << errno_name(e.number) << ", " << e.number << ")";
     std::cerr << "\n";
@@ -54,13 +58,30 @@ int report_parse(const CLI::App& app, invocation inv, const CLI::ParseError& e, 
   return status_usage;
 }
 
+// What is wrong after the answer was printed is no second document.
+int deliver(invocation inv, const answer& printed) {
+  if (!printed.delivered) return status_done;
+  try {
+    printed.delivered();
+    return status_done;
+  } catch (const failure& e) {
+    inv.as_json = false;
+    return report(inv, e);
+  }
+}
+
 int run_action(const invocation& inv) {
   try {
-    session s(inv.socket);
+    session s(inv.socket, inv.limit_s * 1000);
     const answer result = inv.action(s);
+    errno = 0;
     std::cout << (inv.as_json ? dump(result.document) : result.text) << std::flush;
-    if (!std::cout) throw failure(status_refused, EIO, "cannot write to standard output");
-    return status_done;
+    if (!std::cout) {
+      const int number = errno != 0 ? errno : EIO;
+      const std::string rest = result.undelivered ? result.undelivered() : "";
+      throw failure(status_refused, number, "cannot write to standard output" + rest);
+    }
+    return deliver(inv, result);
   } catch (const failure& e) {
     return report(inv, e);
   } catch (const std::exception& e) {
@@ -70,7 +91,7 @@ int run_action(const invocation& inv) {
 
 }  // namespace
 
-session::session(const std::string& socket) {
+session::session(const std::string& socket, unsigned limit_ms) {
   char path[ZORV_PATH_LEN] = {};
   if (!socket.empty()) {
     socket.copy(path, sizeof path - 1);
@@ -81,6 +102,7 @@ session::session(const std::string& socket) {
   if (handle_ == nullptr) {
     throw failure(status_no_daemon, errno, std::string("no zorvd answers on ") + path);
   }
+  zorv_set_limit(handle_.get(), limit_ms);
 }
 
 void session::check(long result, const char* what) const {
@@ -88,6 +110,11 @@ void session::check(long result, const char* what) const {
   const int number = errno;
   if (number == ECONNRESET || number == ECONNREFUSED) {
     throw failure(status_no_daemon, number, "zorvd went away");
+  }
+  if (number == ETIMEDOUT && zorv_last_error(handle_.get())[0] == '\0') {
+    throw failure(
+        status_no_daemon, number,
+        "zorvd is there but does not answer; whether the command is carried out is not known");
   }
   std::string text = zorv_last_error(handle_.get());
   if (text.empty()) text = std::string(what) + ": " + std::strerror(number);
@@ -107,10 +134,18 @@ CLI::App* add_command(CLI::App* parent, invocation* inv, const std::string& name
 
 int run(int argc, const char* const* argv) {
   std::signal(SIGPIPE, SIG_IGN);
+  // What is closed must not become the daemon's socket: its number gets something that refuses.
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(fd, F_GETFD) < 0) (void)::open("/dev/null", fd == 0 ? O_WRONLY : O_RDONLY);
+  }
   invocation inv;
   CLI::App app("Controls zorvd: disks, filter and snapshot nodes, change bitmaps.", "zorvctl");
   app.set_version_flag("--version", std::string("zorvctl ") + ZORV_VERSION);
   app.add_option("--socket", inv.socket, "the daemon's control socket")->type_name("PATH");
+  app.add_option("--limit", inv.limit_s,
+                 "seconds that a zorvd which does not answer is waited for, 0: without end")
+      ->type_name("SECONDS")
+      ->capture_default_str();
   app.add_flag("--json", inv.as_json, "answer with one JSON document, errors too");
   app.require_subcommand(1);
   app.fallthrough();

@@ -32,7 +32,9 @@ class failure : public std::runtime_error {
 // A connection to the daemon. Failing calls throw.
 class session {
  public:
-  explicit session(const std::string& socket);  // empty: the default socket
+  // socket    empty: the default one
+  // limit_ms  how long the daemon may say nothing, 0: as long as it likes
+  session(const std::string& socket, unsigned limit_ms);
 
   template <class Record>
   void command(std::uint32_t number, Record* record) {
@@ -58,11 +60,16 @@ class session {
 struct answer {
   json document = json::object();
   std::string text;
+  // What is left to do when it is printed, or cannot be: the latter's sentence is part of the
+  // reason.
+  std::function<void()> delivered = {};
+  std::function<std::string()> undelivered = {};
 };
 
 struct invocation {
   bool as_json = false;
   std::string socket;
+  unsigned limit_s = 10;
   std::string command;                     // "bmp show", for messages
   std::function<answer(session&)> action;  // set by the chosen command
 };

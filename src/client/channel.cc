@@ -2,6 +2,7 @@
 #include "client/channel.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -26,10 +27,19 @@ void advance(msghdr* msg, std::size_t n) {
   msg->msg_iov->iov_len -= n;
 }
 
+// A send, a receive and a connect then end with EAGAIN after so long without progress.
+void limit_waits(int fd, unsigned limit_ms) {
+  const timeval limit{.tv_sec = limit_ms / 1000, .tv_usec = limit_ms % 1000 * 1000L};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
 }  // namespace
 
-int channel::connect(const std::string& path) {
+int channel::connect(const std::string& path, unsigned limit_ms) {
   disconnect();
+  path_ = path;
+  limit_ms_ = limit_ms;
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   if (path.empty()) return -ENOENT;
@@ -37,17 +47,24 @@ int channel::connect(const std::string& path) {
   std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -errno;
+  limit_waits(fd, limit_ms);
   int rc = 0;
   do {
     rc = ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
   } while (rc != 0 && errno == EINTR);
   if (rc != 0) {
-    rc = -errno;
+    rc = errno == EAGAIN ? -ETIMEDOUT : -errno;
     ::close(fd);
     return rc;
   }
   fd_ = fd;
+  ++life_;
   return 0;
+}
+
+void channel::set_limit(unsigned limit_ms) {
+  limit_ms_ = limit_ms;
+  if (fd_ >= 0) limit_waits(fd_, limit_ms);
 }
 
 void channel::disconnect() {
@@ -59,9 +76,9 @@ int channel::call(exchange* x) {
   int rc = send_request(*x);
   // A daemon that refuses a request may close before it has read all of it; its reason is worth
   // reading even then.
-  const int received = receive_reply(x);
+  const int received = rc == -ETIMEDOUT ? rc : receive_reply(x);
   if (received != -ECONNRESET) rc = received;
-  if (rc == -ECONNRESET || rc == -EPROTO) disconnect();
+  if (rc == -ECONNRESET || rc == -EPROTO || rc == -ETIMEDOUT) disconnect();
   return rc;
 }
 
@@ -77,33 +94,54 @@ int channel::send_request(const exchange& x) {
   msg.msg_iovlen = 3;
   for (advance(&msg, 0); msg.msg_iovlen > 0;) {
     const ssize_t n = ::sendmsg(fd_, &msg, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return -ECONNRESET;
+    if (n < 0 && (errno == EINTR || (errno == EAGAIN && daemon_answers()))) continue;
+    if (n < 0) return errno == EAGAIN ? -ETIMEDOUT : -ECONNRESET;
     advance(&msg, static_cast<std::size_t>(n));
   }
   return -ECONNRESET;  // until a reply says otherwise
 }
 
-bool channel::receive(void* to, std::size_t bytes) {
+int channel::receive(void* to, std::size_t bytes) {
   auto* at = static_cast<char*>(to);
   while (bytes > 0) {
     const ssize_t n = ::recv(fd_, at, bytes, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
+    if (n < 0 && (errno == EINTR || (errno == EAGAIN && daemon_answers()))) continue;
+    if (n <= 0) return n < 0 && errno == EAGAIN ? -ETIMEDOUT : -ECONNRESET;
     at += n;
     bytes -= static_cast<std::size_t>(n);
   }
-  return true;
+  return 0;
+}
+
+// Whether the daemon says who it is to another client that asks. One that takes no more clients
+// because it ends still owes this one a reply. Leaves errno at EAGAIN.
+bool channel::daemon_answers() const {
+  channel other;
+  zorv_ctl_request request{};
+  request.magic = ZORV_CTL_MAGIC;
+  request.version = ZORV_CTL_VERSION;
+  request.kind = ZORV_CTL_HOST;
+  request.command = ZORV_HOST_INFO;
+  const int connected = other.connect(path_, limit_ms_);
+  char answer = 0;
+  const bool silent =
+      connected == -ETIMEDOUT ||
+      (connected == 0 && ::send(other.fd_, &request, sizeof request, MSG_NOSIGNAL) > 0 &&
+       ::recv(other.fd_, &answer, 1, 0) < 0 && errno == EAGAIN);
+  errno = EAGAIN;
+  return !silent;
 }
 
 int channel::receive_reply(exchange* x) {
   zorv_ctl_reply reply{};
-  if (!receive(&reply, sizeof reply)) return -ECONNRESET;
+  int rc = receive(&reply, sizeof reply);
+  if (rc != 0) return rc;
   if (reply.magic != ZORV_CTL_MAGIC || reply.version != ZORV_CTL_VERSION ||
       reply.text_bytes > ZORV_CTL_MAX_TEXT || reply.record_bytes > x->record_room) {
     return -EPROTO;
   }
-  if (!receive(x->record_out, reply.record_bytes)) return -ECONNRESET;
+  rc = receive(x->record_out, reply.record_bytes);
+  if (rc != 0) return rc;
   char* to = nullptr;
   if (x->answer != nullptr) {
     if (reply.buffer_bytes > max_answer_bytes) return -EPROTO;
@@ -116,9 +154,12 @@ int channel::receive_reply(exchange* x) {
     }
     to = x->buffer_out + reply.buffer_offset;
   }
-  if (!receive(to, reply.buffer_bytes)) return -ECONNRESET;
+  rc = receive(to, reply.buffer_bytes);
+  if (rc != 0) return rc;
   x->text.resize(reply.text_bytes);
-  if (!receive(x->text.data(), reply.text_bytes)) return -ECONNRESET;
+  rc = receive(x->text.data(), reply.text_bytes);
+  if (rc != 0) return rc;
+  x->handout = reply.handout;
   return reply.result;
 }
 

@@ -25,6 +25,7 @@ struct zorv_handle {
   std::string path;
   channel link;
   std::string last_error;
+  unsigned limit_ms = 0;
 };
 
 namespace {
@@ -62,7 +63,7 @@ int call(zorv_handle* handle, exchange* x) {
   x->request.version = ZORV_CTL_VERSION;
   handle->last_error.clear();
   if (!handle->link.connected()) {
-    const int rc = handle->link.connect(handle->path);
+    const int rc = handle->link.connect(handle->path, handle->limit_ms);
     if (rc != 0) return rc;
   }
   const int result = handle->link.call(x);
@@ -139,7 +140,26 @@ void describe_buffer(std::uint32_t command, const zorv_bmp_range_req& req, excha
   }
 }
 
-int ioctl_call(zorv_handle* handle, std::uint32_t command, void* record) {
+int settle_locked(zorv_handle* handle, std::uint32_t how, std::uint64_t taken) {
+  // A hand-out belongs to its connection.
+  if (!handle->link.connected() || taken >> 32 != handle->link.life()) return -ENOENT;
+  const zorv::wire::writer number = zorv::wire::writer().num(taken & ~0U);
+  exchange x;
+  x.request.kind = ZORV_CTL_HOST;
+  x.request.command = how;
+  x.request.record_bytes = static_cast<std::uint32_t>(number.bytes().size());
+  x.record = number.bytes().data();
+  const int rc = call(handle, &x);
+  return rc == -ECONNRESET ? -ENOENT : rc;
+}
+
+int settle(zorv_handle* handle, std::uint32_t how, std::uint64_t taken) {
+  const std::lock_guard<std::mutex> guard(handle->mutex);
+  return settle_locked(handle, how, taken);
+}
+
+// taken null: the bits are the caller's when this returns.
+int ioctl_call(zorv_handle* handle, std::uint32_t command, void* record, std::uint64_t* taken) {
   const std::size_t record_bytes = command >> 16 & 0x3fffU;
   const bool comes_back = (command & 0x80000000U) != 0;
   const auto addr = reinterpret_cast<std::uint64_t>(record);
@@ -161,8 +181,18 @@ int ioctl_call(zorv_handle* handle, std::uint32_t command, void* record) {
       describe_buffer(command, req, &x);
     }
   }
+  if (command == ZORV_GET_AND_CLR_BMP) x.request.flags |= ZORV_CTL_HOLD;
   const std::lock_guard<std::mutex> guard(handle->mutex);
-  return call(handle, &x);
+  const int rc = call(handle, &x);
+  if (rc < 0 || x.handout == 0) return rc;
+  const std::uint64_t handout = std::uint64_t{handle->link.life()} << 32 | x.handout;
+  if (taken != nullptr) {
+    *taken = handout;
+  } else {
+    // When this fails the bits count as changed again, which loses nothing.
+    (void)settle_locked(handle, ZORV_HOST_CONFIRM, handout);
+  }
+  return rc;
 }
 
 }  // namespace
@@ -196,7 +226,7 @@ zorv_handle* zorv_open(const char* path) {
     }
     handle = new zorv_handle;
     handle->path = path;
-    return handle->link.connect(handle->path);
+    return handle->link.connect(handle->path, 0);
   });
   if (rc == 0) return handle;
   const int error = errno;
@@ -208,7 +238,26 @@ zorv_handle* zorv_open(const char* path) {
 void zorv_close(zorv_handle* handle) { delete handle; }
 
 int zorv_ioctl(zorv_handle* handle, uint32_t command, void* record) {
-  return guarded([&] { return ioctl_call(handle, command, record); });
+  return guarded([&] { return ioctl_call(handle, command, record, nullptr); });
+}
+
+int zorv_take(zorv_handle* handle, zorv_bmp_range_req* req, uint64_t* taken) {
+  *taken = 0;
+  return guarded([&] { return ioctl_call(handle, ZORV_GET_AND_CLR_BMP, req, taken); });
+}
+
+int zorv_confirm(zorv_handle* handle, uint64_t taken) {
+  return guarded([&] { return settle(handle, ZORV_HOST_CONFIRM, taken); });
+}
+
+int zorv_put_back(zorv_handle* handle, uint64_t taken) {
+  return guarded([&] { return settle(handle, ZORV_HOST_PUT_BACK, taken); });
+}
+
+void zorv_set_limit(zorv_handle* handle, unsigned milliseconds) {
+  const std::lock_guard<std::mutex> guard(handle->mutex);
+  handle->limit_ms = milliseconds;
+  handle->link.set_limit(milliseconds);
 }
 
 const char* zorv_last_error(zorv_handle* handle) { return handle->last_error.c_str(); }

@@ -3,6 +3,7 @@
 
 #include <linux/sockios.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -120,38 +121,57 @@ void unix_listener::close() {
   ino_ = 0;
 }
 
-io stream::wait(short events, bool until_stop, time_point deadline) {
+int stop_signal::open(std::chrono::milliseconds grace) {
+  grace_ = grace;
+  event_ = unique_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  return event_ ? 0 : -errno;
+}
+
+void stop_signal::raise() {
+  raised_at_ = std::chrono::steady_clock::now();
+  const std::uint64_t one = 1;
+  while (::write(event_.get(), &one, sizeof one) < 0 && errno == EINTR) {
+  }
+}
+
+time_point stop_signal::grace_end() const {
+  const time_point at = raised_at_;
+  return at == no_deadline ? at : at + grace_;
+}
+
+io stream::wait(short events, on_stop then, time_point deadline) {
   for (;;) {
+    const bool stopping = stop_->raised();
+    if (stopping && then == on_stop::end) return io::stopped;
+    const time_point limit = std::min(deadline, stop_->grace_end());
     int timeout_ms = -1;
-    if (deadline != no_deadline) {
-      const auto left = deadline - std::chrono::steady_clock::now();
+    if (limit != no_deadline) {
+      const auto left = limit - std::chrono::steady_clock::now();
       const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
       if (ms <= 0) return io::timed_out;
       timeout_ms = static_cast<int>(std::min<long long>(ms, 1 << 30));
     }
-    pollfd fds[2] = {{fd_.get(), events, 0}, {stop_fd_, POLLIN, 0}};
-    const int n = ::poll(fds, until_stop ? 2 : 1, timeout_ms);
+    pollfd fds[2] = {{fd_.get(), events, 0}, {stop_->fd(), POLLIN, 0}};
+    const int n = ::poll(fds, stopping ? 1 : 2, timeout_ms);
     if (n < 0 && errno != EINTR) return io::reset;
-    if (n <= 0) continue;
-    if (until_stop && fds[1].revents != 0) return io::stopped;
-    if (fds[0].revents != 0) return io::done;
+    if (n > 0 && fds[0].revents != 0) return io::done;
   }
 }
 
-io stream::wait_readable(time_point deadline) { return wait(POLLIN, true, deadline); }
+io stream::wait_readable(time_point deadline) { return wait(POLLIN, on_stop::end, deadline); }
 
 io stream::receive(void* to, std::size_t bytes, time_point deadline) {
   auto* at = static_cast<char*>(to);
   while (bytes > 0) {
     const ssize_t n = ::recv(fd_.get(), at, bytes, 0);
-    if (n == 0) return io::end;
+    if (n == 0) return reset_ ? io::reset : io::end;
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && errno == EAGAIN) {
-      const io ready = wait(POLLIN, true, deadline);
+      const io ready = wait(POLLIN, on_stop::end, deadline);
       if (ready != io::done) return ready;
       continue;
     }
-    if (n < 0) return io::reset;
+    if (n < 0 || reset_) return io::reset;
     at += n;
     bytes -= static_cast<std::size_t>(n);
   }
@@ -171,7 +191,7 @@ io stream::send(iovec* parts, int count, time_point deadline) {
     const ssize_t n = ::sendmsg(fd_.get(), &msg, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && errno == EAGAIN) {
-      const io ready = wait(POLLOUT, false, deadline);
+      const io ready = wait(POLLOUT, on_stop::limit, deadline);
       if (ready != io::done) return ready;
       continue;
     }
@@ -190,9 +210,23 @@ io stream::send(iovec* parts, int count, time_point deadline) {
   return io::done;
 }
 
-bool stream::has_unread() const {
-  int bytes = 0;
-  return ::ioctl(fd_.get(), SIOCOUTQ, &bytes) == 0 && bytes > 0;
+// The host marks a connection as reset before it drops what its peer has left unread, so nothing
+// unread and no mark means that everything was read.
+delivery stream::delivered() {
+  int unread = 0;
+  if (::ioctl(fd_.get(), SIOCOUTQ, &unread) != 0) return delivery::lost;
+  int error = 0;
+  socklen_t length = sizeof error;
+  if (::getsockopt(fd_.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+    reset_ = true;  // asking has taken the mark away
+  }
+  if (reset_) return delivery::lost;
+  return unread == 0 ? delivery::read : delivery::pending;
+}
+
+bool stream::abandoned() const {
+  pollfd p{fd_.get(), 0, 0};
+  return ::poll(&p, 1, 0) == 1 && (p.revents & (POLLHUP | POLLERR)) != 0;
 }
 
 }  // namespace zorv

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <string>
@@ -65,27 +66,51 @@ class unix_listener {
 using time_point = std::chrono::steady_clock::time_point;
 constexpr time_point no_deadline = time_point::max();
 
+// The owner's wish to end, seen by all that wait for a peer.
+class stop_signal {
+ public:
+  // grace  how long a peer that is still owed something has after raise()
+  //   returns  0 | negative errno
+  [[nodiscard]] int open(std::chrono::milliseconds grace);
+  void raise();
+  [[nodiscard]] bool raised() const { return raised_at_.load() != no_deadline; }
+  [[nodiscard]] time_point grace_end() const;            // no_deadline before raise()
+  [[nodiscard]] int fd() const { return event_.get(); }  // readable once raised
+
+ private:
+  unique_fd event_;
+  std::chrono::milliseconds grace_{0};
+  std::atomic<time_point> raised_at_{no_deadline};
+};
+
 enum class io { done, end, reset, stopped, timed_out };
 
-// A connected, non-blocking socket. stop_fd becomes readable when the owner wants to end.
+// What became of all that was sent.
+enum class delivery { pending, read, lost };
+
+// A connected, non-blocking socket.
 class stream {
  public:
-  stream(unique_fd fd, int stop_fd) : fd_(std::move(fd)), stop_fd_(stop_fd) {}
+  stream(unique_fd fd, const stop_signal* stop) : fd_(std::move(fd)), stop_(stop) {}
 
   // Waits until there is something to read: data or the end.
   [[nodiscard]] io wait_readable(time_point deadline);
   // Reads exactly that much. end: the peer closed before the first byte or in the middle.
   [[nodiscard]] io receive(void* to, std::size_t bytes, time_point deadline);
-  // Sends all parts. Not cut short by a stop: what was begun is delivered or times out.
+  // Sends all parts. A stop leaves it the owner's grace.
   [[nodiscard]] io send(iovec* parts, int count, time_point deadline);
-  // Whether the peer has not read everything that was sent.
-  [[nodiscard]] bool has_unread() const;
+  // pending: the peer has not read everything, and may yet; lost: it never will.
+  [[nodiscard]] delivery delivered();
+  // Whether nobody is at the other end any more. A peer that only sends no more is there.
+  [[nodiscard]] bool abandoned() const;
 
  private:
-  [[nodiscard]] io wait(short events, bool until_stop, time_point deadline);
+  enum class on_stop { end, limit };
+  [[nodiscard]] io wait(short events, on_stop then, time_point deadline);
 
   unique_fd fd_;
-  int stop_fd_;
+  const stop_signal* stop_;
+  bool reset_ = false;
 };
 
 }  // namespace zorv

@@ -97,4 +97,14 @@ TEST_F(ctl_bitmap, what_is_taken_arrives_or_is_put_back) {
   EXPECT_EQ(full.status, 1);
   EXPECT_NE(full.err.find("merged back"), std::string::npos) << full.err;
   EXPECT_EQ(incr(), bits);
+  const std::string json_into = std::string(ZORVCTL_PATH) + " --socket " + d->control() +
+                                " --json bmp get-clear zorv0 incr >";
+  for (const char* output : {"/dev/full", "&-"}) {
+    const program_result r = run_program({"sh", "-c", json_into + output});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("merged back"), std::string::npos) << r.err;
+    EXPECT_EQ(incr(), bits);
+  }
+  EXPECT_EQ(d->ctl_json({"bmp", "get-clear", "zorv0", "incr"}).at("data"), "IQE=");
+  EXPECT_EQ(incr(), (bytes{0, 0}));
 }

@@ -169,6 +169,17 @@ TEST_F(ctl_daemon, a_closed_log_is_no_disk) {
   EXPECT_EQ(read_file(small), bytes(512));
 }
 
+TEST_F(ctl_daemon, one_that_does_not_answer_is_told_from_one_that_is_busy) {
+  daemon_process d;
+  ASSERT_TRUE(d.serving()) << d.log();
+  d.signal(SIGSTOP);
+  const program_result r = d.ctl({"--limit", "1", "list"});
+  EXPECT_EQ(r.status, 3);
+  EXPECT_NE(r.err.find("zorvd is there but does not answer"), std::string::npos) << r.err;
+  d.signal(SIGCONT);
+  EXPECT_EQ(d.must({"list"}), "no nodes\n");
+}
+
 TEST_F(ctl_daemon, a_file_may_hold_what_the_command_line_may) {
   const std::string text = "disk=[\"" + image + ",name=one,read-only\"]\nzorv_max_blk_minor=15\n" +
                            "zorv_debug=3\nzorv_chr_major=0\n";

@@ -4,6 +4,7 @@
 #include "zorv/control.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -56,6 +57,11 @@ class raw_peer {
     char c = 0;
     return ::recv(fd_.get(), &c, 1, 0) <= 0 && errno != EAGAIN;
   }
+  bool has_reply() {
+    pollfd p{fd_.get(), POLLIN, 0};
+    return ::poll(&p, 1, 10000) == 1;
+  }
+  void end_of_sending() { ::shutdown(fd_.get(), SHUT_WR); }
   void close() { fd_.reset(); }
 
  private:
@@ -69,6 +75,25 @@ zorv_ctl_request request(unsigned kind, u32 command) {
   r.kind = static_cast<uint16_t>(kind);
   r.command = command;
   return r;
+}
+
+void send(raw_peer* peer, zorv_ctl_request r, std::string_view record) {
+  r.record_bytes = static_cast<u32>(record.size());
+  std::string message(reinterpret_cast<const char*>(&r), sizeof r);
+  message += record;
+  peer->send(message.data(), message.size());
+}
+
+// Asks for the Incremental bitmap of minor 0 and its clearing.
+void take(raw_peer* peer, u32 flags, u32 buffer_bytes = 32, u32 bitmap_bytes = 32) {
+  const zorv_bmp_range_req record{
+      .type = ZORV_BMP_INCREMENTAL, .size = bitmap_bytes, .data = 0x10000};
+  auto r = request(ZORV_CTL_IOCTL, ZORV_GET_AND_CLR_BMP);
+  r.record_addr = 0x1000;
+  r.flags = ZORV_CTL_BUFFER_OUT | flags;
+  r.buffer_addr = record.data;
+  r.buffer_bytes = buffer_bytes;
+  send(peer, r, {reinterpret_cast<const char*>(&record), sizeof record});
 }
 
 struct control_test : driver_test {
@@ -149,34 +174,107 @@ TEST_F(control_test, records_of_any_content_are_refused) {
   }
 }
 
-TEST_F(control_test, a_taken_bitmap_that_nobody_read_is_merged_back) {
+TEST_F(control_test, a_taken_bitmap_is_the_clients_when_it_has_it) {
   serve();
   add_filter(disk.path());
-  auto r = request(ZORV_CTL_IOCTL, ZORV_GET_AND_CLR_BMP);
-  zorv_bmp_range_req record{.minor = 0, .type = ZORV_BMP_INCREMENTAL, .size = 32, .data = 0x10000};
-  r.record_addr = 0x20000;
-  r.record_bytes = sizeof record;
-  r.flags = ZORV_CTL_BUFFER_OUT;
-  r.buffer_addr = record.data;
-  r.buffer_bytes = record.size;
-  {
-    raw_peer reads_it(options.socket_path);
-    reads_it.send(&r, sizeof r);
-    reads_it.send(&record, sizeof record);
-    std::string text;
-    EXPECT_EQ(reads_it.reply(&text).buffer_bytes, 32U);
-  }
-  EXPECT_TRUE(changed(0, ZORV_BMP_INCREMENTAL).empty());
-
-  bytes all(32, 0xff);
+  const auto bits_left = [this](std::size_t n) {
+    return eventually([&] { return changed(0, ZORV_BMP_INCREMENTAL).size() == n; });
+  };
   const handle h = open();
-  ASSERT_EQ(get(h.get(), ZORV_SET_BMP, &all), 0);
-  raw_peer dies(options.socket_path);
-  dies.send(&r, sizeof r);
-  dies.send(&record, sizeof record);
-  EXPECT_TRUE(eventually([&] { return changed(0, ZORV_BMP_INCREMENTAL).empty(); }));
-  dies.close();
-  EXPECT_TRUE(eventually([&] { return changed(0, ZORV_BMP_INCREMENTAL).size() == 256; }));
+  bytes all(32, 0xff);
+  const auto refill = [&] { return get(h.get(), ZORV_SET_BMP, &all) == 0 && bits_left(256); };
+  std::string text;
+  const auto settle = [&](raw_peer* peer, u32 how, u64 number) {
+    send(peer, request(ZORV_CTL_HOST, how), wire::writer().num(number).bytes());
+    return peer->reply(&text).result;
+  };
+  // Whoever sends no more, or asks for more, or says nothing has not read the answer.
+  using leave = void (*)(raw_peer*);
+  for (const leave last : {leave([](raw_peer*) {}), leave([](raw_peer* p) { p->end_of_sending(); }),
+                           leave([](raw_peer* p) { take(p, 0); })}) {
+    raw_peer dies(options.socket_path);
+    take(&dies, 0);
+    last(&dies);
+    EXPECT_TRUE(bits_left(0) && dies.has_reply());
+    dies.close();
+    EXPECT_TRUE(bits_left(256));
+  }
+  // Until it has, the file shows them.
+  const auto file_shows = [this](u8 bits) {
+    return eventually([&] {
+      const bytes file = read_file(dir / "zorv0.incr");
+      return file.size() == 48 && file.back() == bits;
+    });
+  };
+  {
+    raw_peer reads(options.socket_path);
+    take(&reads, 0);
+    EXPECT_TRUE(bits_left(0) && file_shows(0xff));
+    EXPECT_EQ(reads.reply(&text).buffer_bytes, 32U);
+    EXPECT_TRUE(file_shows(0));
+  }
+  ASSERT_TRUE(refill());
+  raw_peer holds(options.socket_path);
+  take(&holds, ZORV_CTL_HOLD);
+  EXPECT_EQ(holds.reply(&text).handout, 1U);
+  EXPECT_TRUE(bits_left(0) && file_shows(0xff));
+  EXPECT_EQ(settle(&holds, ZORV_HOST_CONFIRM, 1), 0);
+  EXPECT_EQ(settle(&holds, ZORV_HOST_PUT_BACK, 1), -ENOENT);
+  EXPECT_TRUE(file_shows(0));
+  ASSERT_TRUE(refill());
+  for (const u64 number : {2, 3}) {
+    take(&holds, ZORV_CTL_HOLD);
+    EXPECT_EQ(holds.reply(&text).handout, number);
+    EXPECT_TRUE(bits_left(0));
+    if (number == 2) EXPECT_EQ(settle(&holds, ZORV_HOST_PUT_BACK, 2), 0);
+    if (number == 3) holds.close();
+    EXPECT_TRUE(bits_left(256));
+  }
+  // A plain call of the library has them.
+  EXPECT_EQ(get(h.get(), ZORV_GET_AND_CLR_BMP, &all), 0);
+  EXPECT_TRUE(file_shows(0));
+}
+
+TEST_F(control_test, memory_comes_back_and_everybody_has_a_share) {
+  options.own_buffer_bytes = 4096;
+  options.max_buffer_bytes = 1 << 20;
+  serve();
+  add_filter(disk.path());
+  std::string text;
+  raw_peer takes(options.socket_path);
+  for (int i = 0; i < 5; ++i) {  // each time half of what there is
+    take(&takes, 0, 1 << 19);
+    EXPECT_EQ(takes.reply(&text).result, 0) << text;
+    send(&takes, request(ZORV_CTL_HOST, ZORV_HOST_DISKS), "");
+    EXPECT_EQ(takes.reply(&text).result, 0);
+  }
+  raw_peer slow(options.socket_path);
+  auto r = request(ZORV_CTL_IOCTL, ZORV_SET_BMP);
+  r.flags = ZORV_CTL_BUFFER_IN;
+  r.buffer_bytes = (1 << 20) + 4096;
+  slow.send(&r, sizeof r);
+  EXPECT_TRUE(eventually([&] {
+    raw_peer large(options.socket_path);
+    take(&large, 0, 4097);
+    return large.reply(&text).result == -ENOMEM;
+  }));
+  raw_peer small(options.socket_path);
+  take(&small, 0, 4096);
+  EXPECT_EQ(small.reply(&text).result, 0);
+}
+
+TEST_F(control_test, the_end_waits_a_while_for_a_client_that_does_not_read) {
+  options.stop_grace_ms = 50;
+  memory_disk large{"large", 16ULL << 30};
+  serve();
+  add_filter(large.path(), {.extent_size = 4096});
+  raw_peer deaf(options.socket_path);
+  take(&deaf, 0, 1 << 19, 1 << 19);
+  EXPECT_TRUE(eventually([this] { return info(0).incr_bmp_clear != 0; }));
+  const auto begin = std::chrono::steady_clock::now();
+  server.stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  EXPECT_NE(info(0).incr_bmp_full, 0U) << "what it did not read is merged back";
 }
 
 TEST_F(control_test, nonsense_gets_a_reason_and_the_end) {
@@ -258,6 +356,7 @@ TEST_F(control_test, a_peer_that_stalls_or_dies_in_the_middle_is_left_behind) {
 
 TEST_F(control_test, connections_and_buffers_are_bounded) {
   options.max_connections = 2;
+  options.own_buffer_bytes = 0;
   options.max_buffer_bytes = 1 << 20;
   serve();
   {

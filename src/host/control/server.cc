@@ -2,12 +2,12 @@
 #include "host/control/server.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <list>
 #include <new>
@@ -29,10 +29,10 @@ struct control_server::impl {
 
   control_options options;
   unix_listener listener;
-  unique_fd stop_event;
+  stop_signal stop;
+  memory_budget memory;
   std::thread acceptor;
   std::list<client> clients;
-  std::atomic<std::uint64_t> buffer_bytes{0};
 
   void accept_loop();
   void serve(unique_fd fd);
@@ -44,13 +44,13 @@ control_server::~control_server() { stop(); }
 
 int control_server::start(const control_options& options, std::string* error) {
   impl_->options = options;
-  impl_->stop_event = unique_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!impl_->stop_event) {
-    const int rc = -errno;
+  impl_->memory.limit_bytes = options.max_buffer_bytes;
+  int rc = impl_->stop.open(std::chrono::milliseconds(options.stop_grace_ms));
+  if (rc != 0) {
     *error = std::string("no event descriptor: ") + std::strerror(-rc);
     return rc;
   }
-  const int rc = impl_->listener.open(options.socket_path, error);
+  rc = impl_->listener.open(options.socket_path, error);
   if (rc != 0) return rc;
   try {
     impl_->acceptor = std::thread([this] { impl_->accept_loop(); });
@@ -64,9 +64,7 @@ int control_server::start(const control_options& options, std::string* error) {
 
 void control_server::stop() {
   if (!impl_->acceptor.joinable()) return;
-  const std::uint64_t one = 1;
-  while (::write(impl_->stop_event.get(), &one, sizeof one) < 0 && errno == EINTR) {
-  }
+  impl_->stop.raise();
   impl_->acceptor.join();
   impl_->listener.close();
   for (impl::client& c : impl_->clients) c.thread.join();
@@ -74,7 +72,7 @@ void control_server::stop() {
 }
 
 void control_server::impl::accept_loop() {
-  pollfd fds[2] = {{listener.fd(), POLLIN, 0}, {stop_event.get(), POLLIN, 0}};
+  pollfd fds[2] = {{listener.fd(), POLLIN, 0}, {stop.fd(), POLLIN, 0}};
   for (;;) {
     const int n = ::poll(fds, 2, -1);
     if (n < 0 && errno != EINTR) {
@@ -101,13 +99,12 @@ void control_server::impl::accept_loop() {
 
 void control_server::impl::serve(unique_fd fd) {
   if (clients.size() >= options.max_connections) {
-    control_session(std::move(fd), stop_event.get(), options, &buffer_bytes)
+    control_session(std::move(fd), &stop, options, &memory)
         .refuse(-EBUSY, "too many connections to the control socket");
     return;
   }
+  auto session = std::make_unique<control_session>(std::move(fd), &stop, options, &memory);
   client& c = clients.emplace_back();
-  auto session =
-      std::make_unique<control_session>(std::move(fd), stop_event.get(), options, &buffer_bytes);
   try {
     c.thread = std::thread([&c, s = std::move(session)]() mutable {
       try {
@@ -118,8 +115,9 @@ void control_server::impl::serve(unique_fd fd) {
       s.reset();
       c.ended = true;
     });
-  } catch (const std::system_error&) {
+  } catch (const std::exception& e) {
     clients.pop_back();  // the session went with the failed thread, and closed
+    host_log(log_level::error, std::string("no thread for a control connection: ") + e.what());
   }
 }
 

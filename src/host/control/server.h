@@ -15,9 +15,13 @@ struct control_options {
   std::string run_dir;      // told to clients that ask
   std::string nbd_socket_path;
   unsigned max_connections = 64;
-  std::uint64_t max_buffer_bytes = 1ULL << 30;  // announced by all clients' messages together
+  // What a client's messages and the bitmaps that it has taken and not confirmed may hold: its own,
+  // and for all together what goes beyond that.
+  std::uint64_t own_buffer_bytes = 8ULL << 20;
+  std::uint64_t max_buffer_bytes = 1ULL << 30;
   unsigned stall_ms = 30'000;  // a message that a peer began, or a reply, gets this long and 1 s
                                // per MiB
+  unsigned stop_grace_ms = 5'000;  // what is left of that for a reply when the server stops
   // Called before a command that needs a node unused (STOP_NODE, DEL_NODE): a client that has
   // disconnected may still have it open for a moment. May be empty.
   std::function<void()> settle_clients;
@@ -32,7 +36,8 @@ class control_server {
 
   //   returns  0 | negative errno, with one sentence in *error
   [[nodiscard]] int start(const control_options& options, std::string* error);
-  // Stops accepting, lets commands in progress finish and answers them, closes every connection
+  // Stops accepting, lets commands in progress finish and answers them (whoever does not read its
+  // answer is left behind after the grace), closes every connection
   // and removes the socket. Safe to call again.
   void stop();
 
