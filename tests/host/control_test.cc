@@ -84,16 +84,20 @@ void send(raw_peer* peer, zorv_ctl_request r, std::string_view record) {
   peer->send(message.data(), message.size());
 }
 
-// Asks for the Incremental bitmap of minor 0 and its clearing.
-void take(raw_peer* peer, u32 flags, u32 buffer_bytes = 32, u32 bitmap_bytes = 32) {
+// Asks for the Incremental bitmap of minor 0.
+void ask(raw_peer* peer, u32 command, u32 flags, u32 buffer_bytes = 32, u32 bitmap_bytes = 32) {
   const zorv_bmp_range_req record{
       .type = ZORV_BMP_INCREMENTAL, .size = bitmap_bytes, .data = 0x10000};
-  auto r = request(ZORV_CTL_IOCTL, ZORV_GET_AND_CLR_BMP);
+  auto r = request(ZORV_CTL_IOCTL, command);
   r.record_addr = 0x1000;
   r.flags = ZORV_CTL_BUFFER_OUT | flags;
   r.buffer_addr = record.data;
   r.buffer_bytes = buffer_bytes;
   send(peer, r, {reinterpret_cast<const char*>(&record), sizeof record});
+}
+
+void take(raw_peer* peer, u32 flags, u32 buffer_bytes = 32, u32 bitmap_bytes = 32) {
+  ask(peer, ZORV_GET_AND_CLR_BMP, flags, buffer_bytes, bitmap_bytes);
 }
 
 struct control_test : driver_test {
@@ -248,14 +252,15 @@ TEST_F(control_test, memory_comes_back_and_everybody_has_a_share) {
     send(&takes, request(ZORV_CTL_HOST, ZORV_HOST_DISKS), "");
     EXPECT_EQ(takes.reply(&text).result, 0);
   }
-  raw_peer slow(options.socket_path);
   auto r = request(ZORV_CTL_IOCTL, ZORV_SET_BMP);
   r.flags = ZORV_CTL_BUFFER_IN;
   r.buffer_bytes = (1 << 20) + 4096;
-  slow.send(&r, sizeof r);
+  std::unique_ptr<raw_peer> slow;
   EXPECT_TRUE(eventually([&] {
+    slow = std::make_unique<raw_peer>(options.socket_path);
+    slow->send(&r, sizeof r);
     raw_peer large(options.socket_path);
-    take(&large, 0, 4097);
+    ask(&large, ZORV_GET_BMP, 0, 4097);
     return large.reply(&text).result == -ENOMEM;
   }));
   raw_peer small(options.socket_path);
