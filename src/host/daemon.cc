@@ -173,6 +173,7 @@ bool services::start(const daemon_options& options) {
 }
 
 int services::stop() {
+  control_.announce_stop();
   nbd_.stop();
   control_.stop();
   int rc = 0;

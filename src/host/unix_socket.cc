@@ -128,6 +128,7 @@ int stop_signal::open(std::chrono::milliseconds grace) {
 }
 
 void stop_signal::raise() {
+  if (raised()) return;
   raised_at_ = std::chrono::steady_clock::now();
   const std::uint64_t one = 1;
   while (::write(event_.get(), &one, sizeof one) < 0 && errno == EINTR) {

@@ -72,7 +72,7 @@ class stop_signal {
   // grace  how long a peer that is still owed something has after raise()
   //   returns  0 | negative errno
   [[nodiscard]] int open(std::chrono::milliseconds grace);
-  void raise();
+  void raise();  // once; called by one thread
   [[nodiscard]] bool raised() const { return raised_at_.load() != no_deadline; }
   [[nodiscard]] time_point grace_end() const;            // no_deadline before raise()
   [[nodiscard]] int fd() const { return event_.get(); }  // readable once raised

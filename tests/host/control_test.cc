@@ -16,6 +16,7 @@
 
 #include "host/control/server.h"
 #include "host/unix_socket.h"
+#include "support/at_log_line.h"
 #include "support/driver_fixture.h"
 #include "zorv/client.h"
 #include "zorv/wire.h"
@@ -280,6 +281,27 @@ TEST_F(control_test, the_end_waits_a_while_for_a_client_that_does_not_read) {
   server.stop();
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
   EXPECT_NE(info(0).incr_bmp_full, 0U) << "what it did not read is merged back";
+}
+
+TEST_F(control_test, a_command_sees_that_nobody_waits_for_it) {
+  serve();
+  zorv_device_list_req list{.dev_type = ZORV_DEV_FILTER};
+  const std::string record(reinterpret_cast<const char*>(&list), sizeof list);
+  std::thread stopper;
+  for (const bool leaves : {true, false}) {
+    raw_peer peer(options.socket_path);
+    std::atomic<bool> seen{false};
+    const at_log_line command("ZORV_GET_DEVICE_LIST", [&] {
+      peer.end_of_sending();
+      EXPECT_FALSE(kernel::signal_pending());
+      if (leaves) peer.close();
+      if (!leaves) stopper = std::thread([this] { server.stop(); });
+      seen = eventually(kernel::signal_pending);
+    });
+    send(&peer, request(ZORV_CTL_IOCTL, ZORV_GET_DEVICE_LIST), record);
+    EXPECT_TRUE(eventually([&] { return seen.load(); }));
+  }
+  stopper.join();
 }
 
 TEST_F(control_test, nonsense_gets_a_reason_and_the_end) {

@@ -62,6 +62,10 @@ int control_server::start(const control_options& options, std::string* error) {
   return 0;
 }
 
+void control_server::announce_stop() {
+  if (impl_->acceptor.joinable()) impl_->stop.raise();
+}
+
 void control_server::stop() {
   if (!impl_->acceptor.joinable()) return;
   impl_->stop.raise();

@@ -36,6 +36,8 @@ class control_server {
 
   //   returns  0 | negative errno, with one sentence in *error
   [[nodiscard]] int start(const control_options& options, std::string* error);
+  // Tells clients and commands in progress of the stop that comes; their time begins.
+  void announce_stop();
   // Stops accepting, lets commands in progress finish and answers them (whoever does not read its
   // answer is left behind after the grace), closes every connection
   // and removes the socket. Safe to call again.

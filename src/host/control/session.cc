@@ -141,6 +141,13 @@ int control_session::carry_out(const zorv_ctl_request& request, message_space* s
   if (needs_unused && options_.settle_clients) options_.settle_clients();
   held_.reserve(held_.size() + 1);  // what is taken has to be noted
   const kernel::user_space_scope scope(space);
+  // A peer that only sends no more still waits for the answer.
+  const kernel::signal_scope signal(
+      [](void* arg) {
+        const auto* session = static_cast<control_session*>(arg);
+        return session->stop_->raised() || session->stream_.abandoned();
+      },
+      this);
   return kernel::chrdev_ioctl(driver_name, request.command, request.record_addr);
 }
 
