@@ -19,6 +19,7 @@
 #include "driver/core/module.h"
 #include "host/control/server.h"
 #include "host/disk/disk.h"
+#include "host/fs_stack.h"
 #include "host/log.h"
 #include "host/nbd/server.h"
 #include "host/unix_socket.h"
@@ -162,6 +163,7 @@ bool services::start(const daemon_options& options) {
   nbd.socket_path = options.run_dir + "/nbd.sock";
   rc = nbd_.start(nbd, &error);
   if (rc != 0) return fail("the NBD server does not start: " + error);
+  watch_fs_stack([this] { return nbd_.clients(); });
   control_options control;
   control.socket_path = options.run_dir + "/control.sock";
   control.run_dir = options.run_dir;
@@ -180,6 +182,7 @@ int services::stop() {
   if (loaded_) {
     if (kernel::module_refcount() != 0) host_log(log_level::error, "a node is still open");
     rc = zorv_cleanup();
+    watch_fs_stack(nullptr);
     if (rc != 0) host_log(log_level::error, std::string("unload: ") + std::strerror(-rc));
   }
   image_detach_all();

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "host/unix_socket.h"
 
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
 #include <linux/sockios.h>
+#include <linux/unix_diag.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
@@ -57,6 +61,51 @@ int remove_stale(const std::string& path, std::string* error) {
 }
 
 }  // namespace
+
+socket_peer peer_of(int fd) {
+  socket_peer peer;
+  ucred who{};
+  socklen_t bytes = sizeof who;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &who, &bytes) == 0) peer.pid = who.pid;
+  struct stat st;
+  const unique_fd diag(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  if (!diag || ::fstat(fd, &st) != 0) return peer;
+  struct {
+    nlmsghdr header;
+    unix_diag_req body;
+  } ask{};
+  ask.header.nlmsg_len = sizeof ask;
+  ask.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  ask.header.nlmsg_flags = NLM_F_REQUEST;
+  ask.body.sdiag_family = AF_UNIX;
+  ask.body.udiag_states = ~0U;
+  ask.body.udiag_ino = static_cast<std::uint32_t>(st.st_ino);
+  ask.body.udiag_show = UDIAG_SHOW_PEER;
+  ask.body.udiag_cookie[0] = ask.body.udiag_cookie[1] = ~0U;
+  alignas(nlmsghdr) char answer[1024];
+  if (::send(diag.get(), &ask, sizeof ask, 0) != static_cast<ssize_t>(sizeof ask)) return peer;
+  const ssize_t got = ::recv(diag.get(), answer, sizeof answer, 0);
+  const auto* header = reinterpret_cast<const nlmsghdr*>(answer);
+  if (got < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(unix_diag_msg))) ||
+      header->nlmsg_type != SOCK_DIAG_BY_FAMILY) {
+    return peer;
+  }
+  const char* end = answer + got;
+  for (const char* at = answer + NLMSG_LENGTH(sizeof(unix_diag_msg));
+       end - at >= static_cast<ssize_t>(sizeof(rtattr));) {
+    rtattr attribute{};
+    std::memcpy(&attribute, at, sizeof attribute);
+    std::uint32_t inode = 0;
+    if (attribute.rta_len < sizeof attribute) break;
+    if (attribute.rta_type == UNIX_DIAG_PEER &&
+        attribute.rta_len >= sizeof attribute + sizeof inode) {
+      std::memcpy(&inode, at + sizeof attribute, sizeof inode);
+      peer.inode = inode;
+    }
+    at += RTA_ALIGN(attribute.rta_len);
+  }
+  return peer;
+}
 
 void unique_fd::reset() {
   if (fd_ >= 0) ::close(fd_);

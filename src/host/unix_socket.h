@@ -36,6 +36,13 @@ class unique_fd {
   int fd_ = -1;
 };
 
+// Who is at the other end of a connected socket.
+struct socket_peer {
+  int pid = 0;              // of the process that connected; it may have handed the socket on
+  unsigned long inode = 0;  // of its socket, as /proc/PID/fd shows it; 0 when the host does not say
+};
+[[nodiscard]] socket_peer peer_of(int fd);
+
 // A listening socket, close-on-exec, non-blocking, and its name, mode 0600. The name appears when
 // the socket can be connected to.
 class unix_listener {

@@ -104,6 +104,7 @@ void vfs_defer_sync(file* f);
 // Whether a name leads to the file still: what is written to one without goes with its last handle.
 [[nodiscard]] bool file_linked(file* f);
 [[nodiscard]] bool file_is_regular(file* f);
+[[nodiscard]] devt file_device(file* f);  // that its file system lives on, 0 when there is none
 [[nodiscard]] int vfs_truncate(file* f, u64 bytes);  // its length; 0 | negative errno
 
 // Which file of the host this is, whatever names lead to it. The time of birth tells it from a
@@ -135,7 +136,8 @@ struct file_id {
 [[nodiscard]] int fs_sync_parent(const char* path);
 
 // Lets the host say which device a file system on a given host device really lives on (a loop
-// device over one of our node files counts as that node). Returns 0 for "no opinion".
+// device over one of our node files counts as that node). Major 0 stands for the file system of a
+// FUSE server, the minor for its number. Returns 0 for "no opinion".
 using fs_device_resolver = devt (*)(u32 host_major, u32 host_minor);
 void set_fs_device_resolver(fs_device_resolver fn);
 

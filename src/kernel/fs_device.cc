@@ -112,6 +112,11 @@ std::string overlay_directory(const std::string& options) {
   return {};
 }
 
+devt ask_resolver(u32 host_major, u32 host_minor) {
+  const auto resolver = device_resolver.load(std::memory_order_acquire);
+  return resolver == nullptr ? 0 : resolver(host_major, host_minor);
+}
+
 devt device_of_anonymous(const struct statx& at, int depth) {
   mount_entry m;
   if (!find_mount(at, &m)) return 0;
@@ -119,24 +124,34 @@ devt device_of_anonymous(const struct statx& at, int depth) {
     const std::string dir = overlay_directory(m.options);
     return dir.empty() || depth >= max_stacking ? 0 : device_below(dir.c_str(), true, depth + 1);
   }
+  if (m.type.starts_with("fuse") && m.type != "fuseblk") return ask_resolver(0, at.stx_dev_minor);
   return m.source.starts_with("/dev/") ? device_of_source(m.source) : 0;
+}
+
+devt device_of(const struct statx& at, int depth) {
+  const devt dev = at.stx_dev_major != 0 ? mkdev(at.stx_dev_major, at.stx_dev_minor)
+                                         : device_of_anonymous(at, depth);
+  if (dev == 0) return 0;
+  const devt better = ask_resolver(major_of(dev), minor_of(dev));
+  return better != 0 ? better : dev;
 }
 
 devt device_below(const char* path, bool follow, int depth) {
   struct statx at;
   const int flags = follow ? 0 : AT_SYMLINK_NOFOLLOW;
   if (::statx(AT_FDCWD, path, flags, STATX_BASIC_STATS | STATX_MNT_ID, &at) != 0) return 0;
-  const devt dev = at.stx_dev_major != 0 ? mkdev(at.stx_dev_major, at.stx_dev_minor)
-                                         : device_of_anonymous(at, depth);
-  const auto resolver = device_resolver.load(std::memory_order_acquire);
-  if (dev == 0 || resolver == nullptr) return dev;
-  const devt better = resolver(major_of(dev), minor_of(dev));
-  return better != 0 ? better : dev;
+  return device_of(at, depth);
 }
 
 }  // namespace
 
 devt fs_device_of(const char* path, bool follow) { return device_below(path, follow, 0); }
+
+devt fs_device_of_open(int fd) {
+  struct statx at;
+  if (::statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &at) != 0) return 0;
+  return device_of(at, 0);
+}
 
 void set_fs_device_resolver(fs_device_resolver fn) {
   device_resolver.store(fn, std::memory_order_release);

@@ -35,6 +35,11 @@ bool file_is_regular(file* f) {
   return ::fstat(f->fd, &st) == 0 && S_ISREG(st.st_mode);
 }
 
+devt file_device(file* f) {
+  might_sleep("file_device");
+  return fs_device_of_open(f->fd);
+}
+
 int file_identity(file* f, file_id* id) { return identify(f->fd, "", AT_EMPTY_PATH, id); }
 
 int path_identity(const char* path, file_id* id) {

@@ -25,6 +25,7 @@ std::string fs_parent_of(std::string_view path);
 
 // Block device under the host file system that holds the path, 0 when there is none.
 devt fs_device_of(const char* path, bool follow);
+devt fs_device_of_open(int fd);
 
 // The record of what is not on stable storage yet (fault_record_unsynced_begin). While it is on,
 // changes go through these, which make the change and remember what it replaced in one step.

@@ -137,6 +137,10 @@ TEST_F(file_test, a_file_is_somebodys_by_any_name) {
   EXPECT_EQ(open_own(link, &other, &second), -EINVAL);
   EXPECT_EQ(open_own(dir / "none", &other, &second), -ENOENT);
   EXPECT_EQ(open_own("/dev/null", &other, &second), -EINVAL);
+  kernel::set_fs_device_resolver([](u32, u32) { return kernel::mkdev(100, 9); });
+  EXPECT_EQ(open_own(path, &other, &second), -EINVAL);
+  EXPECT_TRUE(log.has("can't be the second's file: it lies on zorv(100, 9)"));
+  kernel::set_fs_device_resolver(nullptr);
   // Without its claim the lock still tells, as it does to another process.
   mine.reset();
   EXPECT_EQ(open_own(hard, &other, &second), -EBUSY);

@@ -115,27 +115,24 @@ devt lives_on = 0;
 
 }  // namespace
 
-TEST_F(node_test, cow_files_that_would_make_the_thread_wait_for_itself_are_refused) {
+TEST_F(node_test, files_that_requests_wait_for_cannot_be_on_a_node) {
   kernel::set_fs_device_resolver([](u32, u32) { return lives_on; });
   memory_disk other_disk("d1", disk_bytes);
   const u32 other = add_started_filter(other_disk.path());
-  const auto on = [](u32 minor) { return kernel::mkdev(100, minor); };
-  auto mine = snap_request({});
-  auto others = snap_request({});
-  others.filter_minor = other;
-
-  lives_on = on(filter);
-  EXPECT_EQ(refused(mine), -EINVAL);
+  auto request = snap_request({});
+  lives_on = kernel::mkdev(100, filter);
+  EXPECT_EQ(refused(request), -EINVAL);
   EXPECT_TRUE(log.has("can't be on the partition being snapped!"));
-  lives_on = on(other);
-  ASSERT_EQ(command(ZORV_ADD_SNAP_NODE, &mine), 0) << "a node with no snaps waits for nobody";
-  lives_on = on(filter);
-  EXPECT_EQ(refused(others), -EINVAL) << "its snap's copies would wait for the first filter's";
-  EXPECT_TRUE(log.has("writing it would have to wait for zorv(100, 1)")) << log.errors();
-  lives_on = on(static_cast<u32>(mine.snap_minor));
-  EXPECT_EQ(refused(others), -EINVAL) << "on a snap of such a filter";
-  auto again = snap_request({});
-  EXPECT_EQ(refused(again), -EINVAL) << "on a snap of the filter itself";
+  lives_on = kernel::mkdev(100, other);
+  EXPECT_EQ(refused(request), -EINVAL);
+  EXPECT_TRUE(log.has("can't be on zorv(100, 1)")) << log.errors();
+  zorv_add_filter_req filter_request{};
+  std::strcpy(filter_request.hdd_name, "/dev/image/d2");
+  zorv::copy_text_n(filter_request.bmp_dir, sizeof filter_request.bmp_dir, dir.path().c_str());
+  filter_request.extent_size = 65536;
+  memory_disk third("d2", disk_bytes);
+  EXPECT_EQ(command(ZORV_ADD_FILTER_NODE, &filter_request), -EINVAL);
+  EXPECT_TRUE(log.has("Bitmap files in " + dir.path())) << log.errors();
   kernel::set_fs_device_resolver(nullptr);
 }
 

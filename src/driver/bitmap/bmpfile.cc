@@ -49,11 +49,8 @@ u32 crc_of(const u8* bits, u32 size) {
   return crc;
 }
 
-// A file on a file system that sits on the filter's own node would be written through that node.
-bool lives_on_node(const zorv_filter* f, const char* fname) {
-  return zorv_get_file_devt(fname) ==
-         kernel::mkdev(static_cast<u32>(zorv_blk_major), f->filter_minor);
-}
+// A file on a file system that sits on a node of ours would be written through that node.
+bool lives_on_node(const char* fname) { return zorv_is_own_dev(zorv_get_file_devt(fname)); }
 
 bool is_missing(const char* fname) {
   kernel::dentry* entry = zorv_get_file_dentry(fname, 1);
@@ -98,7 +95,7 @@ void sync_name(zorv_filter* f, u32 type, const char* fname) {
 }
 
 int rewrite_file(zorv_filter* f, u32 type, const u8* bits, const zorv_bmp_view& bmp) {
-  if (lives_on_node(f, bmp.fname)) {
+  if (lives_on_node(bmp.fname)) {
     zorv_log(LOG_ERROR,
              "%s(): Can't save bitmap to %s. The file must be moved to a different partition.",
              "zorv_block_save_bmp", bmp.fname);
@@ -297,7 +294,7 @@ int zorv_block_write_dirty_flag(zorv_filter* f, u32 type, int flag) {
            zorv_bmp_type_name(type), zorv_blk_major, f->filter_minor);
   rzmutex_guard files(&f->bmp_mutex);
   const char* fname = zorv_bmp_of(f, type).fname;
-  if (lives_on_node(f, fname)) {
+  if (lives_on_node(fname)) {
     zorv_log(LOG_ERROR,
              "%s(): Can't set dirty flag in %s. The file must be moved to a different partition.",
              __func__, fname);

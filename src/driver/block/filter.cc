@@ -43,6 +43,15 @@ int find_hdd(const zorv_add_filter_req* req, devt* dev) {
   return rc;
 }
 
+// Saves and marks in the folder would be requests to the node that it lies on.
+int refuse_own_folder(const char* bmp_dir) {
+  const devt dev = zorv_get_file_devt(bmp_dir);
+  if (!zorv_is_own_dev(dev)) return 0;
+  zorv_log(LOG_ERROR, "%s(): Bitmap files in %s can't be on zorv(%d, %d)", op, bmp_dir,
+           kernel::major_of(dev), kernel::minor_of(dev));
+  return -EINVAL;
+}
+
 int refuse_duplicate(devt dev) {
   table_read_guard table;
   for (u32 m = 0; m <= static_cast<u32>(zorv_max_blk_minor); ++m) {
@@ -222,7 +231,8 @@ int zorv_ioctl_add_filter_node(zorv_add_filter_req* req) {
   int rc = find_hdd(req, &hdd_dev);
   if (rc != 0) return rc;
   if (req->uuid[0] == '\0') zorv_make_uuid(req->uuid);
-  rc = refuse_duplicate(hdd_dev);
+  rc = refuse_own_folder(req->bmp_dir);
+  if (rc == 0) rc = refuse_duplicate(hdd_dev);
   if (rc != 0) return rc;
 
   kernel::block_device* hdd = zorv_open_bdev(hdd_dev, kernel::FMODE_WRITE);

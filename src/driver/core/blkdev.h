@@ -87,9 +87,6 @@ struct zorv_snap {
   // Read: the COW thread while it uses the files and the COW bitmap of a started snap (`started`
   // tested inside). Write: start, stop and resume while they set these up or take them away.
   rzrwlock file_lock;
-  // Where the files live, from creation; tells which nodes the COW thread may have to wait for.
-  devt cow_bmp_dev = 0;
-  devt cow_data_dev = 0;
   // Whose the files are, from the first start or resume on, while the snap is stopped too. The
   // claims say which files they were.
   kernel::file_claim data_claim;

@@ -2,11 +2,8 @@
 // ADD_SNAP_NODE: a snap node over a filter, created and left stopped.
 //
 // The COW thread of a filter writes the COW files of its snaps while writes to the filter wait for
-// it. So no write to those files may come back to the filter's own queue: not directly, not by way
-// of a node that lies on the filter's node, and not by way of a node whose own snaps keep their
-// files there. Every node is followed to what its requests may have to wait for; the devices that
-// the files of existing snaps live on were noted when these were created, because a look-up may
-// read from a node and the table is held for writing here.
+// it. So those files cannot live on a node of this driver: not on the filter's own, and not on
+// another, whose requests may come to wait for this filter in turn.
 #include "driver/block/block.h"
 #include "driver/core/log.h"
 #include "driver/io/request.h"
@@ -22,57 +19,20 @@ constexpr u64 max_chunks = 1ULL << 30;    // of one snap
 constexpr u32 max_chunk_size = 1U << 31;  // bytes
 constexpr devt first_real_dev = 1U << kernel::minor_bits;
 
-devt node_dev(u32 minor) { return kernel::mkdev(static_cast<u32>(zorv_blk_major), minor); }
-
-// The device the file lives on or will live on; refused on the very node that is snapped.
-int find_file_dev(const char* path, u32 filter_minor, devt* dev) {
-  *dev = zorv_get_file_devt(path);
-  if (*dev < first_real_dev) {
+// Refuses a file without a device below it, and one on a node of ours.
+int check_file_dev(const char* path, u32 filter_minor) {
+  const devt dev = zorv_get_file_devt(path);
+  if (dev < first_real_dev) {
     zorv_log(LOG_ERROR, "%s(): Failed to get ID of the device with %s", op, path);
     return -EINVAL;
   }
-  if (*dev == node_dev(filter_minor)) {
+  if (!zorv_is_own_dev(dev)) return 0;
+  if (kernel::minor_of(dev) == filter_minor) {
     zorv_log(LOG_ERROR, "%s(): File %s can't be on the partition being snapped!", op, path);
-    return -EINVAL;
+  } else {
+    zorv_log(LOG_ERROR, "%s(): File %s can't be on zorv(%d, %d)", op, path, kernel::major_of(dev),
+             kernel::minor_of(dev));
   }
-  return 0;
-}
-
-// Whether a request to the device may have to wait for the filter. `visited` holds a mark per
-// minor; what has been looked at once need not be again.
-bool leads_to(devt dev, const zorv_blkdev* filter, u8* visited)
-    REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  if (kernel::major_of(dev) != static_cast<u32>(zorv_blk_major)) return false;
-  const zorv_blkdev* node = zorv_blkdev_find(kernel::minor_of(dev));
-  if (node == nullptr || visited[node->minor] != 0) return false;
-  if (node == filter) return true;
-  visited[node->minor] = 1;
-  if (node->dev_type == ZORV_DEV_SNAP) {
-    return leads_to(node_dev(node->s.filter->minor), filter, visited);
-  }
-  if (leads_to(node->f.hdd_dev, filter, visited)) return true;
-  const auto& snaps = node->f.snaps;
-  for (const zorv_blkdev* s = snaps.front(); s != nullptr; s = snaps.next_of(s->s.snap_link)) {
-    if (leads_to(s->s.cow_bmp_dev, filter, visited) ||
-        leads_to(s->s.cow_data_dev, filter, visited)) {
-      return true;
-    }
-  }
-  return false;
-}
-
-int refuse_circle(const zorv_blkdev* filter, const char* path, devt dev)
-    REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  const auto slots = static_cast<std::size_t>(zorv_max_blk_minor) + 1;
-  kernel::kbuf<u8> visited(static_cast<u8*>(kernel::kzalloc(slots, kernel::GFP_KERNEL)));
-  if (visited == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failure", op);
-    return -ENOMEM;
-  }
-  if (!leads_to(dev, filter, visited.get())) return 0;
-  zorv_log(LOG_ERROR,
-           "%s(): File %s can't be on zorv(%d, %d): writing it would have to wait for zorv(%d, %d)",
-           op, path, kernel::major_of(dev), kernel::minor_of(dev), zorv_blk_major, filter->minor);
   return -EINVAL;
 }
 
@@ -118,8 +78,7 @@ u32 count_snaps(const zorv_blkdev* filter) {
   return n;
 }
 
-void fill_record(zorv_blkdev* dev, const zorv_add_snap_req* req, zorv_blkdev* filter, devt bmp_dev,
-                 devt data_dev) {
+void fill_record(zorv_blkdev* dev, const zorv_add_snap_req* req, zorv_blkdev* filter) {
   zorv_snap& s = dev->s;
   dev->dev_type = ZORV_DEV_SNAP;
   dev->minor = static_cast<u32>(req->snap_minor);
@@ -132,15 +91,12 @@ void fill_record(zorv_blkdev* dev, const zorv_add_snap_req* req, zorv_blkdev* fi
   s.filter = filter;
   copy_text(s.cow_data_fname, req->cow_data_fname);
   copy_text(s.cow_bmp_fname, req->cow_bmp_fname);
-  s.cow_bmp_dev = bmp_dev;
-  s.cow_data_dev = data_dev;
   s.cow_data_size = s.chunk_cnt << s.chunk_shift;
   s.cow_bmp_size = static_cast<u32>(((filter->f.dev_size - 1) >> s.chunk_shift >> 3) + 1);
 }
 
 //   req  its minor, name and chunk size are filled in
-int create(zorv_add_snap_req* req, zorv_blkdev* filter, devt bmp_dev, devt data_dev)
-    REQUIRES(zorv_blkdev_rwlock) {
+int create(zorv_add_snap_req* req, zorv_blkdev* filter) REQUIRES(zorv_blkdev_rwlock) {
   zorv_blkdev* dev = kernel::knew<zorv_blkdev>(kernel::GFP_KERNEL);
   if (dev == nullptr) {
     zorv_log(LOG_ERROR, "%s(): Memory allocation failure", op);
@@ -155,7 +111,7 @@ int create(zorv_add_snap_req* req, zorv_blkdev* filter, devt bmp_dev, devt data_
            zorv_blk_major, filter->minor);
 
   zorv_blkdev_arr[minor] = dev;
-  fill_record(dev, req, filter, bmp_dev, data_dev);
+  fill_record(dev, req, filter);
   filter->f.snaps.push_back(&dev->s.snap_link);
   dev->disk =
       zorv_block_add_disk(dev, filter->f.dev_size, filter->f.hdd_bdev, zorv_unplug_snap, op);
@@ -180,10 +136,8 @@ int zorv_ioctl_add_snap_node(zorv_add_snap_req* req) {
            op, req->snap_minor, req->filter_minor, req->chunk_size, req->cow_bmp_fname,
            req->cow_data_fname);
   if (!zorv_block_node_name_fits(req->name, op)) return -EINVAL;
-  devt bmp_dev = 0;
-  devt data_dev = 0;
-  int rc = find_file_dev(req->cow_bmp_fname, req->filter_minor, &bmp_dev);
-  if (rc == 0) rc = find_file_dev(req->cow_data_fname, req->filter_minor, &data_dev);
+  int rc = check_file_dev(req->cow_bmp_fname, req->filter_minor);
+  if (rc == 0) rc = check_file_dev(req->cow_data_fname, req->filter_minor);
   if (rc != 0) return rc;
   if (req->uuid[0] == '\0') zorv_make_uuid(req->uuid);
 
@@ -200,9 +154,7 @@ int zorv_ioctl_add_snap_node(zorv_add_snap_req* req) {
   }
   rc = check_chunk_size(filter, req->chunk_size);
   if (rc == 0) rc = fit_chunk_size(filter, &req->chunk_size);
-  if (rc == 0) rc = refuse_circle(filter, req->cow_bmp_fname, bmp_dev);
-  if (rc == 0) rc = refuse_circle(filter, req->cow_data_fname, data_dev);
-  return rc != 0 ? rc : create(req, filter, bmp_dev, data_dev);
+  return rc != 0 ? rc : create(req, filter);
 }
 
 }  // namespace zorv

@@ -76,6 +76,11 @@ int check_own(zorv_file* file, const char* owner, file_lock lock, kernel::file_c
     zorv_log(LOG_ERROR, "%s(): %s is no regular file", "zorv_fopen_own", file->fname);
     return -EINVAL;
   }
+  if (const devt dev = kernel::file_device(file->filp); zorv_is_own_dev(dev)) {
+    zorv_log(LOG_ERROR, "%s(): %s can't be %s: it lies on zorv(%d, %d)", "zorv_fopen_own",
+             file->fname, owner, kernel::major_of(dev), kernel::minor_of(dev));
+    return -EINVAL;
+  }
   kernel::file_id id;
   int rc = kernel::file_identity(file->filp, &id);
   if (rc != 0) {

@@ -24,8 +24,8 @@ struct zorv_file {
 //   flags    FO_CREAT makes a missing file; FO_TRUNC is not for this
 //   owner    what the claim says to others: "zorv(100, 3)'s COW data file"
 //   claim    gets the claim; one that it holds on the very file stays
-//   returns  0 | -ENOENT | -EINVAL (a link, no regular file) | -EBUSY (somebody's) | an errno;
-//   logged
+//   returns  0 | -ENOENT | -EINVAL (a link, no regular file, on one of our nodes) | -EBUSY
+//   (somebody's) | an errno; logged
 //            except -ENOENT; *out is set and the claim taken only with 0
 enum class file_lock { none, exclusive };
 [[nodiscard]] int zorv_fopen_own(const char* path, u32 flags, const char* owner, file_lock lock,
@@ -55,6 +55,9 @@ using zorv_file_ptr = std::unique_ptr<zorv_file, zorv_file_closer>;
 // Device number of the block device under the file system that holds the path or would hold it
 // (nearest existing ancestor); 0 when there is none.
 [[nodiscard]] devt zorv_get_file_devt(const char* path);
+// Whether that is a node of this driver. Files that requests wait for cannot be there: writing them
+// takes requests that may wait for the same.
+[[nodiscard]] bool zorv_is_own_dev(devt dev);
 
 // The entry of the parent look-up's last component, possibly negative, or an error value (-EEXIST:
 // no ordinary name, -ENOENT: a trailing '/' behind a name that does not exist).

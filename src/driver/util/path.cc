@@ -2,6 +2,7 @@
 // Names: looking them up, the device they live on, making and removing them.
 #include <cassert>
 
+#include "driver/core/blkdev.h"
 #include "driver/core/log.h"
 #include "driver/util/file.h"
 #include "kernel/mem.h"
@@ -95,6 +96,8 @@ devt zorv_get_file_devt(const char* path) {
   }
   return 0;
 }
+
+bool zorv_is_own_dev(devt dev) { return kernel::major_of(dev) == static_cast<u32>(zorv_blk_major); }
 
 kernel::dentry* zorv_lookup_create(kernel::nameidata* nd) {
   kernel::dir_lock(nd->path);

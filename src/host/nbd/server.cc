@@ -37,6 +37,7 @@ struct connection {
   int fd = -1;  // -1 once closed; under the server's lock
   std::thread thread;
   bool finished = false;
+  nbd_client_process peer;  // node 0 before the end of negotiation; under the server's lock
 };
 
 int fail(std::string* error, int code, std::string text) {
@@ -62,7 +63,7 @@ struct nbd_server::impl {
   void accept_loop() noexcept;
   void take(int fd);
   void serve(connection* c) noexcept;
-  void converse(int fd);
+  void converse(connection* c);
   std::list<connection> finished_locked();
 };
 
@@ -115,10 +116,16 @@ void nbd_server::impl::take(int fd) {
   }
 }
 
-void nbd_server::impl::converse(int fd) {
+void nbd_server::impl::converse(connection* c) {
+  const int fd = c->fd;
   nbd::session s;
   const nbd::negotiation n{fd, exports, options.handshake_limit_ms, &stopping};
   if (!nbd::negotiate(n, &s)) return;
+  const socket_peer peer = peer_of(fd);
+  {
+    const std::lock_guard guard(lock);
+    c->peer = {s.target.dev, peer.pid, peer.inode};
+  }
   if (s.target.read_only) kernel::set_user_nice(nice_of_readers);
   const auto t = std::make_unique<nbd::transmission>(fd, s, options.max_inflight_bytes, &stopping);
   if (t->init()) t->run();
@@ -127,7 +134,7 @@ void nbd_server::impl::converse(int fd) {
 void nbd_server::impl::serve(connection* c) noexcept {
   kernel::daemonize("zorv-nbd");
   try {
-    converse(c->fd);
+    converse(c);
   } catch (const std::exception& e) {
     kernel::printk("<3>ERROR: zorvd: an NBD connection ended: %s.\n", e.what());
   }
@@ -160,6 +167,15 @@ int nbd_server::start(const nbd_options& options, std::string* error) {
     return fail(error, -e.code().value(), "No thread for the NBD server.");
   }
   return 0;
+}
+
+std::vector<nbd_client_process> nbd_server::clients() {
+  std::vector<nbd_client_process> all;
+  const std::lock_guard guard(impl_->lock);
+  for (const connection& c : impl_->connections) {
+    if (!c.finished && c.peer.node != 0) all.push_back(c.peer);
+  }
+  return all;
 }
 
 void nbd_server::settle() {

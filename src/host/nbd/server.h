@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "host/nbd/export.h"
 
@@ -17,6 +18,13 @@ struct nbd_options {
   nbd_export_source* exports = nullptr;        // null: the driver's started nodes
 };
 
+// A client that has a node open, as the host knows it.
+struct nbd_client_process {
+  kernel::devt node = 0;
+  int pid = 0;                 // that connected
+  kernel::u64 peer_inode = 0;  // of its socket; 0: unknown
+};
+
 class nbd_server {
  public:
   nbd_server();
@@ -26,6 +34,8 @@ class nbd_server {
 
   //   returns  0 | negative errno, with one sentence in *error
   [[nodiscard]] int start(const nbd_options& options, std::string* error);
+  // Everybody who is past negotiation now.
+  [[nodiscard]] std::vector<nbd_client_process> clients();
   // Waits until the connections whose peers have gone have released their nodes, at most two
   // seconds: whoever has disconnected finds the node unused.
   void settle();
