@@ -121,6 +121,7 @@ struct file_id {
   }
 };
 [[nodiscard]] int file_identity(file* f, file_id* id);  // of an open file: 0 | negative errno
+[[nodiscard]] int fd_identity(int fd, file_id* id);     // the same of a host's descriptor
 // Of what the name leads to now; a symbolic link at its end is the link itself.
 //   returns  0 | -ENOENT | the look-up's error
 [[nodiscard]] int path_identity(const char* path, file_id* id);

@@ -40,7 +40,9 @@ devt file_device(file* f) {
   return fs_device_of_open(f->fd);
 }
 
-int file_identity(file* f, file_id* id) { return identify(f->fd, "", AT_EMPTY_PATH, id); }
+int fd_identity(int fd, file_id* id) { return identify(fd, "", AT_EMPTY_PATH, id); }
+
+int file_identity(file* f, file_id* id) { return fd_identity(f->fd, id); }
 
 int path_identity(const char* path, file_id* id) {
   might_sleep("path_identity");

@@ -86,17 +86,27 @@ TEST_F(ctl_host_disk, is_held_while_a_node_stands_over_it) {
   EXPECT_EQ(io.status, 0) << io.out << io.err;
   EXPECT_EQ(read_file(dir / "disk.img")[(1 << 20) + 17], 90);
   EXPECT_THAT(d.must({"bmp", "show", "data", "incr"}), HasSubstr("1048576 65536\n"));
+  EXPECT_THAT(d.ctl({"attach", dir / "disk.img"}).err, HasSubstr(loop.path() + "'s file"));
   d.must({"stop", "data"});
   d.must({"del", "data"});
+  EXPECT_THAT(d.ctl({"attach", dir / "disk.img"}).err,
+              HasSubstr("open for writing elsewhere: by " + loop.path()));
   const int fd = open_alone(loop.path());
   EXPECT_GE(fd, 0) << "the disk is free again";
 
   EXPECT_THAT(add(loop.path()).err, HasSubstr("Can't attach to an open HDD device"));
   ::close(fd);
+  const int beside = ::open(loop.path().c_str(), O_RDWR | O_CLOEXEC);
+  EXPECT_THAT(add(loop.path()).err, HasSubstr("Can't attach to an open HDD device"));
+  ::close(beside);
   make_image(dir / "fixed.img", 8 << 20);
   const loop_device fixed(dir / "fixed.img", {"--read-only"});
   ASSERT_TRUE(fixed.there());
   EXPECT_THAT(add(fixed.path()).err, HasSubstr("Unable to open HDD device"));
+  make_image(dir / "both.img", 8 << 20);
+  d.must({"attach", dir / "both.img"});
+  const loop_device both(dir / "both.img");
+  EXPECT_THAT(add(both.path()).err, HasSubstr("Can't attach to an open HDD device"));
   EXPECT_EQ(d.end(SIGTERM), 0);
 }
 

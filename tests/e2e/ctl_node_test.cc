@@ -90,7 +90,7 @@ TEST_F(ctl_node, refusals_have_a_reason_and_a_status) {
       {{"bmp", "show", "data", "both"}, 2, 0, "both"},
       {{"detach", "disk"}, 1, EBUSY, "in use"},
       {{"detach", "none"}, 1, ENOENT, "none"},
-      {{"attach", image, "--name", "again"}, 1, EBUSY, "attached already"},
+      {{"attach", image, "--name", "again"}, 1, EBUSY, "in use here already, as disk /dev/image/"},
       {{"attach", dir.path()}, 1, EISDIR, "Is a directory"},
       {{"proc", "cat", "none"}, 1, ENOENT, "none"},
       {{"proc", "cat", "zorv0"}, 1, EISDIR, "zorv0"},

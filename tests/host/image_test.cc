@@ -2,13 +2,16 @@
 // Image files as disks: who may attach what, and what reaches the file.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <thread>
 
 #include "host/disk/disk.h"
 #include "host/held_file.h"
+#include "kernel/claim.h"
 #include "kernel/fault.h"
 #include "kernel/fs.h"
 #include "kernel/uaccess.h"
@@ -81,6 +84,21 @@ TEST_F(image_test, refusals_say_why_and_leave_nothing) {
   std::filesystem::create_hard_link(dir / "one.raw", dir / "link.raw");
   std::filesystem::create_directory(dir / "folder");
   ::mkfifo((dir / "pipe").c_str(), 0600);
+  kernel::file_id id;
+  ASSERT_EQ(kernel::path_identity(make("taken.raw", 8192).c_str(), &id), 0);
+  kernel::file_claim cow_file;
+  ASSERT_EQ(kernel::claim_file(id, "a COW data file", &cow_file), 0);
+  const std::string written = std::filesystem::canonical(make("written.raw", 8192));
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const pid_t writer = ::fork();
+  if (writer == 0) {
+    const bool open = ::open(written.c_str(), O_RDWR) >= 0;
+    (void)!::write(ends[1], "x", open ? 1 : 0);
+    ::pause();
+  }
+  char opened;
+  ASSERT_EQ(::read(ends[0], &opened, 1), 1);
   const int locked = ::open(make("locked.raw", 8192).c_str(), O_RDWR);
   struct flock whole = {};
   whole.l_type = F_WRLCK;
@@ -95,7 +113,8 @@ TEST_F(image_test, refusals_say_why_and_leave_nothing) {
       {"link.raw", "", -EBUSY},      {"fresh.raw", "one", -EEXIST},
       {"fresh.raw", "a/b", -EINVAL}, {"fresh.raw", "..", -EINVAL},
       {"fresh.raw", "a b", -EINVAL}, {"fresh.raw", std::string(128, 'x'), -EINVAL},
-      {"short.raw", "", -EINVAL},
+      {"short.raw", "", -EINVAL},    {"taken.raw", "", -EBUSY},
+      {"written.raw", "", -EBUSY},
   };
   make("fresh.raw", 8192);
   make("short.raw", 511);
@@ -104,6 +123,11 @@ TEST_F(image_test, refusals_say_why_and_leave_nothing) {
     EXPECT_EQ(attach(dir / t.file, t.name), t.result) << t.file << " " << t.name;
     EXPECT_FALSE(error.empty()) << t.file;
   }
+  ::kill(writer, SIGKILL);
+  ::waitpid(writer, nullptr, 0);
+  for (const int end : ends) ::close(end);
+  EXPECT_EQ(attach(written), 0) << error;
+  EXPECT_EQ(zorv::image_detach("written", &error), 0);
   EXPECT_EQ(zorv::image_list().size(), 1U);
   EXPECT_EQ(kernel::namespace_list("/dev/image").size(), 1U);
   // Whatever memory runs out at, the file can be attached afterwards.

@@ -26,8 +26,10 @@ struct attached_disk {
 enum class access { read_write, read_only };
 
 // Attaches an image file as /dev/image/NAME (name empty: the file's base name without extension).
-// Takes an advisory lock on it; never changes its length.
-//   returns  0 | -EEXIST (name taken) | -EBUSY (locked by another daemon, or attached already) |
+// Claims it in this daemon and takes an advisory lock on it; never changes its length.
+//   returns  0 | -EEXIST (name taken) | -EBUSY (attached or something else's in this daemon, locked
+//   by
+//            another program, or, unless read-only, seen to be open for writing elsewhere) |
 //            -EINVAL (no regular file, shorter than one sector, bad name) | the open's error
 //   error    one sentence for a person
 [[nodiscard]] int image_attach(const std::string& path, const std::string& name, access mode,

@@ -7,6 +7,7 @@
 // refusal, and its reason, are the driver's to give.
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -24,6 +25,9 @@
 #include "driver/core/types.h"
 #include "host/disk/disk.h"
 #include "host/disk/engine.h"
+#include "host/disk/identity.h"
+#include "host/disk/in_use.h"
+#include "kernel/claim.h"
 #include "kernel/printk.h"
 #include "kernel/uaccess.h"
 
@@ -43,6 +47,7 @@ struct host_disk {
   bool shared = false;  // somebody else holds it
   s32 openers = 0;
   bool added = false;
+  kernel::file_claim backing_file;  // of a loop device
   std::unique_ptr<file_engine> engine;
   gendisk* disk = nullptr;
 
@@ -164,6 +169,13 @@ int host_mounted(block_device* bdev) {
   return 0;
 }
 
+int host_identity(block_device* bdev, char* text, std::size_t bytes) {
+  std::string found;
+  const int rc = device_disk_identity(bdev->bd_dev, host_trees{}, &found);
+  if (rc == 0) copy_text_n(text, bytes, found.c_str());
+  return rc != 0 || found.size() < bytes ? rc : -ENAMETOOLONG;
+}
+
 const kernel::block_device_operations host_bdops = {
     .open = host_open,
     .release = host_release,
@@ -173,7 +185,7 @@ const kernel::block_device_operations host_bdops = {
     .mounted = host_mounted,
     .freeze = nullptr,
     .thaw = nullptr,
-    .identity = nullptr,
+    .identity = host_identity,
 };
 
 host_disk::~host_disk() {
@@ -249,6 +261,20 @@ void take_limits(int fd, kernel::request_queue* q) {
   }
 }
 
+// Whoever works on the device without having it alone.
+std::string other_user(host_disk* h) {
+  if (h->shared) return "an exclusive holder";
+  loop_info64 info = {};
+  if (::ioctl(h->fd, LOOP_GET_STATUS64, &info) == 0) {
+    const kernel::file_id id{info.lo_device, info.lo_inode, 0};
+    char whose[kernel::file_claim::owner_bytes] = {};
+    if (kernel::claim_file(id, (h->path + "'s file").c_str(), &h->backing_file, &whose) != 0) {
+      return whose;
+    }
+  }
+  return writer_elsewhere(h->path);
+}
+
 int add_host_disk(host_disk* h) {
   // A device that the host calls read-only may be opened for writing all the same.
   int read_only = 0;
@@ -271,7 +297,10 @@ int add_host_disk(host_disk* h) {
   kernel::set_capacity(h->disk, size_bytes >> kernel::sector_shift);
   kernel::set_disk_ro(h->disk, h->read_only ? 1 : 0);
   kernel::add_disk(h->disk);
-  h->disk->bdev->bd_other_openers.store(h->shared ? 1 : 0);
+  if (const std::string who = other_user(h); !who.empty()) {
+    kernel::printk("<6>zorvd: %s is in use by %s.\n", h->path.c_str(), who.c_str());
+    h->disk->bdev->bd_other_openers.store(1);
+  }
   h->added = true;
   return 0;
 }

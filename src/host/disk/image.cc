@@ -16,6 +16,9 @@
 #include "driver/util/file.h"
 #include "host/disk/disk.h"
 #include "host/disk/engine.h"
+#include "host/disk/identity.h"
+#include "host/disk/in_use.h"
+#include "kernel/claim.h"
 #include "kernel/printk.h"
 #include "kernel/uaccess.h"
 
@@ -36,8 +39,7 @@ struct image {
   attached_disk info{};
   std::string node;  // "/dev/image/NAME"
   int fd = -1;
-  dev_t file_dev = 0;
-  ino_t file_ino = 0;
+  kernel::file_claim claim;
   u32 minor = 0;
   bool added = false;
   std::unique_ptr<file_engine> engine;
@@ -104,6 +106,14 @@ int image_ioctl(block_device* bdev, fmode_t, u32 command, u64 argument) {
 
 int image_flush_cache(block_device* bdev) { return image_of(bdev)->engine->sync(); }
 
+int image_identity(block_device* bdev, char* text, std::size_t bytes) {
+  const image* i = image_of(bdev);
+  std::string found;
+  const int rc = file_disk_identity(i->fd, i->info.path, &found);
+  if (rc == 0) copy_text_n(text, bytes, found.c_str());
+  return rc != 0 || found.size() < bytes ? rc : -ENAMETOOLONG;
+}
+
 // There is nothing to invalidate: the page cache of the file is the medium here, not a copy of it.
 const kernel::block_device_operations image_bdops = {
     .open = image_open,
@@ -114,7 +124,7 @@ const kernel::block_device_operations image_bdops = {
     .mounted = nullptr,
     .freeze = nullptr,
     .thaw = nullptr,
-    .identity = nullptr,
+    .identity = image_identity,
 };
 
 image::~image() {
@@ -150,7 +160,20 @@ bool good_name(const std::string& name) {
          });
 }
 
-// Opens and locks the file and learns its size.
+// Against everything else in this daemon that the file may be.
+int claim(image* i, std::string* error) {
+  kernel::file_id id;
+  int rc = kernel::fd_identity(i->fd, &id);
+  if (rc != 0) return fail(error, rc, i->info.path + ": " + errno_text(rc));
+  char whose[kernel::file_claim::owner_bytes] = {};
+  rc = kernel::claim_file(id, ("disk " + i->node).c_str(), &i->claim, &whose);
+  if (rc == -EBUSY) {
+    return fail(error, rc, i->info.path + " is in use here already, as " + whose + ".");
+  }
+  return rc == 0 ? 0 : fail(error, rc, i->info.path + ": " + errno_text(rc));
+}
+
+// Opens, claims and locks the file and learns its size.
 int take_file(image* i, std::string* error) {
   const std::string& path = i->info.path;
   const bool ro = i->info.read_only;
@@ -162,11 +185,7 @@ int take_file(image* i, std::string* error) {
   if (st.st_size < kernel::sector_size) {
     return fail(error, -EINVAL, path + " is shorter than one sector of 512 bytes.");
   }
-  for (const auto& other : table().images) {
-    if (other->file_dev == st.st_dev && other->file_ino == st.st_ino) {
-      return fail(error, -EBUSY, path + " is attached already, as " + other->info.name + ".");
-    }
-  }
+  if (const int rc = claim(i, error); rc != 0) return rc;
   struct flock whole = {};
   whole.l_type = ro ? F_RDLCK : F_WRLCK;
   whole.l_whence = SEEK_SET;
@@ -176,8 +195,9 @@ int take_file(image* i, std::string* error) {
     }
     return fail(error, -errno, path + " cannot be locked: " + errno_text(errno));
   }
-  i->file_dev = st.st_dev;
-  i->file_ino = st.st_ino;
+  if (const std::string who = ro ? "" : writer_elsewhere(path); !who.empty()) {
+    return fail(error, -EBUSY, path + " is open for writing elsewhere: by " + who + ".");
+  }
   i->info.size_bytes = static_cast<u64>(st.st_size) & ~u64{kernel::sector_size - 1};
   if (const auto tail = static_cast<u64>(st.st_size) - i->info.size_bytes; tail != 0) {
     kernel::printk("<6>zorvd: %s: the last %llu bytes are no whole sector and are not served.\n",

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Who else works on a file or device without having locked it.
+#pragma once
+
+#include <string>
+
+namespace zorv {
+
+// Whether a loop device, or another process that this one may look at, has it open for writing:
+// what they write would pass nobody who records it. Readers do no harm. Names are compared, not
+// files, so that no other file system is asked anything; who opened it by another name is not seen.
+//   path     absolute, links resolved
+//   returns  "" | who: "process 77 (dd)", "/dev/loop3"
+[[nodiscard]] std::string writer_elsewhere(const std::string& path);
+
+}  // namespace zorv
