@@ -138,6 +138,12 @@ void del_gendisk(gendisk* disk) {
   wait_for_submissions(disk->bdev);
 }
 
+void blk_wait_submitted(gendisk* disk) {
+  might_sleep("blk_wait_submitted");
+  if (disk->bdev == nullptr) return;
+  while (disk->bdev->bd_submitting.load() != 0) yield();
+}
+
 bool del_gendisk_unused(gendisk* disk) {
   might_sleep("del_gendisk_unused");
   {

@@ -59,8 +59,6 @@ struct block_device_operations {
   int (*flush_cache)(block_device*);  // fsync_bdev: 0 or a negative errno; may be null
   int (*invalidate)(block_device*);   // invalidate_bdev; may be null
   int (*mounted)(block_device*);      // get_super: 1 when a file system on it is mounted
-  int (*freeze)(block_device*);       // host file system on it, frozen before admission stops
-  void (*thaw)(block_device*);
   int (*identity)(block_device*, char* text, std::size_t bytes);  // bdev_identity; may be null
 };
 
@@ -98,8 +96,7 @@ struct block_device {
   u32 bd_admitted GUARDED_BY(bd_gate_lock) = 0;
   u32 bd_frozen GUARDED_BY(bd_gate_lock) = 0;
   wait_queue_head bd_gate_wait;
-  semaphore bd_freeze_sem;  // held across a whole freeze or thaw
-  super_block bd_super;     // what get_super and freeze_bdev hand out
+  super_block bd_super;  // what get_super and freeze_bdev hand out
   // Requests being submitted, and whether the disk is still added: see blkdev_begin_submit.
   std::atomic<bool> bd_live{false};
   std::atomic<u32> bd_submitting{0};
@@ -119,7 +116,10 @@ void add_disk(gendisk* disk);
 // without a limit, because one may wait for a lock that the caller holds. What such a request still
 // uses (disk, device, queue) lives until it is through.
 void del_gendisk(gendisk* disk);
-// The same, unless somebody has the disk open or is opening it: then false and nothing is changed.
+// After del_gendisk: waits, without a limit, until no request is being submitted any more.
+void blk_wait_submitted(gendisk* disk);
+// The same as del_gendisk, unless somebody has the disk open or is opening it: then false and
+// nothing is changed.
 [[nodiscard]] bool del_gendisk_unused(gendisk* disk);
 // Waits for the queue's unplug timer; plugged bios nobody has unplugged end with -EIO.
 void blk_cleanup_queue(request_queue* q);
@@ -167,10 +167,12 @@ void blkdev_enter(block_device* bdev);
 void blkdev_exit(block_device* bdev);
 
 // Stops admission at every opener of the device and waits until the admitted requests have ended,
-// held ones too; where a host file system sits on the device it is frozen first. Nests.
-//   returns  an opaque token for thaw_bdev, never null | error value (nothing is frozen then)
+// held ones too. Nests.
+//   returns  an opaque token for thaw_bdev, never null | -ETIMEDOUT as an error value: they have
+//   not
+//            by then, and admission goes on
 //   locks    none that a release of the device or the serving of its requests needs
-[[nodiscard]] super_block* freeze_bdev(block_device* bdev);
+[[nodiscard]] super_block* freeze_bdev(block_device* bdev, u64 deadline_jiffies);
 void thaw_bdev(block_device* bdev, super_block* sb);
 
 // ---- plugging ------------------------------------------------------------------------------

@@ -15,23 +15,18 @@ bool frozen(block_device* bdev) {
   return bdev->bd_frozen != 0;
 }
 
-// Counts one more freeze if there is one already.
-bool nest(block_device* bdev) {
-  spin_guard lock(&bdev->bd_gate_lock);
-  if (bdev->bd_frozen == 0) return false;
-  ++bdev->bd_frozen;
-  return true;
-}
-
 void close_gate(block_device* bdev) {
   spin_guard lock(&bdev->bd_gate_lock);
-  bdev->bd_frozen = 1;
+  ++bdev->bd_frozen;
 }
 
-// True when the last freeze has gone.
-bool open_gate(block_device* bdev) {
-  spin_guard lock(&bdev->bd_gate_lock);
-  return bdev->bd_frozen != 0 && --bdev->bd_frozen == 0;
+void open_gate(block_device* bdev) {
+  bool last;
+  {
+    spin_guard lock(&bdev->bd_gate_lock);
+    last = bdev->bd_frozen != 0 && --bdev->bd_frozen == 0;
+  }
+  if (last) wake_up_all(&bdev->bd_gate_wait);
 }
 
 }  // namespace
@@ -56,33 +51,23 @@ void blkdev_exit(block_device* bdev) {
   if (--bdev->bd_admitted == 0 && bdev->bd_frozen != 0) wake_up_all(&bdev->bd_gate_wait);
 }
 
-super_block* freeze_bdev(block_device* bdev) {
+super_block* freeze_bdev(block_device* bdev, u64 deadline_jiffies) {
   might_sleep("freeze_bdev");
-  down(&bdev->bd_freeze_sem);
-  if (!nest(bdev)) {
-    const block_device_operations* ops = bdev->bd_disk->fops;
-    const int error = ops != nullptr && ops->freeze != nullptr ? ops->freeze(bdev) : 0;
-    if (error != 0) {
-      up(&bdev->bd_freeze_sem);
-      return err_ptr<super_block>(error);
-    }
-    close_gate(bdev);
-    wait_event(&bdev->bd_gate_wait, [bdev] { return idle(bdev); });
+  close_gate(bdev);
+  const s64 left = static_cast<s64>(deadline_jiffies - jiffies());
+  if (wait_event_timeout(
+          &bdev->bd_gate_wait, [bdev] { return idle(bdev); },
+          left > 0 ? static_cast<u64>(left) : 0)) {
+    return &bdev->bd_super;
   }
-  up(&bdev->bd_freeze_sem);
-  return &bdev->bd_super;
+  open_gate(bdev);
+  return err_ptr<super_block>(-ETIMEDOUT);
 }
 
 void thaw_bdev(block_device* bdev, super_block* sb) {
   (void)sb;
   might_sleep("thaw_bdev");
-  down(&bdev->bd_freeze_sem);
-  if (open_gate(bdev)) {
-    wake_up_all(&bdev->bd_gate_wait);
-    const block_device_operations* ops = bdev->bd_disk->fops;
-    if (ops != nullptr && ops->thaw != nullptr) ops->thaw(bdev);
-  }
-  up(&bdev->bd_freeze_sem);
+  open_gate(bdev);
 }
 
 }  // namespace kernel

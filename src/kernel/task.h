@@ -26,7 +26,6 @@ struct task_struct {
   user_space* mm = nullptr;         // whose memory copy_from_user and copy_to_user mean; not owned
   u32 spin_depth = 0;               // spin locks held; sleeping is a bug while it is not 0
   u32 irq_depth = 0;                // > 0: completion context
-  u32 table_reads = 0;              // for the driver: nested read holds of its device table
   bool (*signal)(void*) = nullptr;  // see signal_scope
   void* signal_arg = nullptr;
 };

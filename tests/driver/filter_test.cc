@@ -131,14 +131,19 @@ TEST_F(filter_test, start_stop_and_delete_follow_the_states) {
   EXPECT_EQ(disk.bdev()->bd_openers.load(), 0);
 }
 
-TEST_F(filter_test, a_taken_name_moves_the_device_node_and_removal_leaves_it) {
+TEST_F(filter_test, a_name_is_one_nodes) {
   memory_disk other{"d1", 1 << 20};
-  const u32 a = add_filter(disk.path(), {.name = "data"});
-  const u32 b = add_filter(other.path(), {.name = "data"});
-  EXPECT_EQ(kernel::namespace_find("/dev/zorv/data"), kernel::mkdev(100, b));
+  const u32 a = add_filter(disk.path(), {.name = "zorv7"});
+  for (const filter_options& o : {filter_options{.name = "zorv7"}, filter_options{.minor = 7}}) {
+    auto req = filter_request(other.path(), o);
+    EXPECT_EQ(command(ZORV_ADD_FILTER_NODE, &req), -EEXIST)
+        << "its clients could read another disk";
+    EXPECT_TRUE(log.has("Node name zorv7 is already taken by zorv(100, 0)"));
+    log.clear();
+  }
+  EXPECT_EQ(kernel::namespace_find("/dev/zorv/zorv7"), kernel::mkdev(100, a));
   EXPECT_EQ(del(a), 0);
-  EXPECT_EQ(kernel::namespace_find("/dev/zorv/data"), kernel::mkdev(100, b));
-  unload();
+  EXPECT_EQ(add_filter(other.path(), {.name = "zorv7"}), a);
 }
 
 // Every call of every kind that creation makes fails once: the command fails cleanly or, where the

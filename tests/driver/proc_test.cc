@@ -40,15 +40,18 @@ struct snap_record {
     dev.dev_type = ZORV_DEV_SNAP;
     dev.minor = dev.s.snap_minor = minor;
     dev.s.filter = filter;
+    dev.state = node_state::live;
+    EXPECT_EQ(zorv_proc_add_device(&dev), 0);
     const table_write_guard guard;
     zorv_blkdev_arr[minor] = &dev;
-    if (filter != nullptr) filter->f.snaps.push_back(&dev.s.snap_link);
-    EXPECT_EQ(zorv_proc_add_device(&dev), 0);
+    if (filter == nullptr) return;
+    rzwrite_guard link(&filter->f.snaps_lock);
+    filter->f.snaps.push_back(&dev.s.snap_link);
   }
   ~snap_record() {
-    const table_write_guard guard;
     zorv_proc_del_device(&dev);
     dev.s.snap_link.unlink();
+    const table_write_guard guard;
     zorv_blkdev_arr[dev.minor] = nullptr;
   }
 };

@@ -348,7 +348,7 @@ TEST_F(nbd_test, a_slow_reader_holds_up_nobody_else) {
   for (int i = 0; i < 200; ++i) ASSERT_EQ(fast.call(cmd_write, 0, 4096, 0, bytes(4096)).error, 0U);
   // Not even a freeze has to wait for it: what it was sent has left the disk.
   kernel::block_device* bdev = disk.bdev();
-  kernel::super_block* sb = kernel::freeze_bdev(bdev);
+  kernel::super_block* sb = kernel::freeze_bdev(bdev, kernel::jiffies() + 20000);
   kernel::thaw_bdev(bdev, sb);
   for (const u64 cookie : asked) EXPECT_EQ(slow.hear(cookie).error, 0U);
 }
@@ -362,7 +362,7 @@ TEST_F(nbd_test, a_frozen_device_delays_requests_and_keeps_answering_earlier_one
   disk.serve(serving::at_once);
   kernel::block_device* bdev = disk.bdev();
   kernel::super_block* sb = nullptr;
-  std::thread starter([&] { sb = kernel::freeze_bdev(bdev); });
+  std::thread starter([&] { sb = kernel::freeze_bdev(bdev, kernel::jiffies() + 20000); });
   ASSERT_TRUE(eventually([bdev] {
     const bool open = kernel::blkdev_try_enter(bdev);
     if (open) kernel::blkdev_exit(bdev);

@@ -75,16 +75,13 @@ TEST_F(cow_test, a_batch_of_an_earlier_life_of_its_snap_is_not_copied) {
   w->filter = &zorv_blkdev_arr[filter]->f;
   cow_copier& copier = w->copiers[0];
   copier.worker = w.get();
-  copier.batch.snap_minor = static_cast<s32>(snap);
+  copier.batch.snap = zorv_node_get(snap);
   copier.batch.life = s.life.load();
   copier.batch.chunks[copier.batch.count++] = 5;
   EXPECT_EQ(stop(snap) | start(snap), 0);
   ASSERT_EQ(zorv_cowbmp_begin_copy(&s.cowbmp, 5, kernel::GFP_NOIO), 0);  // the present life's
   const auto reads = disk.reads();
-  {
-    table_read_guard table;
-    cow_chunks(&copier);
-  }
+  cow_chunks(&copier);
   EXPECT_EQ(disk.reads(), reads);
   EXPECT_EQ(zorv_cowbmp_state(&s.cowbmp, 5), chunk_state::on_its_way);
   zorv_cowbmp_end_copy(&s.cowbmp, 5);
@@ -310,6 +307,7 @@ TEST_F(cow_test, the_thread_ends_with_an_empty_queue_and_an_abort_fails_what_is_
       ended = true;
     });
     EXPECT_FALSE(eventually([&] { return ended.load(); }, 30));
+    EXPECT_TRUE(eventually([&] { return !abort || f.cowthread.stop.load() == 1; }));
     let_go();
     ender.join();
     EXPECT_EQ(f.cowthread.pid.load(), 0);

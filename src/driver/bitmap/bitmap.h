@@ -45,7 +45,7 @@ void zorv_bmp_merge(zorv_filter* f, u32 type, const u8* added);
 bool zorv_bmp_all_clear(const u8* bits, u32 extent_cnt);
 bool zorv_bmp_all_set(const u8* bits, u32 extent_cnt);
 
-// Command handlers; the table is held for reading.
+// Command handlers; the node is pinned by the caller.
 int zorv_ioctl_get_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req);
 int zorv_ioctl_set_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req);
 int zorv_ioctl_merge_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req);

@@ -37,9 +37,8 @@ void forget(zorv_filter* f, zorv_handout* h) {
 template <class Settle>
 void on_node_of(u64 id, Settle settle) {
   if (id == 0) return;
-  table_read_guard table;
-  zorv_blkdev* dev = zorv_blkdev_find(static_cast<u32>(id & ((1U << minor_bits) - 1)));
-  if (dev != nullptr && dev->dev_type == ZORV_DEV_FILTER) settle(&dev->f);
+  const node_ref dev = zorv_node_get(static_cast<u32>(id & ((1U << minor_bits) - 1)));
+  if (dev && dev->dev_type == ZORV_DEV_FILTER) settle(&dev->f);
 }
 
 }  // namespace

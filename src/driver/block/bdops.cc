@@ -48,12 +48,9 @@ kernel::block_device* hdd_of(const zorv_blkdev* dev) {
   return filter->f.hdd_bdev;
 }
 
-zorv_blkdev* find_node(u32 minor, const char* caller) REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  zorv_blkdev* dev = zorv_blkdev_find(minor);
-  if (dev == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Unable to find zorv(%d, %d)", caller, zorv_blk_major, minor);
-  }
-  return dev;
+int cannot_find(u32 minor, const char* caller) {
+  zorv_log(LOG_ERROR, "%s(): Unable to find zorv(%d, %d)", caller, zorv_blk_major, minor);
+  return -EINVAL;
 }
 
 }  // namespace
@@ -65,8 +62,6 @@ const kernel::block_device_operations zorv_bdops = {
     .flush_cache = nullptr,
     .invalidate = nullptr,
     .mounted = nullptr,
-    .freeze = nullptr,
-    .thaw = nullptr,
     .identity = zorv_block_identity,
 };
 
@@ -81,10 +76,10 @@ int zorv_block_open(kernel::block_device* bdev, kernel::fmode_t) {
   zorv_log(2, "%s(): Opening zorv(%d, %d)", __func__, zorv_blk_major, minor);
   kernel::module_get();
   scope_exit drop_reference([] { kernel::module_put(); });
-  table_read_guard table;
-  zorv_blkdev* dev = find_node(minor, __func__);
-  if (dev == nullptr) return -EINVAL;
+  const node_ref dev = zorv_node_get(minor);
+  if (!dev) return cannot_find(minor, __func__);
   rzmutex_guard guard(&dev->dev_mutex);
+  if (dev->state.load() != node_state::live) return cannot_find(minor, __func__);
   dev->use_cnt.fetch_add(1);
   if (dev->started.load() == 0) {
     zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) hasn't been started yet.", __func__, zorv_blk_major,
@@ -101,9 +96,8 @@ int zorv_block_open(kernel::block_device* bdev, kernel::fmode_t) {
 int zorv_block_release(kernel::gendisk* disk, kernel::fmode_t) {
   const u32 minor = disk->first_minor;
   zorv_log(2, "%s(): Releasing zorv(%d, %d)", __func__, zorv_blk_major, minor);
-  table_read_guard table;
-  zorv_blkdev* dev = find_node(minor, __func__);
-  if (dev == nullptr) return -EINVAL;
+  const node_ref dev = zorv_node_get(minor);
+  if (!dev) return cannot_find(minor, __func__);
   rzmutex_guard guard(&dev->dev_mutex);
   if (dev->dev_type == ZORV_DEV_FILTER) (void)zorv_block_save_dirty_bmps(&dev->f);
   if (dev->use_cnt.fetch_sub(1) == 1) dev->bdev = nullptr;
@@ -113,9 +107,8 @@ int zorv_block_release(kernel::gendisk* disk, kernel::fmode_t) {
 
 int zorv_block_ioctl(kernel::block_device* bdev, kernel::fmode_t mode, u32 command, u64 argument) {
   const u32 minor = kernel::minor_of(bdev->bd_dev);
-  table_read_guard table;
-  const zorv_blkdev* dev = zorv_blkdev_find(minor);
-  if (dev == nullptr) {
+  const node_ref dev = zorv_node_get(minor);
+  if (!dev) {
     zorv_log(LOG_ERROR, "%s(): Unknown device zorv(%d, %d)", __func__, zorv_blk_major, minor);
     return -EINVAL;
   }
@@ -124,7 +117,7 @@ int zorv_block_ioctl(kernel::block_device* bdev, kernel::fmode_t mode, u32 comma
       !kernel::access_ok(argument, ioctl_bytes(command))) {
     return -EFAULT;
   }
-  kernel::block_device* hdd = hdd_of(dev);
+  kernel::block_device* hdd = hdd_of(dev.get());
   if (hdd == nullptr) {
     zorv_log(LOG_ERROR, "%s(): Internal error: fdev==NULL.", __func__);
     return -EIO;

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // ADD_FILTER_NODE: a filter node over an HDD, created and left stopped.
+//
+// The node has its place in the table, unseen, while its bitmaps are loaded: their folder may lie
+// on a file system that stands on another node, whose requests and commands must go on meanwhile.
 #include "driver/bitmap/bitmap.h"
 #include "driver/bitmap/dirty.h"
 #include "driver/block/block.h"
@@ -111,21 +114,19 @@ int check_geometry(u32 extent_size, u32 block_size, u64 dev_size) {
   return 0;
 }
 
-void fill_record(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 minor, devt hdd_dev,
+void fill_record(zorv_blkdev* dev, const zorv_add_filter_req* req, devt hdd_dev,
                  kernel::block_device* hdd) {
   zorv_filter& f = dev->f;
   dev->dev_type = ZORV_DEV_FILTER;
-  dev->minor = minor;
   f.hdd_dev = hdd_dev;
   f.hdd_bdev = hdd;
-  f.filter_minor = minor;
+  f.filter_minor = dev->minor;
   copy_text(f.hdd_name, req->hdd_name);
   f.extent_size = req->extent_size;
   f.extent_shift = log2_u32(req->extent_size);
   f.dev_size = hdd->bd_size_bytes;
   f.extent_cnt = static_cast<u32>((f.dev_size - 1) >> f.extent_shift) + 1;
   copy_text(dev->uuid, req->uuid);
-  copy_text(dev->name, req->name);
   f.incr_bmp_size = f.diff_bmp_size = static_cast<s32>(((f.extent_cnt - 1) >> 3) + 1);
 }
 
@@ -145,9 +146,9 @@ void set_bitmap_files(zorv_filter& f, const char (&dir)[ZORV_PATH_LEN]) {
   build(f.diff_bmp_fname, "diff");
 }
 
-// Steps of creation that need the record in its slot. On failure everything done here is undone.
+// Steps of creation that need the minor. On failure everything done here is undone.
 int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
-    REQUIRES(zorv_blkdev_rwlock) {
+    EXCLUDES(zorv_blkdev_rwlock) {
   zorv_filter& f = dev->f;
   const auto bytes = static_cast<std::size_t>(f.incr_bmp_size);
   scope_exit free_bitmaps([&f] {
@@ -201,22 +202,19 @@ int create(zorv_add_filter_req* req, devt hdd_dev, kernel::block_device* hdd) {
   scope_exit free_record([dev] { kernel::kdelete(dev); });
   (void)kernel::bdev_identity(hdd, dev->f.disk_identity, sizeof dev->f.disk_identity);
 
-  table_write_guard table;
-  const int minor = zorv_blkdev_choose_minor(op, req->minor);
-  if (minor < 0) return minor;
-  req->minor = minor;
-  char kernel_name[32];
-  std::snprintf(kernel_name, sizeof(kernel_name), "zorv%d", minor);
-  zorv_log(1, "%s(): Attaching %s to %s", op, kernel_name, req->hdd_name);
-  if (req->name[0] == '\0') copy_text(req->name, kernel_name);
-
-  zorv_blkdev_arr[minor] = dev;
-  fill_record(dev, req, static_cast<u32>(minor), hdd_dev, hdd);
+  {
+    table_write_guard table;
+    const int rc = zorv_blkdev_reserve(op, dev, &req->minor, req->name);
+    if (rc != 0) return rc;
+    fill_record(dev, req, hdd_dev, hdd);
+  }
+  zorv_log(1, "%s(): Attaching zorv%d to %s", op, req->minor, req->hdd_name);
   const int rc = set_up(dev, req, hdd->bd_block_bytes);
   if (rc != 0) {
-    zorv_blkdev_arr[minor] = nullptr;
+    zorv_blkdev_release(dev);
     return rc;
   }
+  zorv_blkdev_publish(dev);
   free_record.cancel();
   return 0;
 }

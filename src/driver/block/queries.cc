@@ -14,9 +14,13 @@ void fill_filter(zorv_filter* f, zorv_info_req* req) {
   req->extent_size = f->extent_size;
   req->extent_cnt = f->extent_cnt;
   req->snap_cnt = 0;
-  for (const zorv_blkdev& snap : f->snaps) {
-    if (req->snap_cnt == ZORV_LIST_LEN) break;
-    req->snap_minors[req->snap_cnt++] = snap.s.snap_minor;
+  {
+    rzread_guard walk(&f->snaps_lock);
+    for (const zorv_blkdev& snap : f->snaps) {
+      if (req->snap_cnt == ZORV_LIST_LEN) break;
+      if (snap.state.load() != node_state::live) continue;
+      req->snap_minors[req->snap_cnt++] = snap.s.snap_minor;
+    }
   }
   req->incr_bmp_size = static_cast<u32>(f->incr_bmp_size);
   req->diff_bmp_size = static_cast<u32>(f->diff_bmp_size);

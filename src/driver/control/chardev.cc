@@ -68,45 +68,43 @@ struct entry_of<handler> {
 template <class R, int (*handler)(zorv_blkdev*, R*)>
 struct entry_of<handler> {
   using record = R;
-  static int call(zorv_blkdev* dev, void* raw) REQUIRES_SHARED(zorv_blkdev_rwlock) {
-    return handler(dev, static_cast<R*>(raw));
-  }
+  static int call(zorv_blkdev* dev, void* raw) { return handler(dev, static_cast<R*>(raw)); }
 };
 
-enum class lock_table { no, yes };  // yes: the record's first word is a minor, checked here
+enum class names_node { no, yes };  // yes: the record's first word is a minor, checked here
 
 struct command_row {
   u32 number;
   const char* name;
-  lock_table table;
+  names_node node;
   int (*handler)(zorv_blkdev* dev, void* record);
 };
 
 template <auto handler>
-constexpr command_row row(u32 number, const char* name, lock_table table) {
+constexpr command_row row(u32 number, const char* name, names_node node) {
   static_assert(sizeof(typename entry_of<handler>::record) != 0);
-  return {number, name, table, entry_of<handler>::call};
+  return {number, name, node, entry_of<handler>::call};
 }
 
 constexpr command_row commands[] = {
-    row<zorv_ioctl_add_filter_node>(ZORV_ADD_FILTER_NODE, "ZORV_ADD_FILTER_NODE", lock_table::no),
-    row<zorv_ioctl_add_snap_node>(ZORV_ADD_SNAP_NODE, "ZORV_ADD_SNAP_NODE", lock_table::no),
-    row<zorv_ioctl_del_node>(ZORV_DEL_NODE, "ZORV_DEL_NODE", lock_table::no),
-    row<zorv_ioctl_start_node>(ZORV_START_NODE, "ZORV_START_NODE", lock_table::no),
-    row<zorv_ioctl_stop_node>(ZORV_STOP_NODE, "ZORV_STOP_NODE", lock_table::no),
-    row<zorv_ioctl_get_device_list>(ZORV_GET_DEVICE_LIST, "ZORV_GET_DEVICE_LIST", lock_table::no),
-    row<zorv_ioctl_get_info>(ZORV_GET_INFO, "ZORV_GET_INFO", lock_table::yes),
-    row<zorv_ioctl_load_bmp>(ZORV_LOAD_BMP, "ZORV_LOAD_BMP", lock_table::yes),
-    row<zorv_ioctl_save_bmp>(ZORV_SAVE_BMP, "ZORV_SAVE_BMP", lock_table::yes),
-    row<zorv_ioctl_clr_bmp>(ZORV_CLR_BMP, "ZORV_CLR_BMP", lock_table::yes),
-    row<zorv_ioctl_set_bmp>(ZORV_SET_BMP, "ZORV_SET_BMP", lock_table::yes),
-    row<zorv_ioctl_merge_bmp>(ZORV_MERGE_BMP, "ZORV_MERGE_BMP", lock_table::yes),
-    row<zorv_ioctl_get_bmp>(ZORV_GET_BMP, "ZORV_GET_BMP", lock_table::yes),
-    row<zorv_ioctl_get_and_clr_bmp>(ZORV_GET_AND_CLR_BMP, "ZORV_GET_AND_CLR_BMP", lock_table::yes),
+    row<zorv_ioctl_add_filter_node>(ZORV_ADD_FILTER_NODE, "ZORV_ADD_FILTER_NODE", names_node::no),
+    row<zorv_ioctl_add_snap_node>(ZORV_ADD_SNAP_NODE, "ZORV_ADD_SNAP_NODE", names_node::no),
+    row<zorv_ioctl_del_node>(ZORV_DEL_NODE, "ZORV_DEL_NODE", names_node::no),
+    row<zorv_ioctl_start_node>(ZORV_START_NODE, "ZORV_START_NODE", names_node::no),
+    row<zorv_ioctl_stop_node>(ZORV_STOP_NODE, "ZORV_STOP_NODE", names_node::no),
+    row<zorv_ioctl_get_device_list>(ZORV_GET_DEVICE_LIST, "ZORV_GET_DEVICE_LIST", names_node::no),
+    row<zorv_ioctl_get_info>(ZORV_GET_INFO, "ZORV_GET_INFO", names_node::yes),
+    row<zorv_ioctl_load_bmp>(ZORV_LOAD_BMP, "ZORV_LOAD_BMP", names_node::yes),
+    row<zorv_ioctl_save_bmp>(ZORV_SAVE_BMP, "ZORV_SAVE_BMP", names_node::yes),
+    row<zorv_ioctl_clr_bmp>(ZORV_CLR_BMP, "ZORV_CLR_BMP", names_node::yes),
+    row<zorv_ioctl_set_bmp>(ZORV_SET_BMP, "ZORV_SET_BMP", names_node::yes),
+    row<zorv_ioctl_merge_bmp>(ZORV_MERGE_BMP, "ZORV_MERGE_BMP", names_node::yes),
+    row<zorv_ioctl_get_bmp>(ZORV_GET_BMP, "ZORV_GET_BMP", names_node::yes),
+    row<zorv_ioctl_get_and_clr_bmp>(ZORV_GET_AND_CLR_BMP, "ZORV_GET_AND_CLR_BMP", names_node::yes),
     row<zorv_ioctl_get_datablock_bmp>(ZORV_GET_DATABLOCK_BMP, "ZORV_GET_DATABLOCK_BMP",
-                                      lock_table::yes),
-    row<zorv_ioctl_test_datablock>(ZORV_TEST_DATABLOCK, "ZORV_TEST_DATABLOCK", lock_table::no),
-    row<zorv_ioctl_resume_snap>(ZORV_RESUME_SNAP, "ZORV_RESUME_SNAP", lock_table::no),
+                                      names_node::yes),
+    row<zorv_ioctl_test_datablock>(ZORV_TEST_DATABLOCK, "ZORV_TEST_DATABLOCK", names_node::no),
+    row<zorv_ioctl_resume_snap>(ZORV_RESUME_SNAP, "ZORV_RESUME_SNAP", names_node::no),
 };
 
 const command_row* find_command(u32 number) {
@@ -116,17 +114,16 @@ const command_row* find_command(u32 number) {
   return nullptr;
 }
 
-// The node that the record's first word names, and the handler on it, both under the table's lock.
+// The handler on the node that the record's first word names, which is pinned meanwhile.
 int call_on_node(const char* caller, const command_row& c, void* record) {
   u32 minor = 0;
   std::memcpy(&minor, record, sizeof minor);
-  const table_read_guard guard;
-  zorv_blkdev* dev = zorv_blkdev_find(minor);
-  if (dev == nullptr) {
+  const node_ref dev = zorv_node_get(minor);
+  if (!dev) {
     zorv_log(LOG_ERROR, "%s(): Invalid ZORV minor=%d", caller, static_cast<int>(minor));
     return -EINVAL;
   }
-  return c.handler(dev, record);
+  return c.handler(dev.get(), record);
 }
 
 s64 zorv_char_read(kernel::file*, user_addr, std::size_t, s64*) { return 0; }
@@ -193,8 +190,8 @@ int zorv_char_ioctl(kernel::inode* /*inode*/, kernel::file* /*file*/, u32 comman
     zorv_log(LOG_ERROR, "%s(): copy_from_user() failed.", __func__);
     return -EFAULT;
   }
-  const int rc = c->table == lock_table::yes ? call_on_node(__func__, *c, record.get())
-                                             : c->handler(nullptr, record.get());
+  const int rc = c->node == names_node::yes ? call_on_node(__func__, *c, record.get())
+                                            : c->handler(nullptr, record.get());
   if (rc != 0) return rc;
   if ((command & command_out) != 0 && kernel::copy_to_user(argument, record.get(), bytes) != 0) {
     // Both directions have the one text: whoever reads the log looks for it.

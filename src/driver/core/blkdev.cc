@@ -9,24 +9,13 @@ namespace zorv {
 rzrwlock zorv_blkdev_rwlock;
 zorv_blkdev** zorv_blkdev_arr = nullptr;
 
+kernel::wait_queue_head zorv_removal_wait;
+std::atomic<u32> zorv_removals_waiting{0};
+
 namespace {
 
-std::atomic<s32> table_writers{0};  // tasks that wait for the table's lock to write
-std::atomic<u64> table_writer_since{0};
-kernel::wait_queue_head table_turn;  // woken when a writer has got in
-
-constexpr u64 aside_period = 250;  // jiffies
-constexpr u64 aside_request = 50;
-constexpr u64 aside_cow_thread = 300;
-
-}  // namespace
-
-zorv_blkdev* zorv_blkdev_find(u32 minor) {
-  if (zorv_blkdev_arr == nullptr || minor > static_cast<u32>(zorv_max_blk_minor)) return nullptr;
-  return zorv_blkdev_arr[minor];
-}
-
-int zorv_blkdev_choose_minor(const char* caller, s32 requested) {
+//   returns  the minor (>= 0) | -EINVAL (too big, taken) | -ENOSPC
+int choose_minor(const char* caller, s32 requested) REQUIRES(zorv_blkdev_rwlock) {
   if (requested > zorv_max_blk_minor) {
     zorv_log(LOG_ERROR, "%s(): Minor number %d is too big: max=%d", caller, requested,
              zorv_max_blk_minor);
@@ -47,6 +36,133 @@ int zorv_blkdev_choose_minor(const char* caller, s32 requested) {
   return requested;
 }
 
+// Clients open a node by its name: with two of one name they would get none, or another's disk.
+int refuse_taken_name(const char* caller, const char* name) REQUIRES(zorv_blkdev_rwlock) {
+  for (s32 m = 0; m <= zorv_max_blk_minor; ++m) {
+    const zorv_blkdev* other = zorv_blkdev_arr[m];
+    if (other == nullptr || std::strcmp(other->name, name) != 0) continue;
+    zorv_log(LOG_ERROR, "%s(): Node name %s is already taken by zorv(%d, %d)", caller, name,
+             zorv_blk_major, m);
+    return -EEXIST;
+  }
+  return 0;
+}
+
+void set_state(zorv_blkdev* dev, node_state state) EXCLUDES(zorv_blkdev_rwlock) {
+  table_write_guard table;
+  dev->state.store(state);
+}
+
+enum class towards { older, newer };
+
+// The first live snap from s on.
+node_ref pin_from(const zorv_filter& f, zorv_blkdev* s, towards where)
+    REQUIRES_SHARED(f.snaps_lock) {
+  while (s != nullptr) {
+    node_ref ref = zorv_node_pin(s);
+    if (ref) return ref;
+    s = where == towards::older ? f.snaps.prev_of(s->s.snap_link) : f.snaps.next_of(s->s.snap_link);
+  }
+  return {};
+}
+
+}  // namespace
+
+zorv_blkdev* zorv_blkdev_find(u32 minor) {
+  if (zorv_blkdev_arr == nullptr || minor > static_cast<u32>(zorv_max_blk_minor)) return nullptr;
+  zorv_blkdev* dev = zorv_blkdev_arr[minor];
+  return dev != nullptr && dev->state.load() == node_state::live ? dev : nullptr;
+}
+
+node_ref zorv_node_get(u32 minor) {
+  table_read_guard table;
+  zorv_blkdev* dev = zorv_blkdev_find(minor);
+  return dev != nullptr ? zorv_node_pin(dev) : node_ref();
+}
+
+node_ref zorv_node_pin(zorv_blkdev* dev) {
+  // Either this sees the removal, or the removal sees this pin and waits for it.
+  dev->pins.fetch_add(1);
+  node_ref ref(dev);
+  return dev->state.load() == node_state::live ? std::move(ref) : node_ref();
+}
+
+node_ref::~node_ref() {
+  if (dev_ == nullptr) return;
+  dev_->pins.fetch_sub(1);
+  zorv_blkdev_changed();  // the record may have gone by now
+}
+
+node_ref node_ref::another() const {
+  if (dev_ != nullptr) dev_->pins.fetch_add(1);
+  return node_ref(dev_);
+}
+
+int zorv_blkdev_reserve(const char* caller, zorv_blkdev* dev, s32* minor,
+                        char (&name)[ZORV_NAME_LEN]) {
+  const int chosen = choose_minor(caller, *minor);
+  if (chosen < 0) return chosen;
+  char wanted[ZORV_NAME_LEN];
+  copy_text(wanted, name);
+  if (wanted[0] == '\0') std::snprintf(wanted, sizeof(wanted), "zorv%d", chosen);
+  const int rc = refuse_taken_name(caller, wanted);
+  if (rc != 0) return rc;
+  *minor = chosen;
+  copy_text(name, wanted);
+  dev->minor = static_cast<u32>(chosen);
+  copy_text(dev->name, wanted);
+  zorv_blkdev_arr[chosen] = dev;
+  return 0;
+}
+
+void zorv_blkdev_publish(zorv_blkdev* dev) { set_state(dev, node_state::live); }
+
+void zorv_blkdev_release(zorv_blkdev* dev) {
+  table_write_guard table;
+  zorv_blkdev_arr[dev->minor] = nullptr;
+}
+
+bool zorv_blkdev_begin_removal(zorv_blkdev* dev) {
+  table_write_guard table;
+  if (dev->state.load() != node_state::live) return false;
+  dev->state.store(node_state::removing);
+  return true;
+}
+
+void zorv_blkdev_undo_removal(zorv_blkdev* dev) { set_state(dev, node_state::live); }
+
+void zorv_blkdev_changed() {
+  if (zorv_removals_waiting.load() != 0) kernel::wake_up_all(&zorv_removal_wait);
+}
+
+void zorv_blkdev_wait_unpinned(const node_ref& own) {
+  zorv_blkdev_wait([&own] { return own->pins.load() == 1; });
+}
+
+node_ref zorv_snap_older(const zorv_filter& f, const zorv_blkdev* snap) {
+  rzread_guard walk(&f.snaps_lock);
+  return pin_from(f, f.snaps.prev_of(snap->s.snap_link), towards::older);
+}
+
+node_ref zorv_snap_newer(const zorv_filter& f, const zorv_blkdev* snap) {
+  rzread_guard walk(&f.snaps_lock);
+  return pin_from(f, f.snaps.next_of(snap->s.snap_link), towards::newer);
+}
+
+node_ref zorv_snap_oldest(const zorv_filter& f) {
+  rzread_guard walk(&f.snaps_lock);
+  return pin_from(f, f.snaps.front(), towards::newer);
+}
+
+void zorv_snap_unlink(zorv_filter* f, zorv_blkdev* snap) {
+  {
+    rzwrite_guard guard(&f->snaps_lock);
+    snap->s.snap_link.unlink();
+    f->nr_snaps.fetch_sub(1);
+  }
+  zorv_blkdev_changed();
+}
+
 void zorv_make_uuid(char (&uuid)[ZORV_UUID_LEN]) {
   u8 b[16];
   kernel::get_random_bytes(b, sizeof(b));
@@ -59,37 +175,6 @@ void zorv_make_uuid(char (&uuid)[ZORV_UUID_LEN]) {
 bool zorv_node_path(const char* name, char (&path)[133]) {
   const int len = std::snprintf(path, sizeof(path), "/dev/zorv/%s", name);
   return len > 0 && static_cast<std::size_t>(len) < sizeof(path);
-}
-
-table_write_guard::table_write_guard() {
-  if (table_writers.fetch_add(1) == 0) table_writer_since.store(kernel::jiffies());
-  rzwrite_lock(&zorv_blkdev_rwlock);
-  if (table_writers.fetch_sub(1) == 1) kernel::wake_up_all(&table_turn);
-}
-table_write_guard::~table_write_guard() { rzwrite_unlock(&zorv_blkdev_rwlock); }
-
-table_read_guard::table_read_guard() {
-  rzread_lock(&zorv_blkdev_rwlock);
-  ++kernel::current()->table_reads;
-}
-table_read_guard::~table_read_guard() {
-  --kernel::current()->table_reads;
-  rzread_unlock(&zorv_blkdev_rwlock);
-}
-
-void zorv_table_stand_aside(stand_aside who) {
-  if (table_writers.load(std::memory_order_relaxed) == 0) return;
-  if (kernel::current()->table_reads != 0) return;
-  u64 limit = aside_cow_thread;
-  if (who == stand_aside::request) {
-    // A command that reads the table for long would otherwise slow every request down for as
-    // long as the writer behind it waits.
-    const u64 into = (kernel::jiffies() - table_writer_since.load()) % aside_period;
-    if (into >= aside_request) return;
-    limit = aside_request - into;
-  }
-  (void)kernel::wait_event_timeout(
-      &table_turn, [] { return table_writers.load() == 0; }, limit);
 }
 
 }  // namespace zorv

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // The device record of a node, and the table of minors.
 //
-// zorv_blkdev_rwlock guards the slots and the lifetime of every record: looking a record up and
-// using it needs it held for reading for as long as the record is used; filling a slot, clearing
-// it and destroying a record need it for writing. It is the outermost lock.
+// zorv_blkdev_rwlock guards the slots and the states of their records, nothing else: whoever uses a
+// record pins it (node_ref) and lets go of the table. It is held for a look or a change in memory,
+// never across file or block I/O, a wait, or a lock that somebody holds across these.
+//
+// A record is set up by its creator alone, is found while it is live, and once it is being removed
+// stays until its last pin but the remover's has gone. A pinned snap keeps its filter as well.
 #pragma once
 
 #include <atomic>
+#include <utility>
 
 #include "driver/bitmap/handout.h"
 #include "driver/bitmap/marks.h"
@@ -42,9 +46,13 @@ struct zorv_filter {
   // creation.
   char disk_identity[kernel::bdev_identity_bytes] = {};
   char bmp_dir[ZORV_PATH_LEN] = {};
+  // Held for a walk over the snaps or a change of their list, never across file or block I/O; a
+  // snap that is needed for longer is pinned. Inside the table's lock and snap_rwlock.
+  mutable rzrwlock snaps_lock;
   // Oldest first: in the order of creation, and a snap that starts after one behind it had its
-  // instant goes behind that. Changed under the table's write lock.
-  kernel::list_of<zorv_blkdev> snaps;
+  // instant goes behind that.
+  kernel::list_of<zorv_blkdev> snaps GUARDED_BY(snaps_lock);
+  std::atomic<u32> nr_snaps{0};  // their number; also read without the lock
 
   rzmutex bmp_mutex;            // bitmap file work
   kernel::spinlock_t bmp_lock;  // bits and dirty flags
@@ -107,13 +115,23 @@ struct zorv_snap {
   std::atomic<u32> del_pending{0};
 };
 
+enum class node_state : u32 {
+  setting_up,  // minor and name are taken, nobody finds it
+  live,
+  removing,  // nobody finds it any more
+};
+
 struct zorv_blkdev {
+  // Changed under the table's write lock; to `removing`, and back, under dev_mutex as well.
+  std::atomic<node_state> state{node_state::setting_up};
+  std::atomic<u32> pins{0};
   u32 dev_type = 0;  // ZORV_DEV_FILTER | ZORV_DEV_SNAP
   kernel::gendisk* disk = nullptr;
   kernel::block_device* bdev = nullptr;  // while someone has the node open; under dev_mutex
   std::atomic<u32> started{0};
   std::atomic<u32> use_cnt{0};
-  rzmutex dev_mutex;  // start, stop, open, release; a filter's before its snaps'
+  rzmutex dev_mutex;         // start, stop, open, release; a filter's before its snaps'
+  bool left_behind = false;  // the unload has tried it
   u32 minor = 0;
   char uuid[ZORV_UUID_LEN] = {};
   char name[ZORV_NAME_LEN] = {};
@@ -134,14 +152,76 @@ extern int zorv_blk_major;
 extern int zorv_max_blk_minor;
 extern int zorv_blk_registered;  // 1 while the block major is ours
 
-// The record of a minor, or null. The minor is compared unsigned, so a negative one is too big.
+// The live record of a minor, or null. The minor is compared unsigned, so a negative one is too
+// big.
 zorv_blkdev* zorv_blkdev_find(u32 minor) REQUIRES_SHARED(zorv_blkdev_rwlock);
 
-// Chooses the minor for a new node; a negative request takes the lowest free one.
+// ---- pins ----------------------------------------------------------------------------------
+// A hold on a record: while it lives the record is not freed, and if it is a snap its filter is not
+// either. It keeps nobody from starting, stopping or opening the node.
+class [[nodiscard]] node_ref {
+ public:
+  node_ref() = default;
+  node_ref(node_ref&& o) noexcept : dev_(std::exchange(o.dev_, nullptr)) {}
+  node_ref& operator=(node_ref&& o) noexcept {
+    std::swap(dev_, o.dev_);
+    return *this;
+  }
+  ~node_ref();
+  [[nodiscard]] node_ref another() const;  // one more pin, live or not
+  void forget() { dev_ = nullptr; }        // the record is about to be freed
+  [[nodiscard]] zorv_blkdev* get() const { return dev_; }
+  zorv_blkdev* operator->() const { return dev_; }
+  explicit operator bool() const { return dev_ != nullptr; }
+
+ private:
+  friend node_ref zorv_node_pin(zorv_blkdev* dev);
+  explicit node_ref(zorv_blkdev* pinned) : dev_(pinned) {}
+  zorv_blkdev* dev_ = nullptr;
+};
+// The live node of a minor, or empty.
+node_ref zorv_node_get(u32 minor) EXCLUDES(zorv_blkdev_rwlock);
+// Pins a record that cannot be freed at the moment (the table or its filter's list is held, or it
+// is pinned already); empty when it is not live.
+node_ref zorv_node_pin(zorv_blkdev* dev);
+
+// ---- a record's place in the table ---------------------------------------------------------
+// Takes a minor and a name for a record that is being set up.
 //   caller   the operation's name, for its messages
-//   returns  the minor (>= 0) | -EINVAL (too big, taken) | -ENOSPC
-[[nodiscard]] int zorv_blkdev_choose_minor(const char* caller, s32 requested)
-    REQUIRES(zorv_blkdev_rwlock);
+//   minor    negative: the lowest free one; the one taken
+//   name     empty: becomes "zorv%d" of the minor
+//   returns  0 | -EINVAL (minor too big or taken) | -ENOSPC | -EEXIST (a node has the name)
+[[nodiscard]] int zorv_blkdev_reserve(const char* caller, zorv_blkdev* dev, s32* minor,
+                                      char (&name)[ZORV_NAME_LEN]) REQUIRES(zorv_blkdev_rwlock);
+// The record is complete: from now on it is found.
+void zorv_blkdev_publish(zorv_blkdev* dev) EXCLUDES(zorv_blkdev_rwlock);
+// Gives minor and name back; the caller frees the record.
+void zorv_blkdev_release(zorv_blkdev* dev) EXCLUDES(zorv_blkdev_rwlock);
+// Takes the record out of everybody's sight; false when another task is removing it already.
+//   locks  the record's dev_mutex
+[[nodiscard]] bool zorv_blkdev_begin_removal(zorv_blkdev* dev) EXCLUDES(zorv_blkdev_rwlock);
+void zorv_blkdev_undo_removal(zorv_blkdev* dev) EXCLUDES(zorv_blkdev_rwlock);
+// Sleeps until own, the pin of the task that is removing the record, is the only one.
+void zorv_blkdev_wait_unpinned(const node_ref& own);
+// For waits of removals: whatever they may wait for says that it has changed.
+extern kernel::wait_queue_head zorv_removal_wait;
+extern std::atomic<u32> zorv_removals_waiting;
+template <class Cond>
+void zorv_blkdev_wait(Cond done) {
+  zorv_removals_waiting.fetch_add(1);
+  kernel::wait_event(&zorv_removal_wait, done);
+  zorv_removals_waiting.fetch_sub(1);
+}
+void zorv_blkdev_changed();
+
+// ---- a filter's snaps ----------------------------------------------------------------------
+// A neighbour of a pinned snap, itself pinned; snaps that are not live are passed over. Empty at
+// the end of the list.
+node_ref zorv_snap_older(const zorv_filter& f, const zorv_blkdev* snap) EXCLUDES(f.snaps_lock);
+node_ref zorv_snap_newer(const zorv_filter& f, const zorv_blkdev* snap) EXCLUDES(f.snaps_lock);
+node_ref zorv_snap_oldest(const zorv_filter& f) EXCLUDES(f.snaps_lock);
+// Takes the snap off its filter's list.
+void zorv_snap_unlink(zorv_filter* f, zorv_blkdev* snap) EXCLUDES(f->snaps_lock);
 
 // "{xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}" of 16 random bytes, with its NUL.
 void zorv_make_uuid(char (&uuid)[ZORV_UUID_LEN]);
@@ -150,28 +230,19 @@ void zorv_make_uuid(char (&uuid)[ZORV_UUID_LEN]);
 [[nodiscard]] bool zorv_node_path(const char* name, char (&path)[133]);
 
 // ---- taking the table's lock ---------------------------------------------------------------
-// Readers come and go all the time while clients keep a node busy, and the lock lets a new one in
-// whenever no writer holds it. So that a command that needs the table for writing gets its turn,
-// a request stands aside for a moment, before it asks for the lock, while a writer waits; the
-// lock itself favours nobody.
 class [[nodiscard]] SCOPED_CAPABILITY table_write_guard {
  public:
-  table_write_guard() ACQUIRE(zorv_blkdev_rwlock);
-  ~table_write_guard() RELEASE();
+  table_write_guard() ACQUIRE(zorv_blkdev_rwlock) { rzwrite_lock(&zorv_blkdev_rwlock); }
+  ~table_write_guard() RELEASE() { rzwrite_unlock(&zorv_blkdev_rwlock); }
   table_write_guard(const table_write_guard&) = delete;
   table_write_guard& operator=(const table_write_guard&) = delete;
 };
 class [[nodiscard]] SCOPED_CAPABILITY table_read_guard {
  public:
-  table_read_guard() ACQUIRE_SHARED(zorv_blkdev_rwlock);
-  ~table_read_guard() RELEASE_GENERIC();
+  table_read_guard() ACQUIRE_SHARED(zorv_blkdev_rwlock) { rzread_lock(&zorv_blkdev_rwlock); }
+  ~table_read_guard() RELEASE_GENERIC() { rzread_unlock(&zorv_blkdev_rwlock); }
   table_read_guard(const table_read_guard&) = delete;
   table_read_guard& operator=(const table_read_guard&) = delete;
 };
-// Called before taking the lock for reading. A request waits only in the first 50 ms of every 250
-// ms that a writer has been waiting, a COW thread between two passes at most 300 ms; nobody waits
-// when no writer does or when this task already reads the table.
-enum class stand_aside { request, cow_thread };
-void zorv_table_stand_aside(stand_aside who);
 
 }  // namespace zorv

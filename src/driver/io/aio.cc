@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cassert>
 
+#include "driver/core/lock.h"
 #include "driver/core/log.h"
 #include "kernel/blkdev.h"
 #include "kernel/lock.h"
@@ -47,13 +48,17 @@ u32 aio_waiters GUARDED_BY(aio_spin) = 0;    // tasks that wait for one
 u32 aio_releasing GUARDED_BY(aio_spin) = 0;  // destructors between unlinking and their end
 kernel::wait_queue_head aio_wait;
 
-std::atomic<s32> aio_cnt{0};  // live trackers
+rzmutex allocators_mutex;
+s32 aio_cnt GUARDED_BY(allocators_mutex) = 0;  // live trackers; the first makes the allocators
 kernel::kmem_cache* item_cache = nullptr;
 kernel::kmem_cache* block_cache = nullptr;
 kernel::mempool* item_pool = nullptr;
 kernel::mempool* block_pool = nullptr;
 
-void destroy_allocators() {
+void drop_allocators() {
+  rzmutex_guard guard(&allocators_mutex);
+  if (--aio_cnt != 0) return;
+  zorv_log(2, "%s(): Destroying global AIO allocators.", "zorv_aio_destroy");
   kernel::mempool_destroy(item_pool);
   kernel::mempool_destroy(block_pool);
   kernel::kmem_cache_destroy(item_cache);
@@ -62,7 +67,10 @@ void destroy_allocators() {
   item_cache = block_cache = nullptr;
 }
 
-bool create_allocators() {
+// To be dropped, whatever comes of it.
+bool take_allocators() {
+  rzmutex_guard guard(&allocators_mutex);
+  ++aio_cnt;
   if (item_cache == nullptr) {
     item_cache = kernel::kmem_cache_create("aio_item", sizeof(aio_item), 8);
   }
@@ -243,19 +251,18 @@ void zorv_aio_destructor(kernel::bio* clone) {
 int zorv_aio_init(zorv_aio* aio) {
   assert(aio != nullptr);
   zorv_log(2, "%s(): Initializing AIO tracker.", __func__);
-  aio_cnt.fetch_add(1);
   aio->hash = static_cast<kernel::list_of<aio_block>*>(
       kernel::kzalloc(aio_hash_size * sizeof(kernel::list_of<aio_block>), kernel::GFP_KERNEL));
   if (aio->hash != nullptr) {
     for (u32 i = 0; i < aio_hash_size; ++i) new (&aio->hash[i]) kernel::list_of<aio_block>;
   }
-  const bool have_allocators = create_allocators();
+  const bool have_allocators = take_allocators();
   if (aio->hash != nullptr && have_allocators) return 0;
 
   zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
   kernel::kfree(aio->hash);
   aio->hash = nullptr;
-  if (aio_cnt.fetch_sub(1) == 1) destroy_allocators();
+  drop_allocators();
   return -ENOMEM;
 }
 
@@ -285,10 +292,7 @@ int zorv_aio_destroy(zorv_aio* aio, int /*abort*/) {
     kernel::spin_guard guard(&aio_spin);
     --aio_waiters;
   }
-  if (aio_cnt.fetch_sub(1) == 1) {
-    zorv_log(2, "%s(): Destroying global AIO allocators.", __func__);
-    destroy_allocators();
-  }
+  drop_allocators();
   kernel::kfree(aio->hash);
   aio->hash = nullptr;
   return 0;

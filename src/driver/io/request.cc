@@ -2,9 +2,11 @@
 // The road of a request through a node.
 //
 // Every bio leaves here passed on to the HDD (itself or as a tracked clone), held in the filter's
-// COW queue, or ended with an error. While it is routed the table's read lock is held, and on a
-// filter the read side of snap_rwlock, so that it meets one state of the snaps from its first
-// look to its hand-off.
+// COW queue, or ended with an error. While it is routed on a filter the read side of snap_rwlock is
+// held, so that it meets one state of the snaps from its first look to its hand-off.
+//
+// The queue leads to the record, which is not destroyed before every request that is being
+// submitted to its disk is through: no look-up, no pin.
 #include "driver/io/request.h"
 
 #include "driver/bitmap/bitmap.h"
@@ -38,6 +40,7 @@ gfp_t request_flags() {
 // Whether the snap or a newer one holds the old contents of a chunk of the range: the HDD then no
 // longer has what the snap shows.
 bool copied_in_or_after(const zorv_filter& f, zorv_blkdev* snap, chunk_range r) {
+  rzread_guard walk(&f.snaps_lock);
   for (u64 c = r.first; c <= r.last; ++c) {
     for (zorv_blkdev* t = snap; t != nullptr; t = f.snaps.next_of(t->s.snap_link)) {
       if (t->started.load() != 0 && t->s.snap_valid.load() != 0 &&
@@ -101,6 +104,7 @@ int route_snap(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
 // to the oldest until one decides.
 bool must_hold(const zorv_filter& f, const kernel::bio* bio) {
   const bool served = f.cowthread.pid.load() != 0;  // without a thread no snap is valid
+  rzread_guard walk(&f.snaps_lock);
   for (zorv_blkdev* t = f.snaps.back(); t != nullptr; t = f.snaps.prev_of(t->s.snap_link)) {
     if (t->started.load() == 0) continue;
     if (t->s.snap_valid.load() == 0) return f.invalidating.load() != 0 && served;
@@ -119,7 +123,7 @@ bool must_hold(const zorv_filter& f, const kernel::bio* bio) {
 
 int route_filter(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
   zorv_filter& f = dev->f;
-  if (f.snaps.empty() || kernel::bio_sectors(bio) == 0) {
+  if (f.nr_snaps.load(std::memory_order_relaxed) == 0 || kernel::bio_sectors(bio) == 0) {
     pass_on(bio, f.hdd_bdev);
     return 0;
   }
@@ -144,11 +148,9 @@ struct outcome {
   int rc;              // routed: 0, or the negative errno to end the bio with
 };
 
-outcome route(kernel::bio* bio, gfp_t flags, bool wait_for_marks) {
+outcome route(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags, bool wait_for_marks) {
   const u32 minor = kernel::minor_of(bio->bi_bdev->bd_dev);
-  table_read_guard table;
-  zorv_blkdev* dev = zorv_blkdev_find(minor);
-  if (dev == nullptr) {
+  if (dev->state.load(std::memory_order_relaxed) != node_state::live) {
     zorv_log(LOG_ERROR, "%s(): Nothing is known about ZORV device with minor=%d",
              "zorv_make_request", minor);
     return {false, 0, -EINVAL};
@@ -179,31 +181,34 @@ outcome route(kernel::bio* bio, gfp_t flags, bool wait_for_marks) {
 int queue_req(zorv_filter* f, kernel::bio* bio, gfp_t flags) {
   if (f->cowthread.pid.load() == 0) return -ENOMEM;  // no clone, and nobody who would make one
   s32 snap_minor = -1;
-  for (zorv_blkdev* t = f->snaps.back(); t != nullptr; t = f->snaps.prev_of(t->s.snap_link)) {
-    if (t->started.load() != 0) {
-      snap_minor = static_cast<s32>(t->s.snap_minor);
-      break;
+  {
+    rzread_guard walk(&f->snaps_lock);
+    for (zorv_blkdev* t = f->snaps.back(); t != nullptr; t = f->snaps.prev_of(t->s.snap_link)) {
+      if (t->started.load() != 0) {
+        snap_minor = static_cast<s32>(t->s.snap_minor);
+        break;
+      }
     }
   }
   return zorv_cowqueue_append(&f->cowqueue, snap_minor, bio, flags);
 }
 
-int zorv_make_request(kernel::request_queue*, kernel::bio* bio) {
+int zorv_make_request(kernel::request_queue* q, kernel::bio* bio) {
+  auto* dev = static_cast<zorv_blkdev*>(q->queuedata);
   const gfp_t flags = request_flags();
   if (zorv_log_enabled(4)) {
     zorv_log(4, "%s(): minor=%d, sector=%lld, sectors=%d, rw=%d", __func__,
              kernel::minor_of(bio->bi_bdev->bd_dev), static_cast<long long>(bio->bi_sector),
              kernel::bio_sectors(bio), kernel::bio_is_write(bio) ? 1 : 0);
   }
-  zorv_table_stand_aside(stand_aside::request);
   // A write whose bits the saved bitmap file lacks may not reach the HDD before the file is marked
   // stale. It waits with no lock held and is then routed as if it had just come.
   const u64 deadline = kernel::jiffies() + mark_wait_limit_jiffies;
   bool wait_for_marks = true;
-  outcome o = route(bio, flags, wait_for_marks);
+  outcome o = route(dev, bio, flags, wait_for_marks);
   while (o.marks_pending) {
     if (!zorv_marks_wait(o.event, deadline)) wait_for_marks = false;
-    o = route(bio, flags, wait_for_marks);
+    o = route(dev, bio, flags, wait_for_marks);
   }
   if (o.rc < 0) kernel::bio_endio(bio, o.rc);
   return 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // The status tree. An entry holds no pointer to what it shows: a read takes the node's minor from
-// its directory's name and looks the record up under the table's lock, so an entry may outlive its
+// its directory's name and pins the record for as long as it prints, so an entry may outlive its
 // node and then shows nothing.
 #include "driver/proc/proc.h"
 
@@ -20,6 +20,8 @@ constexpr std::size_t work_bytes = 1024;  // of a write
 
 // Read by handlers while load and unload change it.
 std::atomic<kernel::proc_dir_entry*> zorv_proc_root{nullptr};
+// Held while entries are made or removed: nodes come and go beside each other.
+rzmutex tree_mutex;
 
 // The reader's page. A value that does not fit is left out whole, so that no line comes in half.
 class page_text {
@@ -70,10 +72,11 @@ void print_hdd_minor(const zorv_blkdev& d, page_text* out) {
 }
 void print_hdd_name(const zorv_blkdev& d, page_text* out) { out->add_text(d.f.hdd_name); }
 void print_snaps(const zorv_blkdev& d, page_text* out) {
+  rzread_guard walk(&d.f.snaps_lock);
   const auto& snaps = d.f.snaps;
   for (const zorv_blkdev* snap = snaps.front(); snap != nullptr;
        snap = snaps.next_of(snap->s.snap_link)) {
-    out->add_number(snap->minor);
+    if (snap->state.load() == node_state::live) out->add_number(snap->minor);
   }
 }
 
@@ -172,12 +175,11 @@ void print_of_node(const char* directory, const char* name, page_text* out) {
   }
   const s64 minor = kernel::simple_strtol(directory + tree_name_len, nullptr, 10);
   if (minor < 0 || minor > zorv_max_blk_minor) return;
-  const table_read_guard guard;
-  const zorv_blkdev* dev = zorv_blkdev_find(static_cast<u32>(minor));
-  if (dev == nullptr) return;
-  for (const field& f : fields_of(*dev)) {
+  const node_ref dev = zorv_node_get(static_cast<u32>(minor));
+  if (!dev) return;
+  for (const field& f : fields_of(*dev.get())) {
     if (std::strcmp(f.name, name) == 0) {
-      f.print(*dev, out);
+      f.print(*dev.get(), out);
       return;
     }
   }
@@ -261,6 +263,7 @@ int zorv_create_proc() {
 }
 
 int zorv_proc_add_device(zorv_blkdev* dev) {
+  rzmutex_guard tree(&tree_mutex);
   const dir_name name(dev->minor);
   char path[64];
   (void)std::snprintf(path, sizeof path, "/proc/zorv/%s", name.text);
@@ -291,6 +294,7 @@ void zorv_remove_proc_entry(kernel::proc_dir_entry* entry) {
 }
 
 int zorv_proc_del_device(zorv_blkdev* dev) {
+  rzmutex_guard tree(&tree_mutex);
   zorv_log(2, "%s(): Removing /proc entry for zorv(%d, %d)", __func__, zorv_blk_major,
            static_cast<int>(dev->minor));
   kernel::proc_dir_entry* root = zorv_proc_root.load(std::memory_order_acquire);
@@ -306,6 +310,7 @@ int zorv_proc_del_device(zorv_blkdev* dev) {
 
 int zorv_remove_proc() {
   zorv_log(1, "zorv_remove_proc(): Removing /proc/zorv tree.");
+  rzmutex_guard tree(&tree_mutex);
   zorv_remove_proc_entry(zorv_proc_root.exchange(nullptr));
   return 0;
 }

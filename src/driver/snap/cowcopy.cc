@@ -142,7 +142,7 @@ void begin_writes(cow_copier* c, zorv_blkdev* t, const piece& p) {
 
 // Copies located pages. What the host has cached is on its way to the file as soon as it is read;
 // the rest is read all at once.
-void copy_slice(cow_copier* c, zorv_blkdev* t, u32 count) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+void copy_slice(cow_copier* c, zorv_blkdev* t, u32 count) {
   // An invalidation that this task does not see now waits for it before it empties the file.
   std::atomic<u32>& writing = c->worker->filter->cow_writing;
   writing.fetch_add(1);
@@ -208,32 +208,42 @@ snap_invalidation::~snap_invalidation() {
   kernel::wake_up_all(&f_->cowqueue.wait);
 }
 
+namespace {
+
+void disown(zorv_blkdev* snap) {
+  if (snap->started.load() == 0) return;
+  rzread_guard files(&snap->s.file_lock);
+  zorv_snap_disown_files(snap);
+}
+
+}  // namespace
+
 void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
   zorv_filter& f = snap->s.filter->f;
   const snap_invalidation guard(&f);
-  // The oldest first: a read that takes a newer snap for one without the chunk, because that is
-  // invalid, finds its own snap invalid when it looks again before it ends.
-  for (zorv_blkdev* s = f.snaps.front(); s != nullptr; s = f.snaps.next_of(s->s.snap_link)) {
-    if (s->started.load() != 0) {
-      zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major,
-               s->s.snap_minor);
-      s->s.snap_valid.store(0);
+  {
+    // The oldest first: a read that takes a newer snap for one without the chunk, because that is
+    // invalid, finds its own snap invalid when it looks again before it ends.
+    rzread_guard walk(&f.snaps_lock);
+    for (zorv_blkdev* s = f.snaps.front(); s != nullptr; s = f.snaps.next_of(s->s.snap_link)) {
+      if (s->started.load() != 0) {
+        zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major,
+                 s->s.snap_minor);
+        s->s.snap_valid.store(0);
+      }
+      if (s == snap) break;
     }
-    if (s == snap) break;
   }
   // What is being written would make an emptied file long again.
   while (f.cow_writing.load() != 0) kernel::yield();
-  for (zorv_blkdev* s = snap; s != nullptr; s = f.snaps.prev_of(s->s.snap_link)) {
-    if (s->started.load() == 0) continue;
-    rzread_guard files(&s->s.file_lock);
-    zorv_snap_disown_files(s);
-  }
+  disown(snap);
+  for (node_ref s = zorv_snap_older(f, snap); s; s = zorv_snap_older(f, s.get())) disown(s.get());
 }
 
 namespace {
 
 // Reads and writes all pages of the batch.
-void copy_pages(cow_copier* c, zorv_blkdev* t) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+void copy_pages(cow_copier* c, zorv_blkdev* t) {
   const u64 pages = u64{c->batch.count} * (t->s.chunk_size / kernel::page_size);
   for (u64 first = 0; first < pages && snap_usable(t); first += group_pages) {
     const auto count = static_cast<u32>(std::min<u64>(pages - first, group_pages));
@@ -256,8 +266,8 @@ void log_groups(const cow_copier* c, const zorv_snap& s) {
 
 void cow_chunks(cow_copier* c) {
   cow_batch& b = c->batch;
-  zorv_blkdev* t = cow_find_snap(c->worker->filter, b.snap_minor);
-  if (t == nullptr || !snap_usable(t)) return;
+  zorv_blkdev* t = b.snap.get();
+  if (!snap_usable(t)) return;
   rzread_guard files(&t->s.file_lock);  // its files stay open; a stop waits here
   if (!snap_usable(t) || t->s.life.load() != b.life) return;
   log_groups(c, t->s);

@@ -59,22 +59,24 @@ decision forward(zorv_filter* f, const cow_request* r) {
 
 // What has to happen before a write may go.
 struct need {
-  zorv_blkdev* snap = nullptr;  // null: nothing
-  u32 life = 0;                 // of it
-  s32 chunk = -1;               // the first chunk that is missing; -1: all are on their way
-  bool more = false;            // that is not the only one
+  node_ref snap;      // empty: nothing
+  u32 life = 0;       // of it
+  s32 chunk = -1;     // the first chunk that is missing; -1: all are on their way
+  bool more = false;  // that is not the only one
 };
 
-need needs_of(zorv_blkdev* snap, const cow_request* r) {
+need needs_of(node_ref ref, const cow_request* r) {
   need n;
-  if (!snap_usable(snap)) return n;
+  zorv_blkdev* snap = ref.get();
+  if (snap == nullptr || !snap_usable(snap)) return n;
   rzread_guard files(&snap->s.file_lock);
   if (!snap_usable(snap)) return n;  // stopped meanwhile
   const chunk_range range = chunks_of(r, snap->s.chunk_shift);
+  bool missing = false;
   for (u64 c = range.first; c <= range.last && !n.more; ++c) {
     const chunk_state state = zorv_cowbmp_state(&snap->s.cowbmp, static_cast<s32>(c));
     if (state == chunk_state::copied) continue;
-    n.snap = snap;
+    missing = true;
     n.life = snap->s.life.load();
     if (state == chunk_state::on_its_way) continue;
     if (n.chunk >= 0) {
@@ -83,23 +85,26 @@ need needs_of(zorv_blkdev* snap, const cow_request* r) {
       n.chunk = static_cast<s32>(c);
     }
   }
+  if (missing) n.snap = std::move(ref);
   return n;
+}
+
+node_ref newest_started(const zorv_filter& f) {
+  rzread_guard walk(&f.snaps_lock);
+  zorv_blkdev* s = f.snaps.back();
+  while (s != nullptr && s->started.load() == 0) s = f.snaps.prev_of(s->s.snap_link);
+  return s != nullptr ? zorv_node_pin(s) : node_ref();
 }
 
 // What has to be copied before the write may go: for the snap it was queued for, and for the
 // newest one, which may have started after the write was queued by a submitter that no freeze
 // holds back. What the newest has serves all older ones.
-need next_need(const zorv_filter* f, const cow_request* r, s32 snap_minor)
-    REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  zorv_blkdev* target = snap_minor < 0 ? nullptr : cow_find_snap(f, snap_minor);
+need next_need(const zorv_filter* f, const cow_request* r, s32 snap_minor) {
   need n;
-  if (target != nullptr) n = needs_of(target, r);
-  if (n.snap != nullptr) return n;
-  zorv_blkdev* newest = f->snaps.back();
-  while (newest != nullptr && newest->started.load() == 0) {
-    newest = f->snaps.prev_of(newest->s.snap_link);
-  }
-  if (newest != nullptr && newest != target) n = needs_of(newest, r);
+  if (snap_minor >= 0) n = needs_of(cow_find_snap(f, snap_minor), r);
+  if (n.snap) return n;
+  node_ref newest = newest_started(*f);
+  if (newest && static_cast<s32>(newest->minor) != snap_minor) n = needs_of(std::move(newest), r);
   return n;
 }
 
@@ -120,32 +125,31 @@ int begin_copy(const need& n) {
 }
 
 // Adds the chunk to the group, or invalidates its snap.
-decision add_to_group(pass* p, const need& n) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+decision add_to_group(pass* p, const need& n) {
   cow_batch& b = *p->batch;
   if (b.count == 0) {
-    b.snap_minor = static_cast<s32>(n.snap->s.snap_minor);
     b.life = n.life;
     // A chunk larger than a group is a group of its own, copied piece by piece.
     const u32 fits = group_bytes >> n.snap->s.chunk_shift;
     b.capacity = fits != 0 ? fits : 1;
-  } else if (b.snap_minor != static_cast<s32>(n.snap->s.snap_minor) || b.life != n.life) {
+  } else if (b.snap.get() != n.snap.get() || b.life != n.life) {
     return {verdict::end_pass};
   }
   const int rc = begin_copy(n);
   if (rc == -ESTALE) p->w->filter->cowqueue.events.fetch_add(1);  // another pass looks anew
-  if (rc != 0 && rc != -ESTALE) zorv_snap_invalidate(n.snap, op);
+  if (rc != 0 && rc != -ESTALE) zorv_snap_invalidate(n.snap.get(), op);
   if (rc != 0) return {verdict::keep};
+  if (b.count == 0) b.snap = n.snap.another();
   b.chunks[b.count++] = n.chunk;
   if (n.more) ++p->result.more;
   return {b.count >= b.capacity ? verdict::end_pass : verdict::keep};
 }
 
-decision decide_filter(pass* p, cow_request* r, s32 snap_minor)
-    REQUIRES_SHARED(zorv_blkdev_rwlock) {
+decision decide_filter(pass* p, cow_request* r, s32 snap_minor) {
   zorv_filter* f = p->w->filter;
   if (!r->is_write) return forward(f, r);
   const need n = next_need(f, r, snap_minor);
-  const bool free = n.snap == nullptr;
+  const bool free = !n.snap;
   if (free && f->invalidating.load() == 0) return forward(f, r);
   if (free || p->batch == nullptr) {
     r->waits_since = p->copies;
@@ -156,6 +160,7 @@ decision decide_filter(pass* p, cow_request* r, s32 snap_minor)
 
 bool any_copied(const zorv_filter* f, zorv_blkdev* snap, const cow_request* r) {
   const chunk_range range = chunks_of(r, snap->s.chunk_shift);
+  rzread_guard walk(&f->snaps_lock);
   for (zorv_blkdev* t = snap; t != nullptr; t = f->snaps.next_of(t->s.snap_link)) {
     if (!snap_usable(t)) continue;
     for (u64 c = range.first; c <= range.last; ++c) {
@@ -165,8 +170,7 @@ bool any_copied(const zorv_filter* f, zorv_blkdev* snap, const cow_request* r) {
   return false;
 }
 
-decision decide_snap(zorv_filter* f, const cow_request* r, zorv_blkdev* snap)
-    REQUIRES_SHARED(zorv_blkdev_rwlock) {
+decision decide_snap(zorv_filter* f, const cow_request* r, zorv_blkdev* snap) {
   if (!any_copied(f, snap, r)) {
     kernel::bio* clone = tracked_clone(f, r);
     if (clone == nullptr) return {verdict::ended, -EIO};
@@ -182,35 +186,34 @@ decision decide_snap(zorv_filter* f, const cow_request* r, zorv_blkdev* snap)
 }
 
 //   overlaps_earlier  a request before it in the queue touches its sectors
-decision decide(pass* p, cow_request* r, s32 snap_minor, bool overlaps_earlier)
-    REQUIRES_SHARED(zorv_blkdev_rwlock) {
+decision decide(pass* p, cow_request* r, s32 snap_minor, bool overlaps_earlier) {
   const zorv_filter* f = p->w->filter;
   if (kernel::major_of(r->dev) != static_cast<u32>(zorv_blk_major)) {
     zorv_log(LOG_ERROR, "%s(): Request to unknown block device in COW request queue", op);
     return {verdict::ended, -EIO};
   }
   const u32 minor = kernel::minor_of(r->dev);
-  zorv_blkdev* snap = nullptr;
+  node_ref snap;
   if (minor != f->filter_minor) {
     snap = cow_find_snap(f, static_cast<s32>(minor));
-    if (snap == nullptr) {
+    if (!snap) {
       zorv_log(LOG_ERROR, "%s(): Request to unknown zorv(%d, %d) in zorv(%d, %d) queue", op,
                zorv_blk_major, minor, zorv_blk_major, f->filter_minor);
       return {verdict::ended, -EIO};
     }
-    if (!snap_readable(snap)) return {verdict::ended, -EIO};
+    if (!snap_readable(snap.get())) return {verdict::ended, -EIO};
   }
   if (overlaps_earlier) return {verdict::keep};
-  return snap == nullptr ? decide_filter(p, r, snap_minor) : decide_snap(p->w->filter, r, snap);
+  return snap ? decide_snap(p->w->filter, r, snap.get()) : decide_filter(p, r, snap_minor);
 }
 
 }  // namespace
 
-zorv_blkdev* cow_find_snap(const zorv_filter* f, s32 minor) {
-  zorv_blkdev* dev = zorv_blkdev_find(static_cast<u32>(minor));
-  const bool ours = dev != nullptr && dev->dev_type == ZORV_DEV_SNAP && dev->s.filter != nullptr &&
-                    &dev->s.filter->f == f;
-  return ours ? dev : nullptr;
+node_ref cow_find_snap(const zorv_filter* f, s32 minor) {
+  node_ref dev = zorv_node_get(static_cast<u32>(minor));
+  const bool ours =
+      dev && dev->dev_type == ZORV_DEV_SNAP && dev->s.filter != nullptr && &dev->s.filter->f == f;
+  return ours ? std::move(dev) : node_ref();
 }
 
 pass_result cow_pass(cow_worker* w, cow_batch* batch) {

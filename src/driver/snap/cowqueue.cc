@@ -7,6 +7,7 @@
 
 #include <cassert>
 
+#include "driver/core/lock.h"
 #include "driver/core/log.h"
 #include "kernel/blkdev.h"
 #include "kernel/mem.h"
@@ -19,13 +20,17 @@ constexpr u32 pool_reserve = 8192;  // requests, and blocks
 constexpr u32 block_shift = 3;      // sectors to 4 KiB blocks
 
 // Shared by all queues.
-std::atomic<s32> cowqueue_cnt{0};  // live queues
+rzmutex allocators_mutex;
+s32 cowqueue_cnt GUARDED_BY(allocators_mutex) = 0;  // live queues; the first makes the allocators
 kernel::kmem_cache* queue_cache = nullptr;
 kernel::kmem_cache* block_cache = nullptr;
 kernel::mempool* queue_pool = nullptr;
 kernel::mempool* block_pool = nullptr;
 
-void destroy_allocators() {
+void drop_allocators() {
+  rzmutex_guard guard(&allocators_mutex);
+  if (--cowqueue_cnt != 0) return;
+  zorv_log(2, "%s(): Destroying global COW allocators.", "zorv_cowqueue_destroy");
   kernel::mempool_destroy(queue_pool);
   kernel::mempool_destroy(block_pool);
   kernel::kmem_cache_destroy(queue_cache);
@@ -34,7 +39,10 @@ void destroy_allocators() {
   queue_cache = block_cache = nullptr;
 }
 
-bool create_allocators() {
+// To be dropped, whatever comes of it.
+bool take_allocators() {
+  rzmutex_guard guard(&allocators_mutex);
+  ++cowqueue_cnt;
   if (queue_cache == nullptr) {
     queue_cache = kernel::kmem_cache_create("cow_request", sizeof(cow_request), 8);
   }
@@ -124,7 +132,7 @@ cow_request* place_of_read_locked(zorv_cowqueue* q, const cow_request* read) REQ
 
 int zorv_cowqueue_init(zorv_cowqueue* q) {
   assert(q != nullptr);
-  cowqueue_cnt.fetch_add(1);
+  const bool have_allocators = take_allocators();
   q->cnt.store(0);
   q->hash = static_cast<kernel::list_of<cow_block>*>(
       kernel::vmalloc(cowqueue_hash_size * sizeof(kernel::list_of<cow_block>)));
@@ -132,10 +140,10 @@ int zorv_cowqueue_init(zorv_cowqueue* q) {
     zorv_log(LOG_ERROR, "%s(): Failed to create queue hash.", __func__);
   } else {
     for (u32 i = 0; i < cowqueue_hash_size; ++i) new (&q->hash[i]) kernel::list_of<cow_block>;
-    if (create_allocators()) return 0;
+    if (have_allocators) return 0;
     zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
   }
-  if (cowqueue_cnt.fetch_sub(1) == 1) destroy_allocators();
+  drop_allocators();
   kernel::vfree(q->hash);
   q->hash = nullptr;
   return -ENOMEM;
@@ -226,10 +234,7 @@ int zorv_cowqueue_destroy(zorv_cowqueue* q) {
   zorv_log(1, "%s(): Destroying COW queue", __func__);
   const int rc = zorv_cowqueue_purge(q);
   if (rc != 0) return rc;
-  if (cowqueue_cnt.fetch_sub(1) == 1) {
-    zorv_log(2, "%s(): Destroying global COW allocators.", __func__);
-    destroy_allocators();
-  }
+  drop_allocators();
   kernel::vfree(q->hash);
   q->hash = nullptr;
   return rc;

@@ -36,17 +36,32 @@ void send_and_wait(zorv_filter* f, kernel::bio* bio, wait_state* state) {
   kernel::wait_for_completion(&state->done);
 }
 
-// The snap that has the chunk as the given one shows it; null: the HDD has it.
-zorv_blkdev* source_of(const zorv_filter* f, zorv_blkdev* snap, s32 chunk) {
+zorv_blkdev* source_locked(const zorv_filter* f, zorv_blkdev* snap, s32 chunk)
+    REQUIRES_SHARED(f->snaps_lock) {
   for (zorv_blkdev* t = snap; t != nullptr; t = f->snaps.next_of(t->s.snap_link)) {
     if (snap_has_chunk(t, chunk)) return t;
   }
   return nullptr;
 }
 
+// The snap that has the chunk as the given one shows it; empty: the HDD has it.
+node_ref source_of(const zorv_filter* f, zorv_blkdev* snap, s32 chunk) {
+  rzread_guard walk(&f->snaps_lock);
+  for (;;) {
+    zorv_blkdev* source = source_locked(f, snap, chunk);
+    if (source == nullptr) return {};
+    node_ref ref = zorv_node_pin(source);
+    if (ref) return ref;  // else it has been stopped since, and has nothing any more
+  }
+}
+bool on_hdd(const zorv_filter* f, zorv_blkdev* snap, s32 chunk) {
+  rzread_guard walk(&f->snaps_lock);
+  return source_locked(f, snap, chunk) == nullptr;
+}
+
 // Adjacent pieces from one source.
 struct piece_run {
-  zorv_blkdev* source = nullptr;  // null: the HDD
+  node_ref source;  // empty: the HDD
   sector_t sector = 0;
   u32 bytes = 0;             // 0: nothing collected
   std::byte* to = nullptr;   // a file's run: its memory
@@ -72,7 +87,7 @@ int read_run_from_hdd(const snap_read& r) {
   const u32 shift = r.snap->s.chunk_shift - kernel::sector_shift;
   const u64 last = (r.run.sector + kernel::bio_sectors(bio) - 1) >> shift;
   for (u64 c = r.run.sector >> shift; c <= last; ++c) {
-    if (source_of(f, r.snap, static_cast<s32>(c)) == nullptr) continue;
+    if (on_hdd(f, r.snap, static_cast<s32>(c))) continue;
     if (clone != bio) kernel::bio_put(clone);
     return -EAGAIN;
   }
@@ -84,40 +99,41 @@ int read_run_from_hdd(const snap_read& r) {
   return -EIO;
 }
 
-int read_run_from_file(const piece_run& run) REQUIRES_SHARED(zorv_blkdev_rwlock) {
-  zorv_snap& s = run.source->s;
+int read_run_from_file(const piece_run& run) {
+  zorv_blkdev* source = run.source.get();
+  zorv_snap& s = source->s;
   int rc;
   bool whole;
   {
     rzread_guard files(&s.file_lock);
     // Gone since the chunk was looked up: the snap has been stopped or has become invalid.
-    if (!snap_usable(run.source) || s.cow_data_file == nullptr) return -EIO;
+    if (!snap_usable(source) || s.cow_data_file == nullptr) return -EIO;
     rc = zorv_fread(s.cow_data_file, run.sector << kernel::sector_shift, run.to,
                     static_cast<int>(run.bytes));
     whole = zorv_cowfiles_whole(s);
   }
   // A snap that became invalid meanwhile may have been emptied under the read.
-  if (!snap_usable(run.source)) return -EIO;
-  if (!whole) zorv_snap_invalidate(run.source, "read_cowed_page");  // somebody has cut a file
+  if (!snap_usable(source)) return -EIO;
+  if (!whole) zorv_snap_invalidate(source, "read_cowed_page");  // somebody has cut a file
   return whole && rc == static_cast<int>(run.bytes) ? 0 : -EIO;
 }
 
-int flush(snap_read* r) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+int flush(snap_read* r) {
   if (r->run.bytes == 0) return 0;
-  const int rc = r->run.source == nullptr ? read_run_from_hdd(*r) : read_run_from_file(r->run);
+  const int rc = r->run.source ? read_run_from_file(r->run) : read_run_from_hdd(*r);
   r->run.bytes = 0;
   return rc;
 }
 
 // Whether the piece continues the run.
-bool goes_on(const snap_read& r, const zorv_blkdev* source, const std::byte* memory) {
-  if (r.run.source != source) return false;
-  return source == nullptr ? r.reader->bio.bi_vcnt < kernel::bio_max_segments : r.run.end == memory;
+bool goes_on(const snap_read& r, const node_ref& source, const std::byte* memory) {
+  if (r.run.source.get() != source.get()) return false;
+  return source ? r.run.end == memory : r.reader->bio.bi_vcnt < kernel::bio_max_segments;
 }
 
 // Appends the piece to the run, reading what was collected where it does not go on.
-int collect(snap_read* r, zorv_blkdev* source, sector_t sector, const kernel::bio_vec& seg,
-            u32 offset, u32 length) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+int collect(snap_read* r, const node_ref& source, sector_t sector, const kernel::bio_vec& seg,
+            u32 offset, u32 length) {
   std::byte* memory = kernel::page_address(seg.bv_page) + seg.bv_offset + offset;
   if (r->run.bytes != 0 && !goes_on(*r, source, memory)) {
     const int rc = flush(r);
@@ -125,12 +141,12 @@ int collect(snap_read* r, zorv_blkdev* source, sector_t sector, const kernel::bi
   }
   kernel::bio* bio = &r->reader->bio;
   if (r->run.bytes == 0) {
-    r->run.source = source;
+    r->run.source = source.another();
     r->run.sector = sector;
     r->run.to = memory;
-    if (source == nullptr) kernel::bio_init(bio, r->reader->vecs, kernel::bio_max_segments);
+    if (!source) kernel::bio_init(bio, r->reader->vecs, kernel::bio_max_segments);
   }
-  if (source == nullptr) {
+  if (!source) {
     (void)kernel::bio_add_page(bio, seg.bv_page, length, seg.bv_offset + offset);
   }
   r->run.bytes += length;
@@ -139,13 +155,12 @@ int collect(snap_read* r, zorv_blkdev* source, sector_t sector, const kernel::bi
 }
 
 // One try; -EAGAIN as above.
-int serve_once(cow_reader* reader, zorv_blkdev* snap, kernel::bio* bio)
-    REQUIRES_SHARED(zorv_blkdev_rwlock) {
+int serve_once(cow_reader* reader, zorv_blkdev* snap, kernel::bio* bio) {
   const u32 shift = snap->s.chunk_shift - kernel::sector_shift;
   sector_t sector = bio->bi_sector;
   snap_read r{reader, snap, {}};
   s32 chunk = -1;
-  zorv_blkdev* source = nullptr;
+  node_ref source;
   for (; bio->bi_idx < bio->bi_vcnt; ++bio->bi_idx) {
     const kernel::bio_vec& seg = bio->bi_io_vec[bio->bi_idx];
     for (u32 offset = 0; offset < seg.bv_len;) {
@@ -177,18 +192,18 @@ int cow_read_and_wait(zorv_filter* f, kernel::bio* bio) {
 namespace {
 
 //   returns  0 | -EIO
-int serve(cow_reader* reader, const cow_request* r) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+int serve(cow_reader* reader, const cow_request* r) {
   const auto minor = static_cast<s32>(kernel::minor_of(r->dev));
-  zorv_blkdev* snap = cow_find_snap(reader->worker->filter, minor);
-  if (snap == nullptr || !snap_readable(snap)) return -EIO;  // stopped since it was picked out
+  const node_ref snap = cow_find_snap(reader->worker->filter, minor);
+  if (!snap || !snap_readable(snap.get())) return -EIO;  // stopped since it was picked out
   const u16 first_segment = r->bio->bi_idx;
   int rc;
   do {  // every repetition has seen another chunk copied
     r->bio->bi_idx = first_segment;
-    rc = serve_once(reader, snap, r->bio);
+    rc = serve_once(reader, snap.get(), r->bio);
   } while (rc == -EAGAIN);
   // What a newer snap has lost since then was taken from the disk, too late perhaps.
-  return rc == 0 && !snap_readable(snap) ? -EIO : rc;
+  return rc == 0 && !snap_readable(snap.get()) ? -EIO : rc;
 }
 
 // The oldest read that no reading task has begun, or null.

@@ -45,7 +45,7 @@ worker_ptr alloc_worker(zorv_filter* f) {
 }
 
 // Collects until there is nothing more to collect, or no room for what another pass may find.
-pass_result collect(cow_worker* w, cow_batch* b) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+pass_result collect(cow_worker* w, cow_batch* b) {
   b->count = 0;
   b->groups = 0;
   bool sent = false;
@@ -60,7 +60,7 @@ pass_result collect(cow_worker* w, cow_batch* b) REQUIRES_SHARED(zorv_blkdev_rwl
 
 // Hands the idle copying tasks what there is to be copied.
 //   returns  whether the HDD is to be unplugged
-bool hand_out(cow_worker* w) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+bool hand_out(cow_worker* w) {
   bool sent = false;
   for (cow_copier& c : w->copiers) {
     if (c.busy.load()) continue;
@@ -77,7 +77,7 @@ bool hand_out(cow_worker* w) REQUIRES_SHARED(zorv_blkdev_rwlock) {
 }
 
 // The copies come first: what is sent on goes to the HDD beside them.
-void pass(cow_worker* w) REQUIRES_SHARED(zorv_blkdev_rwlock) {
+void pass(cow_worker* w) {
   if (hand_out(w)) kernel::blk_unplug(kernel::bdev_get_queue(w->filter->hdd_bdev));
 }
 
@@ -92,11 +92,7 @@ void serve(zorv_cowthread* t, cow_worker* w) {
     zorv_log(4, "%s(): mark: wait_event() is over.", "cow_worker");
     if (t->stop.load() != 0) return;
     seen = q.events.load();
-    zorv_table_stand_aside(stand_aside::cow_thread);
-    {
-      table_read_guard table;  // no record goes while a pass runs
-      pass(w);
-    }
+    pass(w);
     if (q.cnt.load() == 0) kernel::wake_up_all(&q.wait);  // whoever waits for the drain
   }
 }
@@ -111,11 +107,8 @@ int cowcopy(void* arg) {
   for (;;) {
     kernel::wait_event(&c->wait, [c, w] { return w->stop.load() != 0 || c->busy.load(); });
     if (!c->busy.load()) break;
-    zorv_table_stand_aside(stand_aside::cow_thread);
-    {
-      table_read_guard table;
-      cow_chunks(c);
-    }
+    cow_chunks(c);
+    c->batch.snap = {};
     w->copies.fetch_add(1);
     w->copying.fetch_sub(1);
     c->busy.store(false);
@@ -141,8 +134,6 @@ int cowread(void* arg) {
   for (;;) {
     kernel::wait_event(&w->reads_wait, due);
     if (w->stop.load() != 0) break;
-    zorv_table_stand_aside(stand_aside::cow_thread);
-    table_read_guard table;
     cow_serve_read(reader);
   }
   return kernel::complete_and_exit(&reader->done, 0);

@@ -9,6 +9,10 @@
 // first collects only while a copying task is idle: what has come in by then is copied together.
 // There are several copying tasks so that one reads and writes while another syncs.
 //
+// The filter outlives the tasks: they end when it stops. A snap is pinned by whoever works for it,
+// and none of them holds the table: what a COW file or the HDD does to them is no other node's
+// business.
+//
 // The first task never trusts a look at the bitmap that it took before it owned the range in the
 // clone tracker, because bits are set beside it.
 #pragma once
@@ -24,7 +28,7 @@ constexpr u32 group_max_chunks = group_pages;
 // Chunks of one snap to be copied: one group, the result of a pass, or several small ones that are
 // copied and synced together, four mebibytes at most. A larger chunk is a batch of its own.
 struct cow_batch {
-  s32 snap_minor = -1;
+  node_ref snap;     // empty: so is the batch
   u32 life = 0;      // of the snap, when the chunks were collected
   u32 capacity = 0;  // chunks; of a group, and of all
   u32 count = 0;
@@ -98,21 +102,21 @@ inline bool snap_has_chunk(zorv_blkdev* s, s32 chunk) {
 inline bool snap_readable(const zorv_blkdev* s) {
   return snap_usable(s) && s->s.stop_pending.load() == 0;
 }
-// The snap of that minor over this filter, or null.
-zorv_blkdev* cow_find_snap(const zorv_filter* f, s32 minor) REQUIRES_SHARED(zorv_blkdev_rwlock);
+// The snap of that minor over this filter, or empty.
+node_ref cow_find_snap(const zorv_filter* f, s32 minor);
 
 // One pass over the queue. Chunks that writes wait for become the batch's next group; without a
 // batch those writes are left as they are.
-pass_result cow_pass(cow_worker* w, cow_batch* batch) REQUIRES_SHARED(zorv_blkdev_rwlock);
+pass_result cow_pass(cow_worker* w, cow_batch* batch);
 
 // Copies the batch and records it, or invalidates its snap and those that depend on it.
 //   order  the chunks' data is synced before their bits are set, and the bits are synced before
 //          the chunks stop being on their way
-void cow_chunks(cow_copier* c) REQUIRES_SHARED(zorv_blkdev_rwlock);
+void cow_chunks(cow_copier* c);
 
 // Serves the oldest read that was picked out, if there is one, from COW data files and the HDD, and
 // takes it out of the queue.
-void cow_serve_read(cow_reader* reader) REQUIRES_SHARED(zorv_blkdev_rwlock);
+void cow_serve_read(cow_reader* reader);
 
 // Sends a read of the HDD, or a tracked clone of it, and waits for it.
 //   returns  0 | -EIO
@@ -133,7 +137,8 @@ class snap_invalidation {
 
 // The snap and every older started one can no longer be trusted: marked so, their copies dropped.
 // Waits for the copying tasks' writes, so it is not for the middle of one's own.
-//   op  the operation that failed, for the message
-void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) REQUIRES_SHARED(zorv_blkdev_rwlock);
+//   op     the operation that failed, for the message
+//   locks  the snap is pinned; none of the table's or of a list of snaps
+void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) EXCLUDES(zorv_blkdev_rwlock);
 
 }  // namespace zorv

@@ -46,6 +46,7 @@ int check_chunk_size(const zorv_blkdev* filter, u32 chunk_size) {
              kernel::page_size);
     return -EINVAL;
   }
+  rzread_guard walk(&filter->f.snaps_lock);
   const auto& snaps = filter->f.snaps;
   for (const zorv_blkdev* s = snaps.front(); s != nullptr; s = snaps.next_of(s->s.snap_link)) {
     if (s->s.chunk_size == chunk_size) continue;
@@ -71,19 +72,10 @@ int fit_chunk_size(const zorv_blkdev* filter, u32* chunk_size) {
   return 0;
 }
 
-u32 count_snaps(const zorv_blkdev* filter) {
-  const auto& snaps = filter->f.snaps;
-  u32 n = 0;
-  for (const zorv_blkdev* s = snaps.front(); s != nullptr; s = snaps.next_of(s->s.snap_link)) ++n;
-  return n;
-}
-
 void fill_record(zorv_blkdev* dev, const zorv_add_snap_req* req, zorv_blkdev* filter) {
   zorv_snap& s = dev->s;
   dev->dev_type = ZORV_DEV_SNAP;
-  dev->minor = static_cast<u32>(req->snap_minor);
   copy_text(dev->uuid, req->uuid);
-  copy_text(dev->name, req->name);
   s.snap_minor = dev->minor;
   s.chunk_size = req->chunk_size;
   s.chunk_shift = log2_u32(req->chunk_size);
@@ -95,35 +87,50 @@ void fill_record(zorv_blkdev* dev, const zorv_add_snap_req* req, zorv_blkdev* fi
   s.cow_bmp_size = static_cast<u32>(((filter->f.dev_size - 1) >> s.chunk_shift >> 3) + 1);
 }
 
+// Everything that may be refused, and the record's place in the table and among the snaps, as one
+// step: two additions do not get past each other's checks.
 //   req  its minor, name and chunk size are filled in
-int create(zorv_add_snap_req* req, zorv_blkdev* filter) REQUIRES(zorv_blkdev_rwlock) {
+int enter(zorv_blkdev* dev, zorv_add_snap_req* req, zorv_blkdev* filter) {
+  table_write_guard table;
+  if (filter->f.nr_snaps.load() >= max_snaps) {
+    zorv_log(LOG_ERROR, "%s(): Too many snaps already associated with zorv(%d, %d).", op,
+             zorv_blk_major, filter->minor);
+    return -ENOSPC;
+  }
+  int rc = check_chunk_size(filter, req->chunk_size);
+  if (rc == 0) rc = fit_chunk_size(filter, &req->chunk_size);
+  if (rc == 0) rc = zorv_blkdev_reserve(op, dev, &req->snap_minor, req->name);
+  if (rc != 0) return rc;
+  zorv_log(1, "%s(): Attaching snap zorv(%d, %d) to filter zorv(%d, %d)", op, zorv_blk_major,
+           dev->minor, zorv_blk_major, filter->minor);
+  fill_record(dev, req, filter);
+  rzwrite_guard link(&filter->f.snaps_lock);
+  filter->f.snaps.push_back(&dev->s.snap_link);
+  filter->f.nr_snaps.fetch_add(1);
+  return 0;
+}
+
+int create(zorv_add_snap_req* req, zorv_blkdev* filter) {
   zorv_blkdev* dev = kernel::knew<zorv_blkdev>(kernel::GFP_KERNEL);
   if (dev == nullptr) {
     zorv_log(LOG_ERROR, "%s(): Memory allocation failure", op);
     return -ENOMEM;
   }
   scope_exit free_record([dev] { kernel::kdelete(dev); });
-  const int minor = zorv_blkdev_choose_minor(op, req->snap_minor);
-  if (minor < 0) return minor;
-  req->snap_minor = minor;
-  if (req->name[0] == '\0') std::snprintf(req->name, sizeof(req->name), "zorv%d", minor);
-  zorv_log(1, "%s(): Attaching snap zorv(%d, %d) to filter zorv(%d, %d)", op, zorv_blk_major, minor,
-           zorv_blk_major, filter->minor);
-
-  zorv_blkdev_arr[minor] = dev;
-  fill_record(dev, req, filter);
-  filter->f.snaps.push_back(&dev->s.snap_link);
+  const int rc = enter(dev, req, filter);
+  if (rc != 0) return rc;
   dev->disk =
       zorv_block_add_disk(dev, filter->f.dev_size, filter->f.hdd_bdev, zorv_unplug_snap, op);
   if (dev->disk == nullptr) {
-    dev->s.snap_link.unlink();
-    zorv_blkdev_arr[minor] = nullptr;
+    zorv_snap_unlink(&filter->f, dev);
+    zorv_blkdev_release(dev);
     return -ENOMEM;
   }
   free_record.cancel();
   (void)zorv_proc_add_device(dev);
   kernel::set_disk_ro(dev->disk, 1);
   zorv_block_make_node(dev);
+  zorv_blkdev_publish(dev);
   return 0;
 }
 
@@ -141,20 +148,13 @@ int zorv_ioctl_add_snap_node(zorv_add_snap_req* req) {
   if (rc != 0) return rc;
   if (req->uuid[0] == '\0') zorv_make_uuid(req->uuid);
 
-  table_write_guard table;
-  zorv_blkdev* filter = zorv_blkdev_find(req->filter_minor);
-  if (filter == nullptr || filter->dev_type != ZORV_DEV_FILTER) {
+  // Pinned until the snap is live: a removal of the filter finds all its snaps.
+  const node_ref filter = zorv_node_get(req->filter_minor);
+  if (!filter || filter->dev_type != ZORV_DEV_FILTER) {
     zorv_log(LOG_ERROR, "%s(): Invalid filter node minor number %d passed.", op, req->filter_minor);
     return -EINVAL;
   }
-  if (count_snaps(filter) >= max_snaps) {
-    zorv_log(LOG_ERROR, "%s(): Too many snaps already associated with zorv(%d, %d).", op,
-             zorv_blk_major, filter->minor);
-    return -ENOSPC;
-  }
-  rc = check_chunk_size(filter, req->chunk_size);
-  if (rc == 0) rc = fit_chunk_size(filter, &req->chunk_size);
-  return rc != 0 ? rc : create(req, filter);
+  return create(req, filter.get());
 }
 
 }  // namespace zorv

@@ -24,8 +24,7 @@ int reopen_files(zorv_blkdev* snap, const char** why) {
   return rc != 0 ? rc : zorv_blkbmp_init(&s.datablock_bmp);
 }
 
-int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req)
-    REQUIRES_SHARED(zorv_blkdev_rwlock) {
+int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req) {
   zorv_snap& s = snap->s;
   const char* why = nullptr;
   {
@@ -60,19 +59,14 @@ int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req)
 }
 
 int resume(const zorv_resume_snap_req* req) {
-  table_read_guard table;
-  zorv_blkdev* snap = zorv_blkdev_find(req->snap_minor);
-  if (snap == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Nothing is known about zorv(%d, %d)", op, zorv_blk_major,
-             req->snap_minor);
-    return -EINVAL;
-  }
+  const node_ref snap = zorv_node_get(req->snap_minor);
+  if (!snap) return zorv_block_unknown_node(op, req->snap_minor);
   if (snap->dev_type != ZORV_DEV_SNAP) {
     zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) is not a snap device", op, zorv_blk_major,
              req->snap_minor);
     return -EINVAL;
   }
-  snap_start st(snap);
+  snap_start st(snap.get());
   zorv_snap_start_lock(&st);
   int rc;
   if (snap->started.load() != 0) {
@@ -81,7 +75,7 @@ int resume(const zorv_resume_snap_req* req) {
     rc = -EALREADY;
   } else {
     rc = zorv_snap_start_pin(&st);
-    if (rc == 0) rc = bring_back(snap, req);
+    if (rc == 0) rc = bring_back(snap.get(), req);
   }
   zorv_snap_start_unlock(&st);
   return rc;

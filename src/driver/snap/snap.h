@@ -37,12 +37,11 @@ struct snap_start {
   bool filter_locked = false;
   bool pinned = false;
 };
-// Takes the filter's dev_mutex, then the snap's.
-//   locks    the table for reading
+// Takes the filter's dev_mutex, then the snap's. The snap is pinned by the caller.
 void zorv_snap_start_lock(snap_start* st);
 // Starts the filter and its COW thread where they are not running (the thread's result is ignored).
-//   returns  0 | the filter start's failure
-[[nodiscard]] int zorv_snap_start_pin(snap_start* st) REQUIRES_SHARED(zorv_blkdev_rwlock);
+//   returns  0 | -EINVAL (one of the two is being removed) | the filter start's failure
+[[nodiscard]] int zorv_snap_start_pin(snap_start* st);
 void zorv_snap_start_unlock(snap_start* st);
 
 }  // namespace zorv

@@ -183,8 +183,6 @@ const kernel::block_device_operations host_bdops = {
     .flush_cache = host_flush_cache,
     .invalidate = host_invalidate,
     .mounted = host_mounted,
-    .freeze = nullptr,
-    .thaw = nullptr,
     .identity = host_identity,
 };
 

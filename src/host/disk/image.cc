@@ -122,8 +122,6 @@ const kernel::block_device_operations image_bdops = {
     .flush_cache = image_flush_cache,
     .invalidate = nullptr,
     .mounted = nullptr,
-    .freeze = nullptr,
-    .thaw = nullptr,
     .identity = image_identity,
 };
 

@@ -98,8 +98,6 @@ struct memory_disk::entry_points {
       .flush_cache = flush_cache,
       .invalidate = nullptr,
       .mounted = mounted,
-      .freeze = nullptr,
-      .thaw = nullptr,
       .identity = identity,
   };
 };
