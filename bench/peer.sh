@@ -14,7 +14,7 @@ case "${1:-}" in
     img=$2 dir=$3 kind=$4 chunk=$5
     mkdir -p "$dir/run" "$dir/bmp" "$dir/cow"
     # shellcheck disable=SC2086
-    setsid ${ZORV_WRAP:-} "$build/src/zorvd" --run-dir "$dir/run" --disk "$img,name=disk" \
+    setsid ${ZORV_WRAP:-} "$build/src/zorvd" --run-dir "$dir/run" --state-dir "$dir/notes" --disk "$img,name=disk" \
       >"$dir/zorvd.out" 2>"$dir/zorvd.log" </dev/null &
     echo $! >"$dir/pid"
     for _ in $(seq 100); do zctl disks >/dev/null 2>&1 && break; sleep 0.05; done

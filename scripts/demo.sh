@@ -26,7 +26,7 @@ fail() { echo "demo: FAILED: $*" >&2; tail -n 20 "$work/zorvd.log" >&2; exit 1; 
 uri() { printf 'nbd+unix:///%s?socket=%s' "$1" "$work/run/nbd.sock"; }
 
 serve() {
-  "$zorvd" --run-dir "$work/run" --disk "$work/disk.img,name=disk" 2>>"$work/zorvd.log" &
+  "$zorvd" --run-dir "$work/run" --state-dir "$work/notes" --disk "$work/disk.img,name=disk" 2>>"$work/zorvd.log" &
   daemon=$!
   for _ in $(seq 100); do
     zctl disks >/dev/null 2>&1 && return

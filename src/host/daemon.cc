@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@
 #include "host/unix_socket.h"
 #include "kernel/module.h"
 #include "kernel/printk.h"
+#include "kernel/state.h"
 #include "kernel/task.h"
 
 namespace zorv {
@@ -108,6 +110,22 @@ bool claim_run_dir(const std::string& dir, unique_fd* lock) {
     return fail("cannot write " + path + ": " + std::strerror(errno));
   }
   return true;
+}
+
+// Bitmap files and disks stay open, so there may be many; the system's limit is the limit.
+void raise_file_limit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  (void)::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+bool open_state_dir(const std::string& given) {
+  if (given.empty()) return fail("no state directory: name one with --state-dir");
+  std::error_code ignored;
+  const std::string dir = std::filesystem::absolute(given, ignored).lexically_normal().string();
+  const int rc = kernel::state_set_dir(dir.c_str());
+  return rc == 0 || fail("cannot use the state directory " + dir + ": " + std::strerror(-rc));
 }
 
 bool set_parameters(const daemon_options& options) {
@@ -203,6 +221,8 @@ int serve(const daemon_options& given, const sigset_t& signals) {
   while (options.run_dir.size() > 1 && options.run_dir.back() == '/') options.run_dir.pop_back();
   unique_fd lock;
   if (!claim_run_dir(options.run_dir, &lock) || !set_parameters(options)) return 1;
+  raise_file_limit();
+  if (!open_state_dir(options.state_dir)) return 1;
   services all;
   const bool serving = all.start(options);
   if (serving) {

@@ -20,6 +20,14 @@ std::string default_run_dir() {
   return "/run/zorv";
 }
 
+std::string default_state_dir() {
+  if (::geteuid() == 0) return "/var/lib/zorv";
+  const char* dir = std::getenv("XDG_STATE_HOME");
+  if (dir != nullptr && *dir == '/') return std::string(dir) + "/zorv";
+  const char* home = std::getenv("HOME");
+  return home != nullptr && *home == '/' ? std::string(home) + "/.local/state/zorv" : "";
+}
+
 constexpr char description[] =
     "Serves disks through filter nodes that record every write, and snapshots of them.\n"
     "Nodes are made with zorvctl and opened as NBD exports on RUN-DIR/nbd.sock.";
@@ -61,6 +69,10 @@ parse_result parse_options(int argc, const char* const* argv, daemon_options* ou
   app.set_config("--config", "", "read options from FILE (NAME=VALUE lines)")->type_name("FILE");
   out->run_dir = default_run_dir();
   app.add_option("--run-dir", out->run_dir, "directory of the sockets")
+      ->type_name("DIR")
+      ->capture_default_str();
+  out->state_dir = default_state_dir();
+  app.add_option("--state-dir", out->state_dir, "directory of what must outlive a reboot")
       ->type_name("DIR")
       ->capture_default_str();
   std::vector<std::string> disks;

@@ -16,6 +16,7 @@ struct disk_option {
 
 struct daemon_options {
   std::string run_dir;
+  std::string state_dir;  // empty: none could be chosen
   std::vector<disk_option> disks;
   std::vector<std::pair<std::string, std::string>> parameters;  // name, value
 };

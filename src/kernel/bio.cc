@@ -123,6 +123,11 @@ void bio_endio(bio* b, int error) {
   } else if (!b->bi_uptodate.load(std::memory_order_acquire)) {
     error = -EIO;
   }
+  // Before its submitter hears of it: then what the tally belongs to may go.
+  if (bio_tally* tally = b->bi_tally; tally != nullptr) {
+    b->bi_tally = nullptr;
+    if (tally->under_way.fetch_sub(1) == 1 && tally->awaited.load()) wake_up_all(&tally->zero);
+  }
   if (b->bi_end_io == nullptr) return;
   ++self->irq_depth;
   b->bi_end_io(b, error);

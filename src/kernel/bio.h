@@ -9,6 +9,7 @@
 
 #include <atomic>
 
+#include "kernel/lock.h"
 #include "kernel/mem.h"
 #include "kernel/types.h"
 
@@ -26,6 +27,13 @@ constexpr u32 REQ_WRITE = 1U << 0;
 constexpr u32 REQ_FLUSH =
     1U << 8;                      // with no data: everything completed so far is on stable storage
 constexpr u32 REQ_FUA = 1U << 9;  // the write itself is on stable storage when it ends
+
+// Counts bios under way. Whoever routes a bio may count it in one; bio_endio takes it out.
+struct bio_tally {
+  std::atomic<u32> under_way{0};
+  std::atomic<bool> awaited{false};  // somebody wants to know when none is left
+  wait_queue_head zero;
+};
 
 struct bio_vec {
   page* bv_page;
@@ -47,8 +55,9 @@ struct bio {
   void (*bi_end_io)(bio*, int error) = nullptr;
   void* bi_private = nullptr;
   void (*bi_destructor)(bio*) = nullptr;
-  bio* bi_next = nullptr;  // for whoever holds the bio in a queue
-  bool bi_pooled = false;  // memory belongs to the layer's own pool
+  bio_tally* bi_tally = nullptr;  // counted there until the bio ends; a clone is not
+  bio* bi_next = nullptr;         // for whoever holds the bio in a queue
+  bool bi_pooled = false;         // memory belongs to the layer's own pool
 };
 
 inline bool bio_is_write(const bio* b) { return (b->bi_rw & REQ_WRITE) != 0; }

@@ -16,6 +16,7 @@ enum class fault_site : u32 {
   file_write,
   file_sync,
   file_unlink,
+  state_write,  // a note of the state folder
   node_make,  // device nodes
   bio_read,   // a bio sent to a disk that honours the switch (memory disk, image disk)
   bio_write,

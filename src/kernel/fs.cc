@@ -130,10 +130,17 @@ s64 vfs_read(file* f, void* buffer, std::size_t bytes, s64* pos) {
 }
 
 s64 file_pwrite(file* f, const void* buffer, std::size_t bytes, u64 offset) {
-  if (fs_is_recording()) return unsynced_write(f->fd, buffer, bytes, offset, f->sync);
-  const s64 n = host_pwrite(f->fd, buffer, bytes, offset);
-  const int rc = n > 0 && f->sync ? host_fsync(f->fd) : 0;
-  return rc != 0 ? rc : n;
+  // What a failed sync was for is in the page cache all the same.
+  const int fault = f->sync ? fault_check(fault_site::file_sync) : 0;
+  const bool sync = f->sync && fault == 0;
+  s64 n = 0;
+  if (fs_is_recording()) {
+    n = unsynced_write(f->fd, buffer, bytes, offset, sync);
+  } else {
+    n = host_pwrite(f->fd, buffer, bytes, offset);
+    if (const int rc = n > 0 && sync ? host_fsync(f->fd) : 0; rc != 0) return rc;
+  }
+  return n > 0 && fault != 0 ? fault : n;
 }
 
 s64 vfs_write(file* f, const void* buffer, std::size_t bytes, s64* pos) {

@@ -102,6 +102,8 @@ TEST_F(chardev_test, texts_without_an_end_are_cut_to_their_field) {
   copy_text_n(req.hdd_name, sizeof req.hdd_name, disk.path().c_str());
   req.minor = -1;
   req.extent_size = 65536;
+  EXPECT_EQ(command(ZORV_ADD_FILTER_NODE, &req), -ENAMETOOLONG) << "both files would be one";
+  copy_text_n(req.bmp_dir, sizeof req.bmp_dir, dir.path().c_str());
   EXPECT_EQ(command(ZORV_ADD_FILTER_NODE, &req), 0) << log.errors();
   EXPECT_EQ(std::string(req.uuid), std::string(38, 'a'));
   EXPECT_EQ(std::string(info(0).name), std::string(10, 'a'));

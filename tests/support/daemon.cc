@@ -66,7 +66,8 @@ program_result run_program(const std::vector<std::string>& argv, const std::stri
 daemon_process::daemon_process(std::vector<std::string> args, std::string run_dir,
                                const std::string& log_name)
     : run_dir_(run_dir.empty() ? dir_ / "run" : std::move(run_dir)) {
-  args.insert(args.begin(), {ZORVD_PATH, "--run-dir", run_dir_});
+  static const temp_dir state;  // outlives every daemon of the test
+  args.insert(args.begin(), {ZORVD_PATH, "--run-dir", run_dir_, "--state-dir", state.path()});
   pid_ = spawn(args, "/dev/null", dir_ / "out", log_name.empty() ? dir_ / "err" : log_name);
   const bool known = eventually([&] {
     siginfo_t ended{};

@@ -6,12 +6,14 @@
 #include <filesystem>
 #include <fstream>
 
+#include "driver/bitmap/handout.h"
 #include "driver/core/log.h"
 #include "driver/core/module.h"
 #include "kernel/chrdev.h"
 #include "kernel/module.h"
 #include "kernel/printk.h"
 #include "kernel/procfs.h"
+#include "kernel/state.h"
 #include "kernel/uaccess.h"
 
 namespace zorv_test {
@@ -165,6 +167,7 @@ int client::flush() { return start_write(0, {}, kernel::REQ_FLUSH)->wait(); }
 void driver_test::SetUp() {
   kernel::fault_disarm_all();
   kernel::module_params_reset();
+  ASSERT_EQ(kernel::state_set_dir((state / "zorv").c_str()), 0);
   load();
 }
 void driver_test::TearDown() {

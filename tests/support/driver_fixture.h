@@ -148,7 +148,7 @@ class driver_test : public ::testing::Test {
   void unload();
   void load();
 
-  temp_dir dir;
+  temp_dir dir, state;
   log_capture log;
   bool loaded = false;
   bool confirms = true;  // whoever takes a bitmap has it when its command ends

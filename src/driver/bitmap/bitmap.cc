@@ -23,7 +23,7 @@ bool mark_one(zorv_filter* f, u32 type, u64 extent) REQUIRES(f->bmp_lock) {
   byte.fetch_or(mask, std::memory_order_relaxed);
   if (bmp.dirty->load(std::memory_order_relaxed) != 0) return false;
   bmp.dirty->store(1, std::memory_order_relaxed);
-  m.noted = true;
+  f->holds[type].noted = true;
   (void)zorv_marks_update(f);  // a new change never lets a waiting write go
   return true;
 }
@@ -92,7 +92,7 @@ const char* zorv_bmp_type_name(u32 type) {
   }
 }
 
-void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors) {
+void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors, kernel::bio* bio) {
   if (sectors == 0) return;
   const u32 shift = f->extent_shift - kernel::sector_shift;
   const u64 first = sector >> shift;
@@ -102,6 +102,10 @@ void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors) {
     bool diff = false;
     {
       kernel::spin_guard guard(&f->bmp_lock);
+      if (bio != nullptr && bio->bi_tally == nullptr) {
+        bio->bi_tally = &f->writes[f->writes_epoch];
+        bio->bi_tally->under_way.fetch_add(1);
+      }
       incr = mark_one(f, ZORV_BMP_INCREMENTAL, extent);
       diff = mark_one(f, ZORV_BMP_DIFFERENTIAL, extent);
     }

@@ -4,6 +4,10 @@
 
 #include "driver/core/blkdev.h"
 
+namespace kernel {
+struct bio;
+}
+
 namespace zorv {
 
 // One of a filter's two bitmaps; its bits are asked for under bmp_lock, since a command may put
@@ -28,9 +32,12 @@ inline u8*& zorv_bmp_bits(zorv_filter* f, u32 type) REQUIRES(f->bmp_lock) {
 const char* zorv_bmp_type_name(u32 type);
 
 // Both bitmaps get the extents of the sectors; the first new bit since a save queues a stale mark.
+//   bio      counted among the filter's writes under way until it ends, from before the first bit;
+//            null: nothing is written
 //   context  may sleep (it allocates with GFP_NOIO); takes bmp_lock once per extent
 //   after    zorv_marks_pending says whether the write may go to the HDD
-void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors);
+void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors,
+                             kernel::bio* bio = nullptr);
 
 // A whole bitmap at once; writes go on being marked: bmp_lock is held for a piece at a time.
 //   locks    takes bmp_lock
@@ -57,16 +64,32 @@ int zorv_ioctl_load_bmp(zorv_blkdev* dev, zorv_bmp_req* req);
 // Standard table, no inversion at either end: the caller seeds with 0xFFFFFFFF and stores as is.
 void zorv_crc32(const void* buffer, s32 length, u32* value);
 
-// File work; each takes bmp_mutex, sleeps and logs its own failure. Format, states and what a crash
-// leaves: docs/bitmap-file.md.
-//   save   0 | -ENOMEM | -EINVAL (the file lives on the node itself) | -EIO, a write's error; after
-//          a failure past -ENOMEM the dirty flag is 1
-//   load   0 (also when the file is ignored) | -ENOMEM (bitmap untouched) | -EIO (no file, no
+// File work; each sleeps and logs its own failure. Format, states and what a crash leaves:
+// docs/bitmap-file.md.
+//   locks   save_mutex, then bmp_mutex, are taken; a save lets go of bmp_mutex while it waits for
+//           writes under way and syncs the HDD
+//   save    0 (also when the bitmap changed meanwhile, which leaves the file stale) | -ENOMEM |
+//           -EINVAL (the file lives on the node itself) | -EIO, -EBUSY, an error of a write or
+//           sync; after a failure past -ENOMEM the dirty flag is 1 and the file is stale, or is
+//           going to be
+//   load    0 (also when the file is ignored) | -ENOMEM (bitmap untouched) | -EIO (no file, no
 //          bitmap file) | a read's error; whenever the file is not taken every extent counts as
 //          changed
 int zorv_block_save_bmp(zorv_filter* f, u32 type);
 int zorv_block_save_dirty_bmps(zorv_filter* f);
 int zorv_block_load_bmp(zorv_filter* f, u32 type);
 int zorv_block_write_dirty_flag(zorv_filter* f, u32 type, int flag);
+
+// Makes sure that no load takes the file for current: marks it; removes it; has it noted that it is
+// not to be believed. What is needless by now is not done.
+//   returns  0 | negative errno (none of the three could be done; logged)
+int zorv_block_void_bmp(zorv_filter* f, u32 type);
+// The last of the three alone.
+int zorv_block_excuse_bmp(zorv_filter* f, u32 type);
+
+// Names the files and says which disk their contents may be about (companion.h).
+//   returns  0 | -ENAMETOOLONG | -EBUSY (another node's, or another daemon's); logged
+[[nodiscard]] int zorv_block_open_bmps(zorv_filter* f);
+void zorv_block_close_bmps(zorv_filter* f);
 
 }  // namespace zorv

@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// The queue of stale marks and the thread that writes them.
+// The queue of what filters' writes wait for, and the threads that see to it.
+//
+// kdirtyd takes the oldest request whose filter has none in hand and hands it to the filter's own
+// thread, which it makes when there is none; where no thread can be made it does the work itself.
+// What could not be done is tried again by the filter's thread.
 //
 // Locks: bmp_mutex, then bmp_lock, then req_spin. A save cancels marks while it holds bmp_mutex;
-// the thread takes bmp_mutex with no other lock held and looks again whether its request is still
-// active, so a mark never lands behind the save that made it needless.
+// a thread takes bmp_mutex with no other lock held and looks again whether the mark is still due,
+// so a mark never lands behind the save that made it needless.
 #include "driver/bitmap/dirty.h"
 
 #include "driver/bitmap/bitmap.h"
 #include "driver/core/log.h"
+#include "driver/snap/record.h"
 #include "kernel/mem.h"
 #include "kernel/task.h"
 #include "kernel/time.h"
@@ -18,14 +23,19 @@ namespace {
 
 kernel::spinlock_t req_spin;
 kernel::list_of<zorv_dirty_req> req_list GUARDED_BY(req_spin);  // oldest first
-// The filter whose request the thread has in hand; that request is still on the list.
+// The filter that kdirtyd has in hand.
 const zorv_filter* busy_filter GUARDED_BY(req_spin) = nullptr;
-std::atomic<s32> req_cnt{0};  // length of req_list; the thread tests it without the lock
+std::atomic<s32> req_cnt{0};  // length of req_list
 kernel::wait_queue_head req_wait;
 kernel::wait_queue_head idle_wait;  // woken after each request
 int kdirtyd_started = 0;            // load and unload only
 std::atomic<int> kdirtyd_abort{0};
 kernel::completion kdirtyd_exited;
+
+constexpr u64 first_pause = 100;  // jiffies before what failed is tried again
+constexpr u64 longest_pause = 1000;
+constexpr u64 excused_pause = 60000;  // when no write waits for it
+constexpr u32 tries_before_refusal = 3;
 
 void append_locked(zorv_dirty_req* req, zorv_filter* f, u32 type) REQUIRES(req_spin) {
   req->active = 1;
@@ -53,16 +63,35 @@ void free_req(zorv_dirty_req* req) {
   if (req != nullptr && !req->reserve) kernel::kdelete(req);
 }
 
-// Takes the thread's request off the list, or leaves a reserve that was wanted anew on it.
-zorv_dirty_req* finish_locked(zorv_dirty_req* req) REQUIRES(req_spin) {
-  busy_filter = nullptr;
-  remove_locked(req);
-  if (!req->reserve) return req;
-  if (req->again) {
-    req->again = false;
-    append_locked(req, req->filter, static_cast<u32>(req->type));
+// The oldest request whose filter has none in hand.
+zorv_dirty_req* next_locked() REQUIRES(req_spin) {
+  for (zorv_dirty_req& req : req_list) {
+    if (!req.filter->worker.busy) return &req;
   }
   return nullptr;
+}
+
+bool has_next() {
+  kernel::spin_guard guard(&req_spin);
+  return next_locked() != nullptr;
+}
+
+// Takes a request that has been worked on off the list, or leaves a reserve that was wanted anew.
+void finish(zorv_dirty_req* req) {
+  {
+    kernel::spin_guard guard(&req_spin);
+    remove_locked(req);
+    req->in_hand = false;
+    req->filter->worker.busy = false;
+    if (req->reserve && req->again) {
+      req->again = false;
+      append_locked(req, req->filter, static_cast<u32>(req->type));
+    }
+    if (req->reserve) req = nullptr;
+  }
+  free_req(req);
+  kernel::wake_up(&req_wait);
+  kernel::wake_up_all(&idle_wait);
 }
 
 bool is_active(const zorv_dirty_req* req) {
@@ -70,41 +99,148 @@ bool is_active(const zorv_dirty_req* req) {
   return req->active != 0;
 }
 
-void handle_first() {
-  zorv_dirty_req* req = nullptr;
-  {
-    kernel::spin_guard guard(&req_spin);
-    req = req_list.front();
-    if (req == nullptr) return;
-    busy_filter = req->filter;
+zorv_dirty_req* in_hand_of(const zorv_filter* f) {
+  kernel::spin_guard guard(&req_spin);
+  for (zorv_dirty_req& req : req_list) {
+    if (req.in_hand && req.filter == f) return &req;
   }
-  if (is_active(req)) {
-    rzmutex_guard files(&req->filter->bmp_mutex);
-    if (is_active(req)) {
-      const auto type = static_cast<u32>(req->type);
-      const int rc = zorv_block_write_dirty_flag(req->filter, type, 1);
-      if (rc < 0) zorv_marks_failed(req->filter, type);
+  return nullptr;
+}
+
+void set_refused(zorv_filter* f, u32 kind, bool refused) {
+  marks_guard guard(f);
+  f->holds[kind].refused = refused;
+}
+
+bool due(zorv_filter* f, u32 kind) {
+  kernel::spin_guard guard(&f->bmp_lock);
+  return zorv_marks_due(f, kind, excused::too);
+}
+
+// One try. Returns whether nothing is left to be done.
+bool work_for(zorv_filter* f, u32 kind, u32 tries) {
+  int rc = 0;
+  if (due(f, kind))
+    rc = kind == zorv_hold_record ? zorv_record_write(f) : zorv_block_void_bmp(f, kind);
+  if (rc >= 0) {
+    set_refused(f, kind, false);
+  } else if (tries >= tries_before_refusal) {
+    set_refused(f, kind, true);
+  }
+  const bool done = !due(f, kind);
+  kernel::spin_guard guard(&f->bmp_lock);
+  f->holds[kind].retrying = !done;
+  return done;
+}
+
+// ---- a filter's thread -------------------------------------------------------------------------
+
+// What of the kinds still has to be done, after another try.
+u32 try_again(zorv_filter* f, u32 kinds, u32 tries) {
+  for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
+    if ((kinds >> kind & 1) != 0 && work_for(f, kind, tries)) kinds &= ~(1U << kind);
+  }
+  return kinds;
+}
+
+int mark_worker(void* arg) {
+  auto* f = static_cast<zorv_filter*>(arg);
+  zorv_mark_worker& w = f->worker;
+  char name[32];
+  std::snprintf(name, sizeof name, "kdirtyd-%u", f->filter_minor);
+  kernel::daemonize(name);
+  u32 failed = 0;  // kinds to be tried again
+  u32 tries = 1;
+  u64 pause = first_pause;
+  while (!w.ending.load() || in_hand_of(f) != nullptr) {
+    const auto wanted = [f, &w] { return w.ending.load() || in_hand_of(f) != nullptr; };
+    if (failed == 0) {
+      kernel::wait_event(&w.wait, wanted, kernel::TASK_INTERRUPTIBLE);
+      tries = 1;
+      pause = first_pause;
+    } else if (!kernel::wait_event_timeout(&w.wait, wanted, pause)) {
+      failed = try_again(f, failed, ++tries);
+      pause = pause * 2 < longest_pause ? pause * 2 : longest_pause;
+      if (!zorv_marks_pending(f)) pause = excused_pause;
+    }
+    if (zorv_dirty_req* req = in_hand_of(f); req != nullptr) {
+      const auto kind = static_cast<u32>(req->type);
+      if (is_active(req) && !work_for(f, kind, tries)) failed |= 1U << kind;
+      finish(req);
     }
   }
+  return kernel::complete_and_exit(&w.exited, 0);
+}
+
+// Makes the filter's thread unless it is there. Only kdirtyd does, and it has the filter in hand.
+bool has_worker(zorv_filter* f) {
   {
     kernel::spin_guard guard(&req_spin);
-    req = finish_locked(req);
+    if (f->worker.started) return true;
   }
-  free_req(req);
+  kernel::init_completion(&f->worker.exited);
+  if (kernel::kernel_thread(mark_worker, f, 0) < 0) return false;
+  kernel::spin_guard guard(&req_spin);
+  f->worker.started = true;
+  return true;
+}
+
+// ---- kdirtyd -----------------------------------------------------------------------------------
+
+// Without a thread of the filter's, what fails goes to the end of the queue after a pause.
+void work_here(zorv_dirty_req* req) {
+  zorv_filter* f = req->filter;
+  const auto kind = static_cast<u32>(req->type);
+  const bool done = !is_active(req) || work_for(f, kind, tries_before_refusal);
+  if (!done) {
+    {
+      kernel::spin_guard guard(&f->bmp_lock);
+      f->holds[kind].noted = true;
+      f->holds[kind].retrying = false;
+    }
+    (void)kernel::wait_event_timeout(
+        &req_wait, [] { return kdirtyd_abort.load() != 0; }, first_pause);
+  }
+  finish(req);
+  if (!done) (void)zorv_sched_write_dirty_flag(f, kind);
+}
+
+void handle_next() {
+  zorv_dirty_req* req = nullptr;
+  zorv_filter* f = nullptr;
+  {
+    kernel::spin_guard guard(&req_spin);
+    req = next_locked();
+    if (req == nullptr) return;
+    f = req->filter;
+    busy_filter = f;
+    req->in_hand = f->worker.busy = true;
+  }
+  if (has_worker(f)) {
+    kernel::wake_up_all(&f->worker.wait);
+  } else {
+    work_here(req);
+  }
+  {
+    kernel::spin_guard guard(&req_spin);
+    busy_filter = nullptr;
+  }
   kernel::wake_up_all(&idle_wait);
 }
 
 void drop_all() {
-  for (;;) {
-    zorv_dirty_req* req = nullptr;
-    {
-      kernel::spin_guard guard(&req_spin);
-      req = req_list.front();
-      if (req == nullptr) return;
-      remove_locked(req);
-      req->again = false;
-      if (req->reserve) req = nullptr;
+  kernel::list_of<zorv_dirty_req> dropped;
+  {
+    kernel::spin_guard guard(&req_spin);
+    for (zorv_dirty_req& req : req_list) {
+      if (req.in_hand) continue;
+      remove_locked(&req);
+      req.again = false;
+      if (!req.reserve) dropped.push_back(&req.link);
     }
+  }
+  while (zorv_dirty_req* req = dropped.front()) {
+    req->link.unlink();
     free_req(req);
   }
 }
@@ -115,11 +251,11 @@ int kdirtyd(void*) {
   while (kdirtyd_abort.load() == 0) {
     zorv_log(2, "%s(): Waiting for dirty requests to come...", __func__);
     kernel::wait_event(
-        &req_wait, [] { return req_cnt.load() != 0 || kdirtyd_abort.load() != 0; },
+        &req_wait, [] { return has_next() || kdirtyd_abort.load() != 0; },
         kernel::TASK_INTERRUPTIBLE);
     if (kdirtyd_abort.load() != 0) break;
     zorv_log(2, "%s(): Got %d requests in queue", __func__, req_cnt.load());
-    handle_first();
+    handle_next();
   }
   drop_all();
   zorv_log(1, "%s(): Terminated.", __func__);
@@ -178,15 +314,15 @@ int zorv_sched_write_dirty_flag(zorv_filter* f, u32 type) {
   zorv_dirty_req* unused = req;
   {
     kernel::spin_guard bits(&f->bmp_lock);
-    zorv_mark_state& m = f->marks[type];
-    if (m.noted) {
-      m.noted = false;
+    zorv_hold& hold = f->holds[type];
+    if (hold.noted) {
+      hold.noted = false;
       unused = nullptr;
       kernel::spin_guard guard(&req_spin);
       if (req != nullptr) {
         append_locked(req, f, type);
       } else {
-        append_reserve_locked(&m.reserve, f, type);
+        append_reserve_locked(&hold.reserve, f, type);
       }
     }
   }
@@ -204,7 +340,7 @@ int zorv_kill_dirty_requests(zorv_filter* f, u32 type) {
 }
 
 void zorv_marks_cancel(zorv_filter* f, u32 type) {
-  f->marks[type].noted = false;
+  f->holds[type].noted = false;
   kernel::spin_guard guard(&req_spin);
   cancel_locked(f, type);
 }
@@ -237,15 +373,14 @@ int zorv_yield_to_dirty_requests(zorv_filter* f, u32 seconds) {
 
 void zorv_drop_dirty_requests(zorv_filter* f) {
   kernel::list_of<zorv_dirty_req> dropped;
+  bool started = false;
   {
     kernel::spin_guard guard(&req_spin);
-    // The thread takes the one that it has in hand off the list itself.
-    const zorv_dirty_req* in_hand = busy_filter == f ? req_list.front() : nullptr;
     for (zorv_dirty_req& req : req_list) {
       if (req.filter != f) continue;
       req.active = 0;
       req.again = false;
-      if (&req == in_hand) continue;
+      if (req.in_hand) continue;  // whoever has it takes it off the list
       remove_locked(&req);
       if (!req.reserve) dropped.push_back(&req.link);
     }
@@ -258,6 +393,17 @@ void zorv_drop_dirty_requests(zorv_filter* f) {
     kernel::spin_guard guard(&req_spin);
     return busy_filter != f;
   });
+  {
+    kernel::spin_guard guard(&req_spin);
+    started = f->worker.started;
+    f->worker.started = false;
+  }
+  if (!started) return;
+  kernel::wait_event(&idle_wait, [f] { return in_hand_of(f) == nullptr; });
+  f->worker.ending.store(true);
+  kernel::wake_up_all(&f->worker.wait);
+  kernel::wait_for_completion(&f->worker.exited);
+  f->worker.ending.store(false);
 }
 
 }  // namespace zorv

@@ -4,6 +4,7 @@
 #include "driver/bitmap/bitmap.h"
 #include "driver/bitmap/dirty.h"
 #include "driver/core/log.h"
+#include "driver/snap/record.h"
 #include "kernel/time.h"
 
 namespace zorv {
@@ -14,25 +15,35 @@ namespace {
 kernel::wait_queue_head marks_wait;
 std::atomic<u64> marks_event{0};
 
-// The file may look current and, as it stands or as a save is about to leave it, lacks bits.
-bool outdated(const zorv_mark_state& m, bool dirty) {
-  return m.loading || (m.maybe_current && (dirty || m.behind)) || (m.saving && dirty);
+const char* name_of(u32 kind) {
+  return kind == zorv_hold_record ? "record of the snaps" : zorv_bmp_type_name(kind);
 }
 
 }  // namespace
 
+bool zorv_marks_due(zorv_filter* f, u32 type, excused which) {
+  if (type == zorv_hold_record) return f->record_due;
+  const zorv_mark_state& m = f->marks[type];
+  if (m.excused && which == excused::no) return false;
+  return m.loading || (m.maybe_current && zorv_bmp_of(f, type).dirty->load() != 0);
+}
+
 bool zorv_marks_update(zorv_filter* f) {
   u32 exposed = 0;
-  for (u32 type = 0; type < 2; ++type) {
-    zorv_mark_state& m = f->marks[type];
-    if (!outdated(m, zorv_bmp_of(f, type).dirty->load(std::memory_order_relaxed) != 0)) {
-      m.given_up = false;  // the next time is waited for again
-    } else if (!m.given_up) {
-      exposed |= 1U << type;
+  u32 refused = 0;
+  for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
+    zorv_hold& hold = f->holds[kind];
+    if (zorv_marks_due(f, kind, excused::no)) {
+      exposed |= 1U << kind;
+    } else {
+      hold.refused = false;
     }
+    if (hold.refused) refused |= 1U << kind;
   }
-  const u32 before = f->marks_exposed.exchange(exposed, std::memory_order_acq_rel);
-  return (before & ~exposed) != 0;
+  // A write that sees itself exposed must not miss that it is refused, nor the other way round.
+  const u32 refused_before = f->marks_refused.exchange(refused);
+  const u32 before = f->marks_exposed.exchange(exposed);
+  return (before & ~exposed) != 0 || (refused & ~refused_before) != 0;
 }
 
 void zorv_marks_let_go() {
@@ -49,49 +60,49 @@ bool zorv_marks_wait(u64 event, u64 deadline_jiffies) {
   return kernel::wait_event_timeout(&marks_wait, changed, static_cast<u64>(left));
 }
 
-void zorv_marks_give_up(zorv_filter* f) {
-  u32 given_up = 0;
+void zorv_marks_overdue(zorv_filter* f) {
+  u32 mine = 0;
   {
-    marks_guard guard(f);
-    given_up = f->marks_exposed.load(std::memory_order_relaxed);
-    for (u32 type = 0; type < 2; ++type) {
-      if ((given_up >> type & 1) != 0) f->marks[type].given_up = true;
+    kernel::spin_guard guard(&f->bmp_lock);
+    const u32 waiting = f->marks_exposed.load() & ~f->marks_refused.load();
+    for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
+      if ((waiting >> kind & 1) == 0 || f->holds[kind].overdue) continue;
+      f->holds[kind].overdue = true;
+      mine |= 1U << kind;
     }
   }
-  if (given_up == 0) return;
-  zorv_log(
-      LOG_ERROR,
-      "%s(): The stale mark of the %s%s%s bitmap of zorv(%d, %d) is not on disk in time. Letting "
-      "writes go on anyway...",
-      __func__, (given_up & 2) != 0 ? "Incremental" : "", given_up == 3 ? " and " : "",
-      (given_up & 1) != 0 ? "Differential" : "", zorv_blk_major, f->filter_minor);
+  for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
+    if ((mine >> kind & 1) == 0) continue;
+    const int rc =
+        kind == zorv_hold_record ? zorv_record_excuse(f) : zorv_block_excuse_bmp(f, kind);
+    zorv_log(LOG_ERROR, "%s(): The stale mark of the %s of zorv(%d, %d) is not on disk in time. %s",
+             __func__, name_of(kind), zorv_blk_major, f->filter_minor,
+             rc == 0 ? "It is noted in the state folder that the file is not to be believed."
+                     : "That can't be noted either: writes end with an error.");
+    marks_guard guard(f);
+    f->holds[kind].overdue = false;
+    if (rc != 0) f->holds[kind].refused = true;
+  }
+  if (mine == 0) (void)zorv_marks_wait(zorv_marks_event(), kernel::jiffies() + kernel::HZ / 10);
 }
 
 void zorv_marks_file_void(zorv_filter* f, u32 type) {
   marks_guard guard(f);
   f->marks[type].maybe_current = false;
-  f->marks[type].behind = false;
-}
-
-void zorv_marks_failed(zorv_filter* f, u32 type) {
-  marks_guard guard(f);
-  f->marks[type].given_up = true;
 }
 
 void zorv_marks_settle(zorv_filter* f) {
-  for (u32 type = 0; type < 2; ++type) {
+  for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
     bool queue = false;
     {
       kernel::spin_guard guard(&f->bmp_lock);
-      zorv_mark_state& m = f->marks[type];
-      // A save or load in progress settles when it ends; a mark that failed is not tried again
-      // before the next save.
-      queue = m.maybe_current && !m.saving && !m.loading && !m.noted && !m.given_up &&
-              zorv_bmp_of(f, type).dirty->load(std::memory_order_relaxed) != 0 &&
-              !zorv_marks_queued(f, type);
-      if (queue) m.noted = true;
+      const bool loading = kind != zorv_hold_record && f->marks[kind].loading;
+      // A load in progress settles when it ends; what has failed is tried again by its thread.
+      queue = !loading && !f->holds[kind].noted && !f->holds[kind].retrying &&
+              zorv_marks_due(f, kind, excused::no) && !zorv_marks_queued(f, kind);
+      if (queue) f->holds[kind].noted = true;
     }
-    if (queue) (void)zorv_sched_write_dirty_flag(f, type);
+    if (queue) (void)zorv_sched_write_dirty_flag(f, kind);
   }
 }
 

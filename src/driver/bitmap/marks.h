@@ -3,16 +3,12 @@
 //
 // A bitmap file that looks current although a write that it does not show has reached the HDD is
 // the one thing that must never survive a crash. So the record below says of each file whether it
-// may look current and whether it lacks bits, and a write waits while both hold:
+// may look current and whether it lacks bits, and a write waits while both hold and the state
+// folder does not say that the file is not to be believed:
 //
-//   exposed = not given_up and (loading
-//                               or maybe_current and (dirty or behind)
-//                               or saving and dirty)
+//   exposed = not excused and (loading or maybe_current and dirty)
 //
 // - maybe_current and dirty: the file was complete when the bitmap changed; its stale mark is due.
-// - maybe_current and behind: a save has copied those changes (dirty is 0 again) but has not
-//   touched the file yet.
-// - saving and dirty: the file will be complete in a moment, without what came after the copy.
 // - loading: a file that may not show the write is about to count as current. The load keeps what
 //   is marked while it reads.
 //
@@ -23,35 +19,66 @@
 #include <atomic>
 
 #include "driver/core/types.h"
+#include "driver/util/file.h"
 #include "kernel/list.h"
+#include "kernel/lock.h"
 
 namespace zorv {
 
 struct zorv_filter;
 
-// One queued stale mark. Fields under req_spin (dirty.cc).
+// What a filter's writes may have to wait for: the stale mark of a bitmap's file (the bitmap's type
+// code), or a change of the record that says which snaps have missed no write.
+enum zorv_hold_kind : u32 {
+  zorv_hold_differential = 0,
+  zorv_hold_incremental = 1,
+  zorv_hold_record = 2,
+  zorv_hold_kinds = 3,
+};
+
+// One queued piece of work. Fields under req_spin (dirty.cc).
 struct zorv_dirty_req {
   kernel::list_node<zorv_dirty_req> link{this};
-  u32 active = 0;  // 0: cancelled; kdirtyd drops it without writing
+  u32 active = 0;  // 0: cancelled; dropped without writing
   zorv_filter* filter = nullptr;
-  s32 type = 0;
+  s32 type = 0;          // a zorv_hold_kind
   bool reserve = false;  // part of its filter, never freed
   bool again = false;    // the reserve was wanted anew while it was still queued
+  bool in_hand = false;  // a worker has it
+};
+
+// One per kind; under the filter's bmp_lock.
+struct zorv_hold {
+  bool noted = false;      // work is to be queued by whoever set this
+  bool refused = false;    // it cannot be done: writes that would wait end with -EIO
+  bool retrying = false;   // the filter's thread tries it again from time to time
+  bool overdue = false;    // a write that has waited too long is seeing to it
+  zorv_dirty_req reserve;  // for when memory is short
 };
 
 // One per bitmap; under the filter's bmp_lock unless said otherwise.
 struct zorv_mark_state {
   bool maybe_current = false;  // a loader could accept the file as it is on disk
-  bool behind = false;         // ... and it lacks bits that a save in progress has copied
-  bool given_up = false;       // writes no longer wait: the mark failed or took too long
-  bool noted = false;          // a mark is to be queued by whoever set this
+  bool excused = false;        // the state folder says that the file is not to be believed
   bool known = false;          // the bitmap has had its contents from a load
-  bool name_synced = false;    // the file's directory entry is on disk; under bmp_mutex
-  bool saving = false;         // a save has its copy and has not ended
   bool loading = false;
-  u64 exchanges = 0;         // times that a command has put other bits in the bitmap's place
+  u64 exchanges = 0;         // times that other bits were put in the bitmap's place
+  u64 exchanges_stable = 0;  // ... of which the writes before are known to be on the HDD
   u8* load_marks = nullptr;  // while loading: the bits that the load must keep
-  zorv_dirty_req reserve;    // for the mark when memory is short
+  // Under bmp_mutex.
+  zorv_file* file = nullptr;  // open from the node's creation, or the first save, to its end
+  kernel::file_claim claim;   // held while open
+  bool name_synced = false;   // the file's directory entry is on disk
+  bool sync_failed = false;   // the page cache may show what is not on disk
+};
+
+// The thread that works for one filter, from its first request on.
+struct zorv_mark_worker {
+  bool started = false;  // both under req_spin
+  bool busy = false;     // a request of the filter is in hand
+  std::atomic<bool> ending{false};
+  kernel::wait_queue_head wait;
+  kernel::completion exited;
 };
 
 }  // namespace zorv

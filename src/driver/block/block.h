@@ -12,6 +12,7 @@ int zorv_block_open(kernel::block_device* bdev, kernel::fmode_t mode);
 int zorv_block_release(kernel::gendisk* disk, kernel::fmode_t mode);
 int zorv_block_ioctl(kernel::block_device* bdev, kernel::fmode_t mode, u32 command, u64 argument);
 // A filter's disk's. No lock: the caller has the node open, and so the record and its disk stay.
+int zorv_block_flush(kernel::block_device* bdev);
 int zorv_block_identity(kernel::block_device* bdev, char* text, std::size_t bytes);
 
 // On a pinned record, with no lock held but, of a snap's, its filter's dev_mutex; they take the

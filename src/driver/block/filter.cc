@@ -120,6 +120,7 @@ void fill_record(zorv_blkdev* dev, const zorv_add_filter_req* req, devt hdd_dev,
   dev->dev_type = ZORV_DEV_FILTER;
   f.hdd_dev = hdd_dev;
   f.hdd_bdev = hdd;
+  f.hdd_is_node = hdd->bd_disk->fops == &zorv_bdops;
   f.filter_minor = dev->minor;
   copy_text(f.hdd_name, req->hdd_name);
   f.extent_size = req->extent_size;
@@ -130,20 +131,11 @@ void fill_record(zorv_blkdev* dev, const zorv_add_filter_req* req, devt hdd_dev,
   f.incr_bmp_size = f.diff_bmp_size = static_cast<s32>(((f.extent_cnt - 1) >> 3) + 1);
 }
 
-void set_bitmap_files(zorv_filter& f, const char (&dir)[ZORV_PATH_LEN]) {
+void set_bitmap_dir(zorv_filter& f, const char (&dir)[ZORV_PATH_LEN]) {
   copy_text(f.bmp_dir, dir);
   for (std::size_t len = std::strlen(f.bmp_dir); len > 1 && f.bmp_dir[len - 1] == '/'; --len) {
     f.bmp_dir[len - 1] = '\0';
   }
-  const auto build = [&f](char(&to)[ZORV_PATH_LEN], const char* suffix) {
-    char name[32];
-    std::snprintf(name, sizeof(name), "/zorv%u.%s", f.filter_minor, suffix);
-    copy_text(to, f.bmp_dir);
-    const std::size_t len = std::strlen(to);
-    copy_text_n(to + len, sizeof(to) - len, name);
-  };
-  build(f.incr_bmp_fname, "incr");
-  build(f.diff_bmp_fname, "diff");
 }
 
 // Steps of creation that need the minor. On failure everything done here is undone.
@@ -153,6 +145,7 @@ int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
   const auto bytes = static_cast<std::size_t>(f.incr_bmp_size);
   scope_exit free_bitmaps([&f] {
     zorv_drop_dirty_requests(&f);
+    zorv_block_close_bmps(&f);
     kernel::vfree(f.incr_bmp);
     kernel::vfree(f.diff_bmp);
     f.incr_bmp = f.diff_bmp = nullptr;
@@ -165,7 +158,9 @@ int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
     return -ENOMEM;
   }
 
-  set_bitmap_files(f, req->bmp_dir);
+  set_bitmap_dir(f, req->bmp_dir);
+  int rc = zorv_block_open_bmps(&f);
+  if (rc != 0) return rc;
   // An unusable file leaves its bitmap all set, which is what an unknown past means; so does a
   // load that could not even begin.
   std::memset(f.incr_bmp, 0xFF, bytes);
@@ -173,7 +168,7 @@ int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
   (void)zorv_block_load_bmp(&f, ZORV_BMP_DIFFERENTIAL);
   (void)zorv_block_load_bmp(&f, ZORV_BMP_INCREMENTAL);
 
-  int rc = zorv_cowqueue_init(&f.cowqueue);
+  rc = zorv_cowqueue_init(&f.cowqueue);
   if (rc != 0) return rc;
   scope_exit destroy_queue([&f] { (void)zorv_cowqueue_destroy(&f.cowqueue); });
   if (zorv_aio_init(&f.aio) != 0) return -EIO;

@@ -204,9 +204,10 @@ int stop_filter(zorv_blkdev* dev) {
     if (rc != 0) return rc;
   }
   (void)zorv_cowthread_shutdown(&dev->f.cowthread);
-  (void)zorv_block_save_dirty_bmps(&dev->f);
+  // It stops all the same: what its bitmap files look like is safe, and the caller hears of it.
+  const int rc = zorv_block_save_dirty_bmps(&dev->f);
   dev->started.store(0);
-  return 0;
+  return rc;
 }
 
 // Waits until the COW thread has got past the request that was its next when the snap stopped.

@@ -99,6 +99,7 @@ void tear_down(zorv_blkdev* dev, int remove_files) {
   (void)zorv_proc_del_device(dev);
   if (!is_snap) {
     zorv_handout_drop_all(&dev->f);
+    zorv_block_close_bmps(&dev->f);
     kernel::vfree(dev->f.incr_bmp);
     kernel::vfree(dev->f.diff_bmp);
     dev->f.incr_bmp = dev->f.diff_bmp = nullptr;
@@ -185,12 +186,17 @@ node_ref topmost_filter() {
   return {};
 }
 
-//   returns  0 | the first failure
-int take_down_nodes() {
+//   unsaved  the first failure of a stop that stopped the node all the same
+//   returns  0 | the first failure that left a node behind
+int take_down_nodes(int* unsaved) {
   int first = 0;
   while (node_ref filter = topmost_filter()) {
     filter->left_behind = true;
     int rc = filter->started.load() != 0 ? zorv_block_stop_device(filter.get()) : 0;
+    if (filter->started.load() == 0) {
+      if (*unsaved == 0) *unsaved = rc;
+      rc = 0;
+    }
     if (rc == 0) rc = zorv_block_destroy_device(std::move(filter), 0);
     if (first == 0) first = rc;
   }
@@ -200,10 +206,11 @@ int take_down_nodes() {
 }  // namespace
 
 int zorv_block_destroy() {
+  int unsaved = 0;
   if (zorv_blkdev_arr != nullptr) {
     zorv_log(2, "%s(): Stopping all minor nodes", __func__);
     zorv_log(2, "%s(): Destroying all minor nodes", __func__);
-    const int rc = take_down_nodes();
+    const int rc = take_down_nodes(&unsaved);
     if (rc != 0) return rc;
     table_write_guard table;
     kernel::kfree(zorv_blkdev_arr);
@@ -215,7 +222,7 @@ int zorv_block_destroy() {
     zorv_blk_registered = 0;
   }
   (void)zorv_stop_kdirtyd();
-  return 0;
+  return unsaved;
 }
 
 int zorv_block_unknown_node(const char* caller, u32 minor) {
@@ -228,7 +235,9 @@ int zorv_ioctl_del_node(const zorv_node_req* req) {
   node_ref dev = zorv_node_get(req->minor);
   if (!dev) return zorv_block_unknown_node(__func__, req->minor);
   const int rc = zorv_block_stop_device(dev.get());
-  return rc != 0 ? rc : zorv_block_destroy_device(std::move(dev), 1);
+  // One that has stopped, but without its bitmaps saved, goes all the same.
+  if (rc != 0 && dev->started.load() != 0) return rc;
+  return zorv_block_destroy_device(std::move(dev), 1);
 }
 
 }  // namespace zorv

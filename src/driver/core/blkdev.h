@@ -12,6 +12,7 @@
 #include <atomic>
 #include <utility>
 
+#include "driver/bitmap/companion.h"
 #include "driver/bitmap/handout.h"
 #include "driver/bitmap/marks.h"
 #include "driver/core/lock.h"
@@ -37,6 +38,7 @@ struct zorv_filter {
   devt hdd_dev = 0;
   char hdd_name[ZORV_PATH_LEN] = {};
   kernel::block_device* hdd_bdev = nullptr;  // open from creation to destruction
+  bool hdd_is_node = false;                  // the HDD is a node of this driver
   u32 filter_minor = 0;
   u32 extent_size = 0;  // bytes per change-bitmap bit, a power of two
   u32 extent_shift = 0;
@@ -54,6 +56,7 @@ struct zorv_filter {
   kernel::list_of<zorv_blkdev> snaps GUARDED_BY(snaps_lock);
   std::atomic<u32> nr_snaps{0};  // their number; also read without the lock
 
+  rzmutex save_mutex;           // one save or load at a time; outside bmp_mutex
   rzmutex bmp_mutex;            // bitmap file work
   kernel::spinlock_t bmp_lock;  // bits and dirty flags
   s32 incr_bmp_size = 0;        // bytes
@@ -67,9 +70,18 @@ struct zorv_filter {
   std::atomic<u32> diff_bmp_dirty{0};
   // By bitmap type code, under bmp_lock: the order of writes behind the stale mark.
   zorv_mark_state marks[2];
+  zorv_hold holds[zorv_hold_kinds];  // by kind
+  bool record_due = false;           // under bmp_lock: the record of the snaps has to be changed
+  zorv_mark_worker worker;
   kernel::list_of<zorv_handout> handouts;  // under bmp_lock
-  // Bit per type code: writes have to wait (bitmap/marks.h). Written under bmp_lock.
+  zorv_companion companion;
+  // Writes under way, by the epoch in which they were marked; a save that relies on writes being on
+  // the HDD begins a new one when it copies the bitmap. The epoch is under bmp_lock.
+  kernel::bio_tally writes[2];
+  u32 writes_epoch = 0;
+  // Bit per kind: writes have to wait (bitmap/marks.h), or to fail. Written under bmp_lock.
   std::atomic<u32> marks_exposed{0};
+  std::atomic<u32> marks_refused{0};
 
   zorv_cowthread cowthread;
   zorv_cowqueue cowqueue;

@@ -123,7 +123,9 @@ bool must_hold(const zorv_filter& f, const kernel::bio* bio) {
 
 int route_filter(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
   zorv_filter& f = dev->f;
-  if (f.nr_snaps.load(std::memory_order_relaxed) == 0 || kernel::bio_sectors(bio) == 0) {
+  // A bio is counted in one tally only, so what goes to another node goes as a clone.
+  if ((f.nr_snaps.load(std::memory_order_relaxed) == 0 && !f.hdd_is_node) ||
+      kernel::bio_sectors(bio) == 0) {
     pass_on(bio, f.hdd_bdev);
     return 0;
   }
@@ -143,12 +145,12 @@ int route_filter(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
 
 // What a try to route a request came to.
 struct outcome {
-  bool marks_pending;  // not routed: a stale mark has to be on disk first
+  bool marks_pending;  // not routed: something has to be on disk first
   u64 event;           // the state of the marks before that was seen
   int rc;              // routed: 0, or the negative errno to end the bio with
 };
 
-outcome route(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags, bool wait_for_marks) {
+outcome route(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
   const u32 minor = kernel::minor_of(bio->bi_bdev->bd_dev);
   if (dev->state.load(std::memory_order_relaxed) != node_state::live) {
     zorv_log(LOG_ERROR, "%s(): Nothing is known about ZORV device with minor=%d",
@@ -166,12 +168,10 @@ outcome route(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags, bool wait_for_mar
   rzread_guard routing(&f.snap_rwlock);
   f.inflight.fetch_add(1, std::memory_order_relaxed);
   if (kernel::bio_is_write(bio) && kernel::bio_sectors(bio) > 0) {
-    zorv_block_mark_extents(&f, bio->bi_sector, kernel::bio_sectors(bio));
+    zorv_block_mark_extents(&f, bio->bi_sector, kernel::bio_sectors(bio), bio);
     const u64 event = zorv_marks_event();
-    if (zorv_marks_pending(&f)) {
-      if (wait_for_marks) return {true, event, 0};
-      zorv_marks_give_up(&f);
-    }
+    if (zorv_marks_refused(&f)) return {false, 0, -EIO};
+    if (zorv_marks_pending(&f)) return {true, event, 0};
   }
   return {false, 0, route_filter(dev, bio, flags)};
 }
@@ -204,11 +204,15 @@ int zorv_make_request(kernel::request_queue* q, kernel::bio* bio) {
   // A write whose bits the saved bitmap file lacks may not reach the HDD before the file is marked
   // stale. It waits with no lock held and is then routed as if it had just come.
   const u64 deadline = kernel::jiffies() + mark_wait_limit_jiffies;
-  bool wait_for_marks = true;
-  outcome o = route(dev, bio, flags, wait_for_marks);
+  outcome o = route(dev, bio, flags);
   while (o.marks_pending) {
-    if (!zorv_marks_wait(o.event, deadline)) wait_for_marks = false;
-    o = route(dev, bio, flags, wait_for_marks);
+    if (!zorv_marks_wait(o.event, deadline)) zorv_marks_overdue(&dev->f);
+    // What should settle the matter may be stuck as well.
+    if (kernel::time_after_eq(kernel::jiffies(), deadline + mark_wait_limit_jiffies)) {
+      o.rc = -EIO;
+      break;
+    }
+    o = route(dev, bio, flags);
   }
   if (o.rc < 0) kernel::bio_endio(bio, o.rc);
   return 0;

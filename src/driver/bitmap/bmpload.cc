@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Loading a change bitmap.
+#include "driver/bitmap/bitmap.h"
+#include "driver/bitmap/bmpfile.h"
+#include "driver/bitmap/dirty.h"
+#include "driver/core/log.h"
+#include "kernel/mem.h"
+#include "kernel/state.h"
+
+namespace zorv {
+
+namespace {
+
+constexpr const char* op = "zorv_block_load_bmp";
+
+u32 get_le32(const u8* from) {
+  u32 v = 0;
+  for (int i = 3; i >= 0; --i) v = v << 8 | from[i];
+  return v;
+}
+
+enum class verdict {
+  current,   // the buffer holds the bitmap
+  useless,   // no loader will ever take this file
+  in_doubt,  // unreadable now, or made for another geometry: another load may take it
+};
+
+struct read_result {
+  int rc;
+  verdict file;
+};
+
+// Whether the state folder has a note about the file. It stays until the next save is on disk.
+bool is_noted(zorv_filter* f, u32 type) {
+  zorv_note_key key;
+  if (!bmpfile::note_key(f, type, &key) || !kernel::state_noted(key.text)) return false;
+  marks_guard guard(f);
+  f->marks[type].excused = true;
+  return true;
+}
+
+// What keeps a file from being believed whatever it holds; null: nothing.
+const char* objection(zorv_filter* f, u32 type) {
+  if (!f->companion.ours) return "is not known to be about this disk";
+  if (is_noted(f, type)) return "is noted as outdated in the state folder";
+  return f->marks[type].sync_failed ? "may differ from what is on disk" : nullptr;
+}
+
+// Reads and checks the open file into bits.
+read_result read_open_file(zorv_file* file, const zorv_bmp_view& bmp, u8* bits) {
+  char head[bmpfile::prefix_bytes] = {};
+  int rc = zorv_fread(file, 0, head, bmpfile::prefix_bytes);
+  if (rc < 0) return {rc, verdict::in_doubt};
+  if (rc != bmpfile::prefix_bytes ||
+      std::memcmp(head, bmpfile::prefix, bmpfile::prefix_bytes) != 0) {
+    zorv_log(LOG_ERROR, "%s(): File %s is corrupt: Invalid prefix.", op, bmp.fname);
+    return {-EIO, verdict::useless};
+  }
+  u8 dirty = 1;
+  rc = zorv_fread(file, bmpfile::dirty_offset, &dirty, 1);
+  if (rc < 0) return {rc, verdict::in_doubt};
+  if (rc != 1 || dirty != 0) {
+    zorv_log(LOG_ERROR, "%s(): File %s is dirty. Ignoring file contents.", op, bmp.fname);
+    return {0, verdict::useless};
+  }
+  u8 word[4] = {};
+  rc = zorv_fread(file, bmpfile::size_offset, word, sizeof word);
+  if (rc < 0) return {rc, verdict::in_doubt};
+  if (rc != sizeof word || get_le32(word) != bmp.size) {
+    zorv_log(LOG_ERROR, "%s(): File %s contains bitmap of invalid size. Ignoring file contents.",
+             op, bmp.fname);
+    return {0, verdict::in_doubt};
+  }
+  const int crc_rc = zorv_fread(file, bmpfile::crc_offset, word, sizeof word);
+  if (crc_rc < 0) return {crc_rc, verdict::in_doubt};
+  rc = zorv_fread(file, bmpfile::bits_offset, bits, static_cast<int>(bmp.size));
+  if (rc < 0) return {rc, verdict::in_doubt};
+  if (crc_rc != sizeof word || rc != static_cast<int>(bmp.size) ||
+      get_le32(word) != bmpfile::crc_of(bits, bmp.size)) {
+    zorv_log(LOG_ERROR, "%s(): File %s has invalid checksum. Ignoring file contents.", op,
+             bmp.fname);
+    return {0, verdict::useless};
+  }
+  return {0, verdict::current};
+}
+
+read_result read_file(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, u8* bits) {
+  zorv_log(2, "%s(): Reading %s", op, bmp.fname);
+  const char* why = objection(f, type);
+  const int rc = bmpfile::follow_name(f, type, bmpfile::missing::fail);
+  if (rc == -ENOENT) {
+    zorv_log(LOG_ERROR, "%s(): There is no file %s.", op, bmp.fname);
+    return {-EIO, verdict::useless};
+  }
+  // A link or no regular file is never opened.
+  if (rc != 0) return {-EIO, rc == -EINVAL ? verdict::useless : verdict::in_doubt};
+  const read_result result = read_open_file(f->marks[type].file, bmp, bits);
+  if (result.file != verdict::current) return result;
+  if (why != nullptr) {
+    zorv_log(LOG_ERROR, "%s(): File %s %s. Ignoring file contents.", op, bmp.fname, why);
+    return {0, f->companion.absent ? verdict::useless : verdict::in_doubt};
+  }
+  return result;
+}
+
+// From here until load_end every bit that is marked is also noted in kept. A file that is known to
+// lack bits - its stale mark is still due - does not take them away from the bitmap either.
+void load_begin(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, u8* kept) {
+  marks_guard guard(f);
+  zorv_mark_state& m = f->marks[type];
+  m.loading = true;
+  if (m.maybe_current && bmp.dirty->load() != 0) {
+    std::memcpy(kept, zorv_bmp_bits(f, type), bmp.size);
+  }
+  m.load_marks = kept;
+}
+
+void load_end(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, const u8* bits, const u8* kept,
+              verdict file) {
+  {
+    marks_guard guard(f);
+    zorv_mark_state& m = f->marks[type];
+    u8* to = zorv_bmp_bits(f, type);
+    m.loading = false;
+    m.load_marks = nullptr;
+    if (m.known && file == verdict::current) ++m.exchanges;  // bits may have gone
+    m.known = true;
+    m.maybe_current = file != verdict::useless;
+    if (file == verdict::current) {
+      u8 lacking = 0;
+      for (u32 i = 0; i < bmp.size; ++i) {
+        lacking = static_cast<u8>(lacking | (kept[i] & ~bits[i]));
+        to[i] = static_cast<u8>(bits[i] | kept[i]);
+      }
+      bmp.dirty->store(lacking != 0 ? 1 : 0);
+      if (lacking == 0) zorv_marks_cancel(f, type);
+    } else {
+      bmp.dirty->store(1);
+      std::memset(to, 0xFF, bmp.size);
+    }
+  }
+  if (file == verdict::current) zorv_marks_settle(f);
+}
+
+// Without memory for the load nothing is known of the file. A bitmap in use stays as it is; a new
+// one (all set by its creator) is from now on ahead of whatever the file says.
+void load_impossible(zorv_filter* f, u32 type, const zorv_bmp_view& bmp) {
+  marks_guard guard(f);
+  zorv_mark_state& m = f->marks[type];
+  if (m.known) return;
+  m.known = true;
+  m.maybe_current = true;
+  bmp.dirty->store(1);
+}
+
+}  // namespace
+
+int zorv_block_load_bmp(zorv_filter* f, u32 type) {
+  zorv_log(2, "%s(): Loading %s bitmap of zorv(%d, %d)", __func__, zorv_bmp_type_name(type),
+           zorv_blk_major, f->filter_minor);
+  const zorv_bmp_view bmp = zorv_bmp_of(f, type);
+  const kernel::vbuf<u8> bits(static_cast<u8*>(kernel::vmalloc(bmp.size)));
+  const kernel::vbuf<u8> kept(bits == nullptr ? nullptr
+                                              : static_cast<u8*>(kernel::vzalloc(bmp.size)));
+  if (kept == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Failed to allocate %d bytes.", __func__, bmp.size);
+    load_impossible(f, type, bmp);
+    return -ENOMEM;
+  }
+  rzmutex_guard one_at_a_time(&f->save_mutex);
+  rzmutex_guard files(&f->bmp_mutex);
+  load_begin(f, type, bmp, kept.get());
+  const read_result result = read_file(f, type, bmp, bits.get());
+  load_end(f, type, bmp, bits.get(), kept.get(), result.file);
+  return result.rc;
+}
+
+}  // namespace zorv

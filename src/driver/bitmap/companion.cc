@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "driver/bitmap/companion.h"
+
+#include "driver/bitmap/bitmap.h"
+#include "driver/core/log.h"
+#include "kernel/mem.h"
+#include "kernel/random.h"
+#include "kernel/state.h"
+
+namespace zorv {
+
+namespace {
+
+constexpr char magic[8] = {'Z', 'O', 'R', 'V', 'D', 'S', 'K', '1'};
+constexpr u32 own_flags = kernel::FO_RDWR | kernel::FO_LARGEFILE;
+
+// Integers are little-endian, as the hosts are that this runs on.
+struct companion_disk {
+  char magic[8];
+  u8 pair[16];
+  u8 state[16];
+  u64 disk_bytes;
+  u32 extent_bytes;
+  u32 reserved;
+  char identity[kernel::bdev_identity_bytes];  // NUL-terminated; empty: nothing stable
+  u32 reserved2;
+  u32 crc;  // zorv_crc32 of all before it, from 0xFFFFFFFF
+};
+static_assert(sizeof(companion_disk) == 56 + 1024 + 8);
+constexpr int record_bytes = sizeof(companion_disk);
+
+u32 crc_of(const companion_disk& d) {
+  u32 crc = 0xFFFFFFFF;
+  zorv_crc32(&d, offsetof(companion_disk, crc), &crc);
+  return crc;
+}
+
+// What a companion would have to say now.
+void fill_present(const zorv_filter* f, companion_disk* d) {
+  *d = {};
+  std::memcpy(d->magic, magic, sizeof magic);
+  std::memcpy(d->pair, f->companion.pair, sizeof d->pair);
+  kernel::state_id(d->state);
+  d->disk_bytes = f->dev_size;
+  d->extent_bytes = f->extent_size;
+  if (kernel::bdev_identity(f->hdd_bdev, d->identity, sizeof d->identity) != 0) {
+    d->identity[0] = '\0';
+  }
+}
+
+bool is_zero(const u8 (&id)[16]) {
+  const u8 zero[16] = {};
+  return std::memcmp(id, zero, sizeof zero) == 0;
+}
+
+// Why the bitmap files beside it cannot be believed; null when they can.
+const char* difference(const companion_disk& d, const companion_disk& now) {
+  if (now.identity[0] == '\0') return "the disk has nothing stable to name it by";
+  if (std::memcmp(d.identity, now.identity, sizeof d.identity) != 0) return "it is of another disk";
+  if (d.disk_bytes != now.disk_bytes) return "the disk has another size";
+  if (d.extent_bytes != now.extent_bytes) return "the extents have another size";
+  if (is_zero(now.state)) return "there is no state folder";
+  if (std::memcmp(d.state, now.state, sizeof d.state) != 0) {
+    return "another state folder was in use";
+  }
+  return nullptr;
+}
+
+// Reads it and says why it does not do, or null.
+const char* read_companion(zorv_filter* f, zorv_file* file) {
+  zorv_companion& c = f->companion;
+  if (kernel::file_size(file->filp) == 0) return "it is new";
+  companion_disk d;
+  companion_disk now;
+  if (zorv_fread(file, 0, &d, record_bytes) != record_bytes || crc_of(d) != d.crc ||
+      std::memcmp(d.magic, magic, sizeof magic) != 0 ||
+      strnlen(d.identity, sizeof d.identity) == sizeof d.identity) {
+    return "it is damaged";
+  }
+  std::memcpy(c.pair, d.pair, sizeof c.pair);
+  fill_present(f, &now);
+  c.notes = !is_zero(now.state) && std::memcmp(d.state, now.state, sizeof d.state) == 0;
+  return difference(d, now);
+}
+
+int open_locked(zorv_filter* f, u32 flags) {
+  char owner[kernel::file_claim::owner_bytes];
+  std::snprintf(owner, sizeof owner, "zorv(%d, %d)'s companion of its bitmaps", zorv_blk_major,
+                static_cast<int>(f->filter_minor));
+  zorv_companion& c = f->companion;
+  return zorv_fopen_own(c.fname, flags, owner, file_lock::exclusive, &c.claim, &c.file);
+}
+
+}  // namespace
+
+int zorv_companion_attach(zorv_filter* f) {
+  zorv_companion& c = f->companion;
+  const char* why = nullptr;
+  int rc = open_locked(f, own_flags);
+  c.absent = rc == -ENOENT;
+  if (rc == -ENOENT) rc = open_locked(f, own_flags | kernel::FO_CREAT);
+  if (rc == -EBUSY) return rc;
+  if (rc == 0) {
+    c.absent = c.absent || kernel::file_size(c.file->filp) == 0;
+    why = read_companion(f, c.file);
+  } else if (rc == -EINVAL) {
+    c.absent = true;  // no file that a companion could ever be read from
+    why = "it is no ordinary file";
+  } else {
+    why = c.absent ? "there is none" : "it can't be opened for writing";
+    // Where nothing can be written, a note may be about this pair all the same.
+    kernel::file* filp = kernel::filp_open(c.fname, kernel::FO_RDONLY | kernel::FO_NOFOLLOW, 0);
+    if (!kernel::is_err(filp)) {
+      zorv_file reader{c.fname, filp};
+      (void)read_companion(f, &reader);
+      kernel::filp_close(filp);
+    }
+  }
+  c.ours = why == nullptr;
+  if (!c.ours) {
+    zorv_log(1, "%s(): Everything counts as changed on zorv(%d, %d): %s: %s.", __func__,
+             zorv_blk_major, f->filter_minor, c.fname, why);
+  }
+  return 0;
+}
+
+int zorv_companion_renew(zorv_filter* f) {
+  zorv_companion& c = f->companion;
+  if (c.file == nullptr) {
+    const int rc = open_locked(f, own_flags | kernel::FO_CREAT);
+    if (rc != 0) return rc == -EBUSY || rc == -EINVAL || rc == -ENOENT ? rc : -EIO;
+  }
+  // Notes about the pair as it was mean nothing from now on.
+  zorv_note_key old[2];
+  const bool noted = zorv_companion_note_key(f, "incr", &old[0]) &&
+                     zorv_companion_note_key(f, "diff", &old[1]);
+  c.notes = false;
+  kernel::get_random_bytes(c.pair, sizeof c.pair);
+  companion_disk d;
+  fill_present(f, &d);
+  d.crc = crc_of(d);
+  c.absent = false;
+  int rc = zorv_fwrite(c.file, 0, &d, record_bytes);
+  if (rc >= 0) rc = zorv_fsync(c.file);
+  if (rc >= 0) rc = kernel::fs_sync_parent(c.fname);
+  if (rc < 0) {
+    zorv_log(LOG_ERROR, "%s(): Failed to write %s: rc=%d", __func__, c.fname, rc);
+    return rc;
+  }
+  c.ours = true;
+  c.notes = !is_zero(d.state);
+  for (const zorv_note_key& key : old) {
+    if (noted) (void)kernel::state_forget(key.text);
+  }
+  return 0;
+}
+
+void zorv_companion_detach(zorv_filter* f) {
+  zorv_companion& c = f->companion;
+  if (c.file != nullptr) zorv_fclose(c.file);
+  c.file = nullptr;
+  c.claim.reset();
+}
+
+bool zorv_companion_note_key(const zorv_filter* f, const char* suffix, zorv_note_key* key) {
+  if (!f->companion.notes) return false;
+  char* at = key->text;
+  for (const u8 byte : f->companion.pair) at += std::snprintf(at, 3, "%02x", byte);
+  std::snprintf(at, sizeof key->text - 32, ".%s", suffix);
+  return true;
+}
+
+}  // namespace zorv

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The companion of a node's bitmap files: which disk they are about, cut into which extents, and
+// which state folder may have a note about them. Without a companion that says what holds now,
+// every extent counts as changed. Format: docs/bitmap-file.md.
+//
+// It is open and locked for the node's life, so that no other daemon writes files of that name.
+#pragma once
+
+#include "driver/core/types.h"
+#include "driver/util/file.h"
+
+namespace zorv {
+
+struct zorv_filter;
+
+// Under bmp_mutex, except while the node is being created.
+struct zorv_companion {
+  char fname[1024] = {};
+  zorv_file* file = nullptr;
+  kernel::file_claim claim;
+  u8 pair[16] = {};    // of this pair of bitmap files, new with every companion written
+  bool ours = false;   // the file on disk says what holds: bitmap files may be believed
+  bool notes = false;  // ... or at least our state folder and a pair that notes can be about
+  bool absent = true;  // there is none, so no bitmap file is believed whatever it holds
+};
+
+// Opens, locks and reads it; makes an empty one where there is none, if that can be done. Logs why
+// everything counts as changed.
+//   returns  0 | -EBUSY (locked by another daemon, or somebody's in this one; logged)
+[[nodiscard]] int zorv_companion_attach(zorv_filter* f);
+// Makes it say what holds. Both bitmap files are durably stale by then.
+//   returns  0 | negative errno (logged)
+[[nodiscard]] int zorv_companion_renew(zorv_filter* f);
+void zorv_companion_detach(zorv_filter* f);
+// The key of a note about one of the pair; false while notes cannot be about it.
+struct zorv_note_key {
+  char text[64];
+};
+[[nodiscard]] bool zorv_companion_note_key(const zorv_filter* f, const char* suffix,
+                                           zorv_note_key* key);
+
+}  // namespace zorv

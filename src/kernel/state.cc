@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Both the id and the notes are symbolic links that lead nowhere: made and read by name alone, in
+// one step each, and durable with their folder.
+#include "kernel/state.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "kernel/fault.h"
+#include "kernel/random.h"
+#include "kernel/task.h"
+
+namespace kernel {
+
+namespace {
+
+constexpr const char* id_name = "id";
+constexpr std::size_t id_digits = state_id_bytes * 2;
+
+struct folder {
+  std::mutex lock;  // of the two below; never held across a change of the folder
+  int fd = -1;
+  u8 id[state_id_bytes] = {};
+};
+
+folder& the_folder() {
+  static folder& f = *new folder;  // outlives every thread
+  return f;
+}
+
+int dir_fd() {
+  folder& f = the_folder();
+  const std::scoped_lock guard(f.lock);
+  return f.fd;
+}
+
+int sync_fd(int fd) {
+  for (;;) {
+    if (::fsync(fd) == 0) return 0;
+    if (errno != EINTR) return -errno;
+  }
+}
+
+int make_directories(const std::string& path) {
+  for (std::size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
+    const std::string part = path.substr(0, at);
+    if (::mkdir(part.c_str(), 0700) == 0) {
+      const std::size_t slash = part.rfind('/');
+      const std::string parent = slash == 0 ? "/" : part.substr(0, slash);
+      const int fd = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      const int rc = fd < 0 ? -errno : sync_fd(fd);
+      if (fd >= 0) ::close(fd);
+      if (rc != 0) return rc;
+    } else if (errno != EEXIST) {
+      return -errno;
+    }
+    if (at == std::string::npos) return 0;
+  }
+}
+
+bool parse_id(const char* digits, u8 (&id)[state_id_bytes]) {
+  for (std::size_t i = 0; i < state_id_bytes; ++i) {
+    unsigned value = 0;
+    if (std::sscanf(digits + 2 * i, "%2x", &value) != 1) return false;
+    id[i] = static_cast<u8>(value);
+  }
+  return true;
+}
+
+int read_or_make_id(int fd, u8 (&id)[state_id_bytes]) {
+  for (int attempt = 0;; ++attempt) {
+    char digits[id_digits + 1] = {};
+    const ssize_t n = ::readlinkat(fd, id_name, digits, sizeof digits);
+    if (n >= 0) return n == id_digits && parse_id(digits, id) ? 0 : -EINVAL;
+    if (errno != ENOENT || attempt != 0) return -errno;
+    u8 fresh[state_id_bytes];
+    get_random_bytes(fresh, sizeof fresh);
+    for (std::size_t i = 0; i < state_id_bytes; ++i) {
+      std::snprintf(digits + 2 * i, 3, "%02x", fresh[i]);
+    }
+    // Another daemon's may come first; then that one is read.
+    if (::symlinkat(digits, fd, id_name) != 0 && errno != EEXIST) return -errno;
+  }
+}
+
+int open_folder(const std::string& dir, int* out, u8 (&id)[state_id_bytes]) {
+  int rc = make_directories(dir);
+  if (rc != 0) return rc;
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return -errno;
+  rc = read_or_make_id(fd, id);
+  if (rc == 0) rc = sync_fd(fd);
+  if (rc != 0) {
+    ::close(fd);
+    return rc;
+  }
+  *out = fd;
+  return 0;
+}
+
+}  // namespace
+
+int state_set_dir(const char* dir) {
+  might_sleep("state_set_dir");
+  int fd = -1;
+  u8 id[state_id_bytes] = {};
+  int rc = 0;
+  if (dir != nullptr && dir[0] != '\0') {
+    std::string path(dir);
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    rc = path[0] == '/' ? open_folder(path, &fd, id) : -EINVAL;
+  }
+  if (rc != 0) std::memset(id, 0, sizeof id);
+  folder& f = the_folder();
+  const std::scoped_lock guard(f.lock);
+  if (f.fd >= 0) ::close(f.fd);
+  f.fd = fd;
+  std::memcpy(f.id, id, sizeof id);
+  return rc;
+}
+
+void state_id(u8 (&id)[state_id_bytes]) {
+  folder& f = the_folder();
+  const std::scoped_lock guard(f.lock);
+  std::memcpy(id, f.id, sizeof id);
+}
+
+int state_note(const char* key, const char* text) {
+  might_sleep("state_note");
+  if (const int rc = fault_check(fault_site::state_write); rc != 0) return rc;
+  const int fd = dir_fd();
+  if (fd < 0) return -ENOENT;
+  if (::symlinkat(text, fd, key) != 0 && errno != EEXIST) return -errno;
+  return sync_fd(fd);
+}
+
+bool state_noted(const char* key) {
+  might_sleep("state_noted");
+  const int fd = dir_fd();
+  if (fd < 0) return true;
+  struct stat st;
+  return ::fstatat(fd, key, &st, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
+}
+
+int state_forget(const char* key) {
+  might_sleep("state_forget");
+  if (const int rc = fault_check(fault_site::state_write); rc != 0) return rc;
+  const int fd = dir_fd();
+  if (fd < 0) return -ENOENT;
+  if (::unlinkat(fd, key, 0) != 0) return errno == ENOENT ? 0 : -errno;
+  return sync_fd(fd);
+}
+
+}  // namespace kernel

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The state folder: what must be remembered over restarts and reboots when the place where it
+// belongs cannot be written. A note says of a file somewhere else that it is not to be believed.
+//
+// A note is a name in the folder, so that it needs no descriptor and several daemons may share one
+// folder; it is on stable storage when state_note returns.
+#pragma once
+
+#include "kernel/types.h"
+
+namespace kernel {
+
+constexpr std::size_t state_id_bytes = 16;
+
+// Makes the folder (mode 0700) and what leads to it if need be, and gives it an id if it has none.
+//   dir      absolute; empty or null: no folder from now on
+//   returns  0 | negative errno: there is no folder then
+[[nodiscard]] int state_set_dir(const char* dir);
+// The folder's id, chosen at random when it was made; all zero while there is none.
+void state_id(u8 (&id)[state_id_bytes]);
+
+// Keys are of letters, digits, '-' and '.', at most 200 of them. All three may sleep.
+//   text     for the person who looks into the folder
+//   returns  0 (also when it was noted already) | -ENOENT (no folder) | negative errno
+[[nodiscard]] int state_note(const char* key, const char* text);
+// In doubt (the folder cannot be read) it is.
+[[nodiscard]] bool state_noted(const char* key);
+[[nodiscard]] int state_forget(const char* key);  // 0 (also when it was not noted) | negative errno
+
+}  // namespace kernel
