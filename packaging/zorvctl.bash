@@ -64,10 +64,18 @@ _zorvctl() {
       ;;
     resume::*)
       answers=$(_zorvctl_nodes snap)
-      options=$'--valid\n--stop-pending\n--del-pending'
+      options=$'--minor\n--valid\n--stop-pending\n--del-pending'
       ;;
     list::0) answers=$'filter\nsnap' ;;
-    start::0 | stop::0 | del::0 | info::0 | uri::0) answers=$(_zorvctl_nodes) ;;
+    stop::* | del::*)
+      ((at)) || answers=$(_zorvctl_nodes)
+      options=$'--minor\n--wait'
+      [ "$command" = del ] && options+=$'\n--yes'
+      ;;
+    start::0 | info::0 | uri::0)
+      answers=$(_zorvctl_nodes)
+      options=$'--minor'
+      ;;
     bmp::*) answers=$'get\nget-clear\nset\nmerge\nclear\nsave\nload\nshow' ;;
     bmp:*:0) answers=$(_zorvctl_nodes filter) ;;
     bmp:*:1) answers=$'incr\ndiff' ;;

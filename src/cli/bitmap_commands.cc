@@ -160,7 +160,9 @@ std::shared_ptr<bitmap_args> add(CLI::App* parent, invocation* inv, const std::s
   auto args = std::make_shared<bitmap_args>();
   *command =
       add_command(parent, inv, name, help, [args, run](session& s) { return run(s, *args); });
-  (*command)->add_option("NODE", args->node, "the filter node")->required();
+  (*command)
+      ->add_option("NODE", args->node, std::string("the filter node: ") + node_help)
+      ->required();
   (*command)
       ->add_option("TYPE", args->type, "incr (incremental) or diff (differential)")
       ->required()

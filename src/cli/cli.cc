@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -15,7 +16,8 @@ namespace zorv::cli {
 namespace {
 
 constexpr char footer[] =
-    "NODE is a node's name or its minor. SIZE is a number of bytes, or one with K, M, G or T\n"
+    "NODE is a node's name, or its minor as :MINOR or --minor N. Digits alone mean a minor\n"
+    "only if no node has that name. SIZE is a number of bytes, or one with K, M, G or T\n"
     "behind it (powers of 1024).\n"
     "Exit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon.";
 
@@ -132,6 +134,33 @@ CLI::App* add_command(CLI::App* parent, invocation* inv, const std::string& name
   return command;
 }
 
+// The arguments with ":N" where NODE belongs for each "--minor N" of a command on a node. Of the
+// commands that make nodes it is an option.
+std::vector<std::string> arguments(int argc, const char* const* argv) {
+  std::vector<std::string> all(argv, argv + argc);
+  const auto word_from = [&all](std::size_t at) {
+    for (; at < all.size() && all[at].rfind('-', 0) == 0; ++at) {
+      if (all[at] == "--socket" || all[at] == "--limit") ++at;
+    }
+    return std::min(at, all.size());
+  };
+  std::size_t place = word_from(1);
+  if (place == all.size() || all[place].rfind("add-", 0) == 0) return all;
+  if (all[place] == "bmp" || all[place] == "datablock") place = word_from(place + 1);
+  for (std::size_t i = place + 1; i < all.size(); ++i) {
+    static constexpr std::string_view option = "--minor";
+    if (all[i].rfind(option, 0) != 0) continue;
+    std::string node = ":" + all[i].substr(std::min(all[i].size(), option.size() + 1));
+    const bool apart = all[i] == option && i + 1 < all.size();
+    if (apart) node += all[i + 1];
+    all.erase(all.begin() + static_cast<long>(i),
+              all.begin() + static_cast<long>(i + (apart ? 2 : 1)));
+    all.insert(all.begin() + static_cast<long>(place) + 1, node);
+    break;
+  }
+  return all;
+}
+
 int run(int argc, const char* const* argv) {
   std::signal(SIGPIPE, SIG_IGN);
   // What is closed must not become the daemon's socket: its number gets something that refuses.
@@ -152,11 +181,15 @@ int run(int argc, const char* const* argv) {
   app.footer(footer);
   add_host_commands(&app, &inv);
   add_node_commands(&app, &inv);
+  add_leave_commands(&app, &inv);
   add_show_commands(&app, &inv);
   add_bitmap_commands(&app, &inv);
   add_datablock_commands(&app, &inv);
   try {
-    app.parse(argc, argv);
+    std::vector<std::string> given = arguments(argc, argv);
+    std::reverse(given.begin() + 1, given.end());
+    given.erase(given.begin());
+    app.parse(std::move(given));
   } catch (const CLI::ParseError& e) {
     return report_parse(app, inv, e, argc, argv);
   }

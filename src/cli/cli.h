@@ -76,6 +76,7 @@ struct invocation {
 
 // Each adds its commands to the application.
 void add_node_commands(CLI::App* app, invocation* inv);
+void add_leave_commands(CLI::App* app, invocation* inv);
 void add_show_commands(CLI::App* app, invocation* inv);
 void add_bitmap_commands(CLI::App* app, invocation* inv);
 void add_datablock_commands(CLI::App* app, invocation* inv);

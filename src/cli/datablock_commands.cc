@@ -89,7 +89,9 @@ std::shared_ptr<map_args> add(CLI::App* parent, invocation* inv, const char* nam
   auto args = std::make_shared<map_args>();
   *command =
       add_command(parent, inv, name, help, [args, run](session& s) { return run(s, *args); });
-  (*command)->add_option("SNAP", args->node, "the snap node")->required();
+  (*command)
+      ->add_option("SNAP", args->node, std::string("the snap node: ") + node_help)
+      ->required();
   (*command)
       ->add_option("--extent-size", args->extent_size,
                    "bytes per bit, a power of two and at least the snap's chunk size")

@@ -111,11 +111,10 @@ answer add_snap(session& s, const new_node& given) {
                 {"cow_data_fname", field(req.cow_data_fname)}});
 }
 
-answer node_command(session& s, std::uint32_t number, const std::string& node, const char* done) {
-  zorv_node_req req{};
-  req.minor = find_node(s, node);
-  s.command(number, &req);
-  return {{{"minor", req.minor}}, std::string(done) + " " + node + "\n"};
+answer start(session& s, const std::string& node) {
+  zorv_node_req req{find_node(s, node)};
+  s.command(ZORV_START_NODE, &req);
+  return {{{"minor", req.minor}}, "started " + node + "\n"};
 }
 
 struct resume_values {
@@ -199,7 +198,7 @@ void add_resume(CLI::App* app, invocation* inv) {
   CLI::App* command =
       add_command(app, inv, "resume", "start a stopped snap on its existing COW files",
                   [values](session& s) { return resume(s, *values); });
-  command->add_option("SNAP", values->node, "the snap node")->required();
+  command->add_option("SNAP", values->node, std::string("the snap node: ") + node_help)->required();
   const auto flag = [&](const char* name, std::uint32_t* to, const char* help) {
     command->add_option(name, *to, help)
         ->type_name("0|1")
@@ -216,19 +215,11 @@ void add_resume(CLI::App* app, invocation* inv) {
 void add_node_commands(CLI::App* app, invocation* inv) {
   add_add_filter(app, inv);
   add_add_snap(app, inv);
-  static constexpr simple_command simple[] = {
-      {"start", ZORV_START_NODE, "start a node: a filter is served, a snapshot is taken",
-       "started"},
-      {"stop", ZORV_STOP_NODE, "stop a node that nobody has open", "stopped"},
-      {"del", ZORV_DEL_NODE, "remove a node; its files stay", "deleted"},
-  };
-  for (const auto& c : simple) {
-    auto node = std::make_shared<std::string>();
-    add_command(app, inv, c.name, c.help,
-                [node, &c](session& s) { return node_command(s, c.number, *node, c.done); })
-        ->add_option("NODE", *node, "name or minor")
-        ->required();
-  }
+  auto node = std::make_shared<std::string>();
+  add_command(app, inv, "start", "start a node: a filter is served, a snapshot is taken",
+              [node](session& s) { return start(s, *node); })
+      ->add_option("NODE", *node, node_help)
+      ->required();
   add_resume(app, inv);
 }
 

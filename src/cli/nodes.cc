@@ -40,26 +40,40 @@ std::optional<std::uint64_t> status_number(session& s, std::uint32_t minor, cons
   return number<std::uint64_t>(text);
 }
 
+std::uint32_t given_minor(const std::string& text) {
+  const auto minor = number<std::uint32_t>(text);
+  if (!minor) throw failure(status_usage, 0, text + " is no minor, or too large for one");
+  return *minor;
+}
+
 }  // namespace
 
 std::uint32_t find_node(session& s, const std::string& node) {
-  const bool digits = node.find_first_not_of("0123456789") == std::string::npos;
-  if (digits && !node.empty()) {
-    const auto minor = number<std::uint32_t>(node);
-    if (!minor) throw failure(status_usage, 0, node + " is too large for a minor");
-    return *minor;
-  }
+  if (node.rfind(':', 0) == 0) return given_minor(node.substr(1));
   std::optional<std::uint32_t> found;
+  std::optional<std::string> of_minor;  // the other node that a number could mean
   for (const zorv_info_req& info : all_nodes(s, 0)) {
-    if (field(info.name) != node) continue;
-    if (found) {
-      throw failure(status_refused, EEXIST,
-                    "several nodes are named " + node + "; give the minor instead");
+    if (field(info.name) == node) {
+      if (found) {
+        throw failure(status_refused, EEXIST,
+                      "several nodes are named " + node + "; give --minor instead");
+      }
+      found = info.minor;
+    } else if (std::to_string(info.minor) == node) {
+      of_minor = field(info.name);
     }
-    found = info.minor;
   }
-  if (!found) throw failure(status_refused, ENOENT, "there is no node named " + node);
-  return *found;
+  if (found && of_minor) {
+    const std::string minor = std::to_string(*found);
+    throw failure(status_refused, EEXIST,
+                  node + " is the name of minor " + minor + " and the minor of " + *of_minor +
+                      "; give :" + minor + " or :" + node);
+  }
+  if (found) return *found;
+  if (!node.empty() && node.find_first_not_of("0123456789") == std::string::npos) {
+    return given_minor(node);
+  }
+  throw failure(status_refused, ENOENT, "there is no node named " + node);
 }
 
 zorv_info_req node_info(session& s, std::uint32_t minor) {

@@ -18,7 +18,11 @@ struct simple_command {
   const char* done;  // "started"
 };
 
-// The minor of NODE: a decimal number is the minor itself, anything else a name.
+// How a node is named on the command line.
+inline constexpr char node_help[] = "name, :MINOR, or --minor N in its place";
+
+// The minor of NODE: ":1" is minor 1, "1" too unless a node has that name. Throws when it is not
+// one node for sure.
 [[nodiscard]] std::uint32_t find_node(session& s, const std::string& node);
 
 [[nodiscard]] zorv_info_req node_info(session& s, std::uint32_t minor);

@@ -167,11 +167,11 @@ void add_show_commands(CLI::App* app, invocation* inv) {
   auto node = std::make_shared<std::string>();
   add_command(app, inv, "info", "tell everything about a node",
               [node](session& s) { return info(s, *node); })
-      ->add_option("NODE", *node, "name or minor")
+      ->add_option("NODE", *node, node_help)
       ->required();
   add_command(app, inv, "uri", "print the address under which NBD clients open a node",
               [node](session& s) { return uri(s, *node); })
-      ->add_option("NODE", *node, "name or minor")
+      ->add_option("NODE", *node, node_help)
       ->required();
 }
 

@@ -117,6 +117,25 @@ TEST_F(ctl_node, refusals_have_a_reason_and_a_status) {
   EXPECT_EQ(json::parse(gone.out).at("error").at("errno"), ENOENT);
 }
 
+TEST_F(ctl_node, digits_are_a_minor_only_if_no_node_has_that_name) {
+  make_image(dir / "b.img", 1 << 20);
+  d->must({"attach", dir / "b.img"});
+  add("1");
+  EXPECT_EQ(d->ctl_json({"info", "1"}).at("minor"), 0) << "nothing else could be meant";
+  EXPECT_EQ(d->ctl_json({"info", "0"}).at("name"), "1");
+  add("b", "b");
+  for (const char* command : {"del", "start", "info"}) {
+    EXPECT_THAT(d->ctl_json({command, "1"}, 1).at("error").at("message").get<std::string>(),
+                HasSubstr("1 is the name of minor 0 and the minor of b; give :0 or :1"));
+  }
+  EXPECT_EQ(d->ctl_json({"info", ":1"}).at("name"), "b");
+  EXPECT_EQ(d->ctl_json({"info", "--minor", "1"}).at("name"), "b");
+  EXPECT_EQ(d->ctl_json({"bmp", "show", "incr", "--minor=1"}).at("minor"), 1);
+  const std::string files = dir / "zorv1.incr" + ", " + (dir / "zorv1.diff");
+  EXPECT_EQ(d->must({"del", ":1"}), "deleted b\nfiles that stay: " + files + "\n");
+  EXPECT_EQ(d->ctl_json({"info", "1"}).at("minor"), 0);
+}
+
 TEST_F(ctl_node, disks_come_and_go) {
   make_image(dir / "b.raw", 1 << 20);
   EXPECT_EQ(d->must({"attach", dir / "b.raw", "--read-only"}), "/dev/image/b\n");

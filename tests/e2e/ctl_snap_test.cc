@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <thread>
+
 #include "support/daemon.h"
 
 using namespace zorv_test;
@@ -95,11 +97,44 @@ TEST_F(ctl_snap, a_stop_that_has_to_wait_is_shown) {
   EXPECT_EQ(error.at("error").at("errno"), EEXIST) << "nobody shares a snapshot's files";
   d->must({"start", "older"});
   d->must({"start", "zorv2"});
-  d->must({"stop", "zorv2"});
+  EXPECT_EQ(d->must({"stop", "zorv2"}),
+            "zorv2 still serves older snaps; it is stopped when these have stopped: older\n");
   EXPECT_EQ(d->ctl_json({"info", "zorv2"}).at("stop_pending"), 1);
   EXPECT_THAT(d->must({"list"}), HasSubstr("stop pending"));
-  d->must({"stop", "older"});
-  EXPECT_EQ(d->ctl_json({"info", "zorv2"}).at("started"), 0);
+  EXPECT_EQ(d->ctl_json({"del", "zorv2"}).at("awaits"), json::array({"older"}));
+  program_result waited{};
+  std::thread waiter([&] { waited = d->ctl({"del", "--wait", "zorv2"}); });
+  EXPECT_TRUE(eventually([&] {
+    const std::string log = d->log();
+    const std::size_t first = log.find("Postponing delete");
+    return log.find("Postponing delete", first + 1) != std::string::npos;
+  }));
+  EXPECT_EQ(d->must({"stop", "older"}), "stopped older\n");
+  waiter.join();
+  EXPECT_EQ(waited.status, 0) << waited.err;
+  EXPECT_THAT(d->must({"list"}), testing::Not(HasSubstr("zorv2")));
+}
+
+TEST_F(ctl_snap, what_is_deleted_is_said_and_asked) {
+  serve();
+  const json snap = add("old");
+  d->must({"start", "old"});
+  d->must({"stop", "old"});
+  const std::string files = snap.at("cow_bmp_fname").get<std::string>() + ", " +
+                            snap.at("cow_data_fname").get<std::string>();
+  const auto at_terminal = [&](const std::string& input) {
+    return run_program(
+        {"script", "-qec", std::string(ZORVCTL_PATH) + " --socket " + d->control() + " del old",
+         "/dev/null"},
+        input);
+  };
+  const program_result no = at_terminal("n\n");
+  EXPECT_EQ(no.status, 1);
+  EXPECT_THAT(no.out, HasSubstr("Delete the snap old (minor 1) and the COW files " + files + "?"));
+  EXPECT_EQ(d->ctl_json({"info", "old"}).at("started"), 0) << "it is still there";
+  const program_result yes = at_terminal("y\n");
+  EXPECT_EQ(yes.status, 0) << yes.out;
+  EXPECT_THAT(yes.out, HasSubstr("files deleted: " + files));
 }
 
 TEST_F(ctl_snap, which_parts_hold_data) {
