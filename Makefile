@@ -1,9 +1,10 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # A thin front: the work is in CMakePresets.json and scripts/.
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FORMATTED = $(shell git ls-files '*.cc' '*.h' '*.c')
 
-.PHONY: all demo test build bench install format check-format tidy soak fuzz clean deps-%
+.PHONY: all demo test build bench install format check-format check-licences tidy soak fuzz clean deps-%
 
 all: build
 
@@ -36,6 +37,13 @@ format:
 
 check-format:
 	clang-format --dry-run -Werror $(FORMATTED)
+
+# Every file says under which licence it is, and it is the one that its folder has.
+MIT = $(shell git ls-files include/zorv src/client examples packaging/zorv.pc.in)
+UNSAID = LICENSE LICENSES/% CMakePresets.json .gitignore
+check-licences:
+	@! grep -L 'SPDX-License-Identifier: MIT' $(MIT) | grep .
+	@! grep -L 'SPDX-License-Identifier: GPL-2.0-only' $(filter-out $(MIT) $(UNSAID),$(shell git ls-files)) | grep .
 
 tidy: deps-ci
 	cmake --preset dev

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-only
 # zorvd as one peer of a throughput comparison.
 #   peer.sh start IMG DIR plain|snap CHUNK   serves IMG; files only inside DIR; prints filter=URI,
 #                                            for snap also snap=URI (started), and pid=PID

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-only
 # Figures for this machine: marking, routing and maps in process, then NBD throughput.
 #   run.sh BUILD_DIR [SCRATCH_DIR]
 # With the yardstick's peers.sh named by ZORV_PEERS, zorvd is measured beside the bare file and other

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0-only
+/* SPDX-License-Identifier: MIT
  *
  * A backup agent in miniature: for every started filter it takes the Incremental bitmap and lists
  * what a backup would have to read. Only when the "backup" is safe the bits are let go; when it

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # bash completion for zorvctl
 _zorvctl_nodes() {
   "${words[@]:0:1}" "${socket[@]}" --json list "$@" 2>/dev/null |

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-only
 # The main job on a disk that it makes: serve, track, snapshot, overwrite, prove the snapshot, list
 # the changed ranges, restart, resume, prove again, and show what a crash does to the bitmaps.
 #   demo.sh BUILD_DIR

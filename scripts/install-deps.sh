@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: GPL-2.0-only
 # Installs what the build, the tests and the demo need on Debian 12. Does nothing when all is there.
 #   install-deps.sh demo | test | ci | bench
 set -eu

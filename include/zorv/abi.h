@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0-only
+/* SPDX-License-Identifier: MIT
  *
  * The command numbers and argument records of the zorv control device, in plain C. Sizes and
  * offsets, padding included, are the interface; integers are little-endian, strings end with NUL.

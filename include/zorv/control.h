@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0-only
+/* SPDX-License-Identifier: MIT
  *
  * The messages of zorvd's control socket, in plain C. docs/control-protocol.md tells how they are
  * used. Integers are little-endian, structures have no hidden padding.

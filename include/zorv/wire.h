@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0-only
+// SPDX-License-Identifier: MIT
 // Strings and numbers of the control socket's host requests, for both ends of it.
 #pragma once
 

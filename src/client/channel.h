@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0-only
+// SPDX-License-Identifier: MIT
 // One connection to the daemon: a request goes, its reply comes.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0-only
+// SPDX-License-Identifier: MIT
 // The C interface over one channel. Nothing throws across it.
 #include "zorv/client.h"
 

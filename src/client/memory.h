@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0-only
+// SPDX-License-Identifier: MIT
 // Whether memory of this process can be read or written, without touching it by an instruction.
 //
 // A command takes addresses from its caller. A bad one must be EFAULT, as it is with ioctl(2), and
