@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FORMATTED = $(shell git ls-files '*.cc' '*.h' '*.c')
 
-.PHONY: all demo test build bench install format check-format check-licences tidy soak fuzz clean deps-%
+.PHONY: all demo test torment build bench install format check-format check-licences tidy soak fuzz clean deps-%
 
 all: build
 
@@ -20,11 +20,16 @@ build: deps-build
 demo: deps-demo build
 	@scripts/demo.sh build/release
 
-# Builds everything with warnings as errors and runs every test.
+# Builds everything with warnings as errors, runs every test, and torments the release build.
 test: deps-test
 	cmake --preset dev
 	cmake --build --preset dev -j $(JOBS)
 	ctest --preset dev -j $(JOBS)
+	@$(MAKE) --no-print-directory torment
+
+# Crashes, failing syncs, names that lead elsewhere: one line for each behaviour.
+torment: deps-test build
+	@scripts/torment.sh build/release
 
 bench: deps-bench build
 	bench/run.sh build/release
