@@ -81,7 +81,7 @@ TEST_P(snap_restart, while_clients_read_and_write_loses_nothing_that_a_snapshot_
     for (const auto& w : writers) w->stop();
     stop.store(true);
     reader.join();
-    restart({"old", "new"});
+    restart({"new", "old"});
     EXPECT_GT(copied("new"), 0U);
     EXPECT_TRUE(show("old") == original);
     EXPECT_TRUE(show("new") == second);

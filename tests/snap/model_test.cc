@@ -90,7 +90,15 @@ struct model_test : snap_test, testing::WithParamInterface<int> {
     snaps.remove_if([&s](const model_snap& o) { return &o == &s; });
     if (!snaps.empty() && snaps.front().del_pending) model_destroy(snaps.front());
   }
+  // What it had is gone; older ones showed some of it.
+  void lose(const model_snap& s) {
+    for (auto& o : snaps) {
+      if (&o == &s) return;
+      o.stale = o.stale || (s.ever_started && !o.started);
+    }
+  }
   void start_snap(model_snap& s) {
+    lose(s);
     note(c.bdev() != nullptr ? "start" : "start without opener", s.minor);
     ASSERT_EQ(start(s.minor), 0) << log.errors();
     s.started = true;
@@ -200,6 +208,7 @@ struct model_test : snap_test, testing::WithParamInterface<int> {
   }
   void delete_snap(model_snap& s) {
     note("del", s.minor);
+    lose(s);
     ASSERT_EQ(del(s.minor), 0) << log.errors();
     model_stop(s);
     if (s.started) s.del_pending = true;

@@ -146,6 +146,7 @@ int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
   scope_exit free_bitmaps([&f] {
     zorv_drop_dirty_requests(&f);
     zorv_block_close_bmps(&f);
+    zorv_record_detach(&f);
     kernel::vfree(f.incr_bmp);
     kernel::vfree(f.diff_bmp);
     f.incr_bmp = f.diff_bmp = nullptr;
@@ -160,6 +161,7 @@ int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
 
   set_bitmap_dir(f, req->bmp_dir);
   int rc = zorv_block_open_bmps(&f);
+  if (rc == 0) rc = zorv_record_attach(&f);
   if (rc != 0) return rc;
   // An unusable file leaves its bitmap all set, which is what an unknown past means; so does a
   // load that could not even begin.

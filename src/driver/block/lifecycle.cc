@@ -70,6 +70,8 @@ void take_snapshot(zorv_blkdev* filter, zorv_blkdev* snap) REQUIRES(filter->f.sn
     }
   }
   snap->s.snap_valid.store(zorv_snap_valid_at_start(snap, "zorv_block_start_device"));
+  snap->s.instant = zorv_record_started(&filter->f, snap->s.life_id);
+  if (snap->s.snap_valid.load() == 0) (void)zorv_record_lost(&filter->f, snap->s.life_id);
   snap->s.has_instant.store(1);
   snap->started.store(1);
 }
@@ -121,6 +123,10 @@ int start_snap(zorv_blkdev* snap) {
     if (rc == 0) {
       rc = bring_up_snap(filter_of(snap), snap, st.filter_bdev, deadline);
       if (rc == 0) {
+        if (zorv_record_save(&filter_of(snap)->f) != 0) {
+          zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) can't be resumed after a restart", op,
+                   zorv_blk_major, snap->minor);
+        }
         zorv_log(3, "%s(): zorv(%d, %d) has been started successfully", op, zorv_blk_major,
                  snap->minor);
       } else {
@@ -248,6 +254,8 @@ bool stop_snap(zorv_blkdev* snap, zorv_blkdev* filter) {
     {
       // No request is being routed now, and none will find the snap started.
       rzwrite_guard routing(&f.snap_rwlock);
+      // First: a held write that finds the snap stopped sees that it would be missed.
+      zorv_record_stopped(&f, snap->s.life_id);
       snap->s.stop_pending.store(0);
       snap->started.store(0);
     }

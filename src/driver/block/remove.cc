@@ -67,8 +67,12 @@ void destroy_filter_part(zorv_blkdev* dev) {
 }
 
 void destroy_snap_part(zorv_blkdev* dev, int remove_files) {
-  if (remove_files == 1) zorv_cowfiles_unlink(dev);
-  zorv_snap_unlink(&dev->s.filter->f, dev);
+  zorv_filter& f = dev->s.filter->f;
+  if (remove_files == 1) {
+    if (zorv_record_lost(&f, dev->s.life_id)) (void)zorv_record_save(&f);
+    zorv_cowfiles_unlink(dev);
+  }
+  zorv_snap_unlink(&f, dev);
 }
 
 // No request is being submitted to the node afterwards, and none will be.
@@ -100,6 +104,7 @@ void tear_down(zorv_blkdev* dev, int remove_files) {
   if (!is_snap) {
     zorv_handout_drop_all(&dev->f);
     zorv_block_close_bmps(&dev->f);
+    zorv_record_detach(&dev->f);
     kernel::vfree(dev->f.incr_bmp);
     kernel::vfree(dev->f.diff_bmp);
     dev->f.incr_bmp = dev->f.diff_bmp = nullptr;

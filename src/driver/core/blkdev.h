@@ -22,6 +22,7 @@
 #include "driver/snap/cowbmp.h"
 #include "driver/snap/cowqueue.h"
 #include "driver/snap/cowthread.h"
+#include "driver/snap/record.h"
 #include "driver/util/file.h"
 #include "kernel/blkdev.h"
 #include "zorv/abi.h"
@@ -30,7 +31,6 @@ namespace zorv {
 
 struct zorv_blkdev;
 
-constexpr u32 snap_id_bytes = 16;         // random
 constexpr u32 cowfile_seal_bytes = 4096;  // behind the contents of a COW file
 
 // What the bitmap, request and COW-thread operations work on.
@@ -72,6 +72,7 @@ struct zorv_filter {
   zorv_mark_state marks[2];
   zorv_hold holds[zorv_hold_kinds];  // by kind
   bool record_due = false;           // under bmp_lock: the record of the snaps has to be changed
+  zorv_record record;
   zorv_mark_worker worker;
   kernel::list_of<zorv_handout> handouts;  // under bmp_lock
   zorv_companion companion;
@@ -88,8 +89,6 @@ struct zorv_filter {
   rzrwlock snap_rwlock;             // routing (read) against snap start and stop (write)
   std::atomic<u32> inflight{0};     // requests that entered since it was last cleared
   std::atomic<u32> cow_writing{0};  // tasks that write to COW data files
-  // Invalidations under way: what waits for a copy goes without it only after they have ended.
-  std::atomic<u32> invalidating{0};
   // Snap starts and resumes under way; the filter is not stopped meanwhile. Raised under dev_mutex.
   std::atomic<u32> snaps_starting{0};
   zorv_aio aio;
@@ -119,6 +118,8 @@ struct zorv_snap {
   u64 cow_data_size = 0;            // bytes
   u32 cow_bmp_size = 0;             // bytes
   std::atomic<u32> has_instant{0};  // has been started or resumed since it was created
+  u64 instant =
+      0;  // its number in the record, 0 while it is unknown; under the filter's snap_rwlock
   // Counts starts, resumes and stops: what was begun in another life is not carried on. Changed
   // under file_lock (write).
   std::atomic<u32> life{0};

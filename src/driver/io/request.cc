@@ -107,7 +107,7 @@ bool must_hold(const zorv_filter& f, const kernel::bio* bio) {
   rzread_guard walk(&f.snaps_lock);
   for (zorv_blkdev* t = f.snaps.back(); t != nullptr; t = f.snaps.prev_of(t->s.snap_link)) {
     if (t->started.load() == 0) continue;
-    if (t->s.snap_valid.load() == 0) return f.invalidating.load() != 0 && served;
+    if (t->s.snap_valid.load() == 0) return f.record.stale.load() && served;
     const chunk_range r = chunks_of(bio, t->s.chunk_shift);
     u64 copied = 0;
     bool allocated = false;
@@ -170,6 +170,7 @@ outcome route(zorv_blkdev* dev, kernel::bio* bio, gfp_t flags) {
   if (kernel::bio_is_write(bio) && kernel::bio_sectors(bio) > 0) {
     zorv_block_mark_extents(&f, bio->bi_sector, kernel::bio_sectors(bio), bio);
     const u64 event = zorv_marks_event();
+    if (f.record.stale.load()) zorv_record_wanted(&f);  // a snap would miss the write
     if (zorv_marks_refused(&f)) return {false, 0, -EIO};
     if (zorv_marks_pending(&f)) return {true, event, 0};
   }

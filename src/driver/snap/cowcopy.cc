@@ -200,14 +200,6 @@ int mark_chunks_cowed(cow_worker* w, zorv_blkdev* t, const cow_batch& b) {
 
 }  // namespace
 
-snap_invalidation::snap_invalidation(zorv_filter* f) : f_(f) { f->invalidating.fetch_add(1); }
-
-snap_invalidation::~snap_invalidation() {
-  f_->invalidating.fetch_sub(1);
-  f_->cowqueue.events.fetch_add(1);  // the next pass lets the writes go
-  kernel::wake_up_all(&f_->cowqueue.wait);
-}
-
 namespace {
 
 void disown(zorv_blkdev* snap) {
@@ -220,7 +212,8 @@ void disown(zorv_blkdev* snap) {
 
 void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
   zorv_filter& f = snap->s.filter->f;
-  const snap_invalidation guard(&f);
+  // First: a write that finds the snap invalid waits until the record on disk says so too.
+  (void)zorv_record_lost(&f, snap->s.life_id);
   {
     // The oldest first: a read that takes a newer snap for one without the chunk, because that is
     // invalid, finds its own snap invalid when it looks again before it ends.

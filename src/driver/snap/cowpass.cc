@@ -150,8 +150,14 @@ decision decide_filter(pass* p, cow_request* r, s32 snap_minor) {
   if (!r->is_write) return forward(f, r);
   const need n = next_need(f, r, snap_minor);
   const bool free = !n.snap;
-  if (free && f->invalidating.load() == 0) return forward(f, r);
-  if (free || p->batch == nullptr) {
+  if (free && f->record.stale.load()) {
+    // A snap has been stopped or lost since the write came, and would miss it.
+    zorv_record_wanted(f);
+    const bool refused = (f->marks_refused.load() >> zorv_hold_record & 1) != 0;
+    return refused ? decision{verdict::ended, -EIO} : decision{verdict::keep};
+  }
+  if (free) return forward(f, r);
+  if (p->batch == nullptr) {
     r->waits_since = p->copies;
     return {verdict::keep};
   }

@@ -122,19 +122,6 @@ void cow_serve_read(cow_reader* reader);
 //   returns  0 | -EIO
 [[nodiscard]] int cow_read_and_wait(zorv_filter* f, kernel::bio* bio);
 
-// While one lives, no write goes without its copy because a snap is invalid: the files that tell a
-// resume so after a power cut are still being emptied. For filters with a COW thread.
-class snap_invalidation {
- public:
-  explicit snap_invalidation(zorv_filter* f);
-  ~snap_invalidation();
-  snap_invalidation(const snap_invalidation&) = delete;
-  snap_invalidation& operator=(const snap_invalidation&) = delete;
-
- private:
-  zorv_filter* f_;
-};
-
 // The snap and every older started one can no longer be trusted: marked so, their copies dropped.
 // Waits for the copying tasks' writes, so it is not for the middle of one's own.
 //   op     the operation that failed, for the message

@@ -24,6 +24,29 @@ int reopen_files(zorv_blkdev* snap, const char** why) {
   return rc != 0 ? rc : zorv_blkbmp_init(&s.datablock_bmp);
 }
 
+// Puts a stopped snap where its instant belongs, unless it stands right: before the first whose
+// instant came later. One of which no instant is known (0) shows nothing; it stands before all.
+void put_in_order(zorv_filter* f, zorv_blkdev* snap) {
+  rzwrite_guard order(&f->snaps_lock);
+  zorv_blkdev* later = nullptr;  // the first
+  bool right = true;
+  bool passed = false;
+  for (zorv_blkdev* o = f->snaps.front(); o != nullptr; o = f->snaps.next_of(o->s.snap_link)) {
+    if (o == snap) passed = true;
+    if (o == snap || o->s.has_instant.load() == 0) continue;
+    const bool is_later = o->s.instant > snap->s.instant;
+    right = right && is_later == passed;
+    if (is_later && later == nullptr) later = o;
+  }
+  if (right) return;
+  snap->s.snap_link.unlink();
+  if (later != nullptr) {
+    snap->s.snap_link.insert_after(later->s.snap_link.prev);
+  } else {
+    f->snaps.push_back(&snap->s.snap_link);
+  }
+}
+
 int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req) {
   zorv_snap& s = snap->s;
   const char* why = nullptr;
@@ -41,20 +64,27 @@ int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req) {
              why);
   } else if (!served) {
     zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) has no COW thread", op, zorv_blk_major, snap->minor);
-    rzread_guard files(&s.file_lock);
-    zorv_snap_disown_files(snap);
   }
-  const bool good = why == nullptr && served;
+  const char* missed = nullptr;
+  bool good = why == nullptr && served && req->snap_valid != 0;
+  {
+    // Every request meets the snap wholly stopped or wholly started.
+    rzwrite_guard routing(&s.filter->f.snap_rwlock);
+    if (good) missed = zorv_record_resumed(&s.filter->f, s.life_id, &s.instant);
+    good = good && missed == nullptr;
+    put_in_order(&s.filter->f, snap);
+    s.snap_valid.store(good ? req->snap_valid : 0);
+    s.stop_pending.store(req->stop_pending);
+    s.del_pending.store(req->del_pending);
+    s.has_instant.store(1);
+    snap->started.store(1);
+  }
+  if (missed != nullptr) {
+    zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) %s", op, zorv_blk_major, snap->minor, missed);
+  }
   if (!good) {
     zorv_log(1, "%s(): Invalidating snap device zorv(%d, %d)", op, zorv_blk_major, snap->minor);
   }
-  // Every request meets the snap wholly stopped or wholly started.
-  rzwrite_guard routing(&s.filter->f.snap_rwlock);
-  s.snap_valid.store(good ? req->snap_valid : 0);
-  s.stop_pending.store(req->stop_pending);
-  s.del_pending.store(req->del_pending);
-  s.has_instant.store(1);
-  snap->started.store(1);
   return 0;
 }
 

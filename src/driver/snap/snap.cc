@@ -21,6 +21,8 @@ int zorv_snap_open_files(zorv_blkdev* snap) {
   s.life.fetch_add(1);
   int rc = zorv_cowfiles_open_new(snap);
   if (rc == 0) rc = zorv_cowbmp_init(&s.cowbmp, s.chunk_cnt);
+  // What the files held goes; older snaps may have shown some of it.
+  if (rc == 0 && zorv_record_lost(&s.filter->f, s.life_id)) (void)zorv_record_save(&s.filter->f);
   if (rc == 0) rc = zorv_cowfiles_make(snap);
   if (rc != 0) return rc;
   if (s.filter->f.cowthread.pid.load() == 0) zorv_snap_disown_files(snap);

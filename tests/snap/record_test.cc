@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Which snaps a resume believes, and in which order it puts them.
+#include "kernel/state.h"
+#include "snap/snap_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+using kernel::fault_site;
+
+namespace {
+
+struct record_test : snap_test {
+  record_test() : snap_test(2 * MiB) {}
+  bool valid(u32 snap) { return proc("zorv/zorv" + std::to_string(snap) + "/snap_valid") == "1\n"; }
+  int write(u64 offset = MiB, u8 value = 9) { return client(filter).fill(offset, 4096, value); }
+  // What a resume comes to; the snap is started afterwards.
+  bool resumed(u32 snap) {
+    log.clear();
+    EXPECT_EQ(resume(snap), 0) << log.errors();
+    return valid(snap);
+  }
+  // The driver anew, the snaps a and b as nodes 1 and 2, stopped.
+  void restart(bool snaps = true) {
+    unload();
+    load();
+    filter = add_filter(disk.path());
+    EXPECT_EQ(start(filter), 0);
+    for (const char* name : {"a", "b"}) {
+      if (snaps) add_snap({.files = dir / name});
+    }
+  }
+};
+
+}  // namespace
+
+TEST_F(record_test, a_snap_that_has_missed_a_write_is_not_resumed_as_valid) {
+  const u32 a = add_started_snap({.files = dir / "a"}), b = add_started_snap({.files = dir / "b"});
+  EXPECT_EQ(write(0), 0);
+  struct {
+    const char* what;
+    std::function<void()> meanwhile;
+    bool valid;
+  } table[] = {
+      {"nothing", [] {}, true},
+      {"restart", [this] { restart(); }, true},
+      {"restart of the filter", [this] { EXPECT_EQ(stop(filter) | start(filter), 0); }, true},
+      {"the newer one first", [&] { EXPECT_EQ(resume(b) | stop(b), 0); }, true},
+      {"the older one alone",
+       [&] {
+         EXPECT_FALSE(resumed(a));
+         EXPECT_TRUE(log.has("zorv(100, 1) needs a newer snap that has not been resumed"));
+         EXPECT_EQ(stop(a), 0);
+       },
+       true},
+      {"a write", [this] { EXPECT_EQ(write(), 0); }, false},
+      {"a write after a restart",
+       [this] {
+         restart();
+         EXPECT_EQ(write(), 0);
+       },
+       false},
+      {"a write and a restart",
+       [this] {
+         EXPECT_EQ(write(), 0);
+         restart();
+       },
+       false},
+      {"a write and a power cut",
+       [this] {
+         kernel::fault_record_unsynced_begin();
+         EXPECT_EQ(write(), 0);
+         kernel::fault_power_cut();
+         kernel::fault_record_unsynced_end();
+         restart();
+       },
+       false},
+      {"the newer one started anew", [&] { EXPECT_EQ(start(b) | stop(b), 0); }, false},
+      {"the newer one deleted",
+       [&] {
+         EXPECT_EQ(del(b), 0);
+         restart();
+       },
+       false}};
+  for (const auto& t : table) {
+    EXPECT_EQ(stop(b) | stop(a), 0);
+    t.meanwhile();
+    const bool newer = std::filesystem::exists(dir / "b.cow") && resumed(b);
+    EXPECT_EQ(resumed(a), t.valid) << t.what << log.errors();
+    EXPECT_EQ(log.has("has missed writes"), !t.valid) << t.what;
+    if (t.valid) {
+      EXPECT_TRUE(newer) << t.what;
+      for (const u32 snap : {a, b}) expect_unchanged(snap);
+      continue;
+    }
+    EXPECT_EQ(stop(b) | stop(a), 0);
+    disk.poke(0, pattern(0, disk_bytes));
+    EXPECT_EQ(start(a) | start(b), 0);
+    EXPECT_EQ(write(0), 0);
+  }
+}
+
+TEST_F(record_test, a_held_write_that_a_stop_lets_go_is_missed) {
+  const u32 a = add_started_snap({.files = dir / "a"});
+  kernel::block_device* bdev = client(filter).bdev();
+  disk.serve(memory_disk::serving::held);
+  pending_io held(bdev, kernel::WRITE, 0, bytes(512, 1));
+  EXPECT_TRUE(eventually([this] { return disk.held_count() > 0; }));
+  std::thread stopper([&] { EXPECT_EQ(stop(a), 0); });
+  EXPECT_TRUE(eventually([a] { return zorv_blkdev_arr[a]->started.load() == 0; }));
+  disk.serve(memory_disk::serving::at_once);
+  disk.release_all();
+  EXPECT_EQ(held.wait(), 0);
+  stopper.join();
+  EXPECT_TRUE(!resumed(a) || shown(a, 0, disk_bytes) == pattern(0, disk_bytes));
+}
+
+TEST_F(record_test, resumed_snaps_stand_in_the_order_of_their_instants_before_those_of_this_life) {
+  const u32 a = add_started_snap({.files = dir / "a"}), b = add_started_snap({.files = dir / "b"});
+  EXPECT_EQ(write(0), 0);
+  EXPECT_EQ(stop(a) | stop(b), 0);
+  restart(false);
+  const u32 n = add_started_snap({.minor = 7});
+  EXPECT_EQ(add_snap({.minor = static_cast<s32>(b), .files = dir / "b"}), b);
+  EXPECT_EQ(add_snap({.minor = static_cast<s32>(a), .files = dir / "a"}), a);
+  EXPECT_TRUE(resumed(b) && resumed(a));
+  EXPECT_EQ(proc("zorv/zorv0/snaps"), "1\n2\n7\n");
+  const bytes now = disk.peek(0, disk_bytes);
+  EXPECT_EQ(write(0, 1) | write(MiB, 1), 0);
+  EXPECT_TRUE(shown(n, 0, disk_bytes) == now) << "the copies are the newest one's";
+  for (const u32 snap : {a, b}) expect_unchanged(snap);
+  // A start that fails moves nobody.
+  EXPECT_EQ(stop(a), 0);
+  kernel::fault_arm(fault_site::file_open, 1, 1, EIO);
+  EXPECT_EQ(start(a), -EIO);
+  EXPECT_EQ(proc("zorv/zorv0/snaps"), "1\n2\n7\n");
+}
+
+TEST_F(record_test, what_cannot_be_written_is_removed_or_noted_or_the_write_fails) {
+  const u32 a = add_started_snap({.files = dir / "a"});
+  for (const u32 way : {0U, 1U, 2U}) {
+    client c(filter);
+    EXPECT_EQ(c.fill(0, 4096, 1) | stop(a), 0);  // the bitmaps' files are stale
+    kernel::fault_arm(fault_site::file_write, 1, -1, EIO);
+    if (way > 0) kernel::fault_arm(fault_site::file_unlink, 1, -1, EIO);
+    if (way == 2) kernel::fault_arm(fault_site::state_write, 1, -1, EIO);
+    EXPECT_EQ(c.fill(0, 4096, 2), way == 2 ? -EIO : 0) << way << log.errors();
+    EXPECT_TRUE(log.has("zorv0.snaps: rc=-5")) << way;
+    kernel::fault_disarm_all();
+    if (way == 2) EXPECT_TRUE(eventually([&] { return c.fill(0, 4096, 2) == 0; }));
+    EXPECT_EQ(std::filesystem::exists(dir / "zorv0.snaps"), way != 0);
+    log.clear();
+    c.close();
+    unload();
+    load();
+    filter = add_filter(disk.path());
+    EXPECT_EQ(start(filter), 0);
+    EXPECT_EQ(add_snap({.files = dir / "a"}), a);
+    EXPECT_FALSE(resumed(a)) << way;
+    EXPECT_EQ(stop(a) | start(a), 0);
+  }
+}
+
+TEST_F(record_test, an_invalid_snap_whose_files_cannot_say_so_stays_invalid) {
+  const u32 a = add_started_snap({.files = dir / "a"});
+  client c(filter);
+  EXPECT_EQ(c.fill(0, 4096, 1), 0);
+  kernel::fault_arm(fault_site::file_write, 1, 2, EIO);  // the copy, and the emptying
+  EXPECT_EQ(c.fill(MiB, 4096, 1), 0);
+  kernel::fault_disarm_all();
+  EXPECT_FALSE(valid(a)) << log.errors();
+  EXPECT_GT(std::filesystem::file_size(dir / "a.cow"), disk_bytes);
+  EXPECT_EQ(stop(a), 0);
+  EXPECT_FALSE(resumed(a));
+}
