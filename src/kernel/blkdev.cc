@@ -10,9 +10,12 @@
 #include <cassert>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <string>
 
 #include "kernel/fault.h"
 #include "kernel/mem.h"
+#include "kernel/printk.h"
 
 namespace kernel {
 namespace {
@@ -171,16 +174,35 @@ void blkdev_end_submit(block_device* bdev) {
 
 // ---- majors and opening --------------------------------------------------------------------
 
+// The host's driver of that major, or "".
+static std::string host_driver_of(u32 major) {
+  std::ifstream devices("/proc/devices");
+  std::string line;
+  while (std::getline(devices, line) && line != "Block devices:") {
+  }
+  u32 number = 0;
+  while (devices >> number >> line) {
+    if (number == major) return line;
+  }
+  return "";
+}
+
 int register_blkdev(u32 major, const char* name) {
+  might_sleep("register_blkdev");
   if (const int error = fault_check(fault_site::blkdev_register)) return error;
   if (major >= max_majors) return -EINVAL;
-  constexpr u32 highest_dynamic_major = 254;
+  if (const std::string driver = host_driver_of(major); major != 0 && !driver.empty()) {
+    printk("<3>register_blkdev: major %u is taken by the host's driver %s\n", major,
+           driver.c_str());
+    return -EBUSY;
+  }
+  constexpr u32 lowest_dynamic_major = 512, highest_dynamic_major = 3839;
   spin_guard lock(&majors.lock);
   u32 chosen = major;
   if (major == 0) {
     chosen = highest_dynamic_major;
-    while (chosen > 0 && majors.names[chosen][0] != 0) --chosen;
-    if (chosen == 0) return -EBUSY;
+    while (chosen >= lowest_dynamic_major && majors.names[chosen][0] != 0) --chosen;
+    if (chosen < lowest_dynamic_major) return -EBUSY;
   }
   if (majors.names[chosen][0] != 0) return -EBUSY;
   std::snprintf(majors.names[chosen], sizeof(majors.names[chosen]), "%s",
@@ -194,6 +216,11 @@ void unregister_blkdev(u32 major, const char* name) {
   if (std::strncmp(majors.names[major], name, sizeof(majors.names[major]) - 1) == 0) {
     majors.names[major][0] = 0;
   }
+}
+
+bool blkdev_registered(u32 major) {
+  spin_guard lock(&majors.lock);
+  return major < max_majors && majors.names[major][0] != 0;
 }
 
 void blk_register_probe(blk_probe_fn fn) {

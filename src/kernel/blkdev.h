@@ -127,9 +127,12 @@ void put_disk(gendisk* disk);
 // Drops one reference of the queue; for blk_cleanup_queue.
 void blk_release_queue(request_queue* q);
 
-// major 0 asks for a free one, which is returned; else 0.
-//   returns  -EBUSY (taken) | -EINVAL (> 4095)
+// major 0 asks for a free one, which is returned; else 0. A free one is beyond what the host gives
+// to its own drivers, now or later.
+//   returns  -EBUSY (taken, here or by a driver of the host) | -EINVAL (> 4095)
 [[nodiscard]] int register_blkdev(u32 major, const char* name);
+// Whether somebody here has it. A device node of the host that bears such a number is none of ours.
+[[nodiscard]] bool blkdev_registered(u32 major);
 void unregister_blkdev(u32 major, const char* name);
 
 // Asked, in order of registration, for a device number that no disk has: a host block device is

@@ -59,7 +59,8 @@ struct nameidata {
 };
 
 // Block device nodes of the host are told by their own device numbers.
-//   returns  0 (release with path_put) | -ENOENT, -ENOTDIR, -EACCES, -ENAMETOOLONG, -ELOOP
+//   returns  0 (release with path_put) | -ENOENT, -ENOTDIR, -EACCES, -ENAMETOOLONG, -ELOOP |
+//            -ENXIO (a block device of the host whose number is registered here)
 [[nodiscard]] int path_lookup(const char* path, u32 flags, nameidata* nd);
 void path_put(nameidata* nd);
 // The directory's own mutex; held across look-up and change of a name in it.

@@ -99,6 +99,8 @@ int namespace_lookup(const std::string& path, dentry** out) {
 int host_lookup(const std::string& path, bool follow, dentry** out) {
   struct stat st;
   if ((follow ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st)) != 0) return -errno;
+  // Ours are in the namespace; by its number this one would be taken for one of them.
+  if (S_ISBLK(st.st_mode) && blkdev_registered(major(st.st_rdev))) return -ENXIO;
   std::string spelled = path;
   while (spelled.size() > 1 && spelled.back() == '/') spelled.pop_back();
   dentry* d = new_dentry(std::move(spelled));

@@ -3,14 +3,19 @@
 #include "kernel/blkdev.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <atomic>
+#include <fstream>
+#include <iostream>
 #include <numeric>
 #include <thread>
 #include <vector>
 
 #include "host/disk/memory.h"
 #include "kernel/fault.h"
+#include "kernel/fs.h"
 #include "support/driver_fixture.h"
 
 using namespace kernel;
@@ -20,6 +25,7 @@ using zorv_test::client;
 using zorv_test::eventually;
 using zorv_test::log_capture;
 using zorv_test::pending_io;
+using zorv_test::temp_dir;
 
 namespace {
 
@@ -235,4 +241,28 @@ TEST(majors, are_taken_once) {
   EXPECT_EQ(register_blkdev(taken, "other"), 0);
   unregister_blkdev(taken, "other");
   EXPECT_EQ(register_blkdev(4096, "big"), -EINVAL);
+}
+
+TEST(majors, of_the_host_stay_its_own) {
+  constexpr u32 majors_of_a_host = 512;
+  std::ifstream devices("/proc/devices");
+  std::string word;
+  while (devices >> word && word != "Block") {
+  }
+  u32 number = 0, seen = 0;
+  for (devices >> word; devices >> number >> word; ++seen) {
+    EXPECT_EQ(register_blkdev(number, "test"), -EBUSY) << word;
+  }
+  EXPECT_GT(seen, 0U);
+  const int major = register_blkdev(0, "test");
+  EXPECT_GE(major, static_cast<int>(majors_of_a_host));
+  // A node of the host that has come to a number of ours all the same.
+  const temp_dir dir;
+  if (::mknod((dir / "node").c_str(), S_IFBLK | 0600, makedev(static_cast<u32>(major), 0)) == 0) {
+    nameidata nd;
+    EXPECT_EQ(path_lookup((dir / "node").c_str(), LOOKUP_FOLLOW, &nd), -ENXIO);
+  } else {
+    std::cout << "no device nodes here\n";
+  }
+  unregister_blkdev(static_cast<u32>(major), "test");
 }
