@@ -230,7 +230,13 @@ TEST_P(nbd_replies, a_disk_error_reaches_the_client_and_the_next_request_works) 
     EXPECT_EQ(c.call(cmd_write_zeroes, 5 * MiB - length / 2, length).error, wire::eio);
   }
   kernel::fault_arm(kernel::fault_site::bio_flush, 1, 1, ENOSPC);
-  EXPECT_EQ(c.call(cmd_flush, 0, 0).error, wire::enospc);
+  const auto flush = c.call(cmd_flush, 0, 0);
+  EXPECT_EQ(flush.error, wire::enospc);
+  EXPECT_EQ(flush.error_offset, ~u64{0}) << "a flush fails at no place";
+  kernel::fault_arm(kernel::fault_site::bio_flush, 1, 1, EIO);
+  const auto fua = c.call(cmd_write, 0, MiB, cmd_flag_fua, bytes(MiB));
+  EXPECT_EQ(fua.error, wire::eio);
+  EXPECT_EQ(fua.error_offset, ~u64{0}) << "nor does the one behind a large FUA write";
   disk.heal();
   EXPECT_EQ(c.call(cmd_read, 5 * MiB, 4096).error, 0U);
   EXPECT_EQ(c.call(cmd_flush, 0, 0).error, 0U);

@@ -230,6 +230,10 @@ void nbd_test::TearDown() {
   EXPECT_EQ(openers(), 0);
 }
 
-std::vector<zorv::nbd_export> nbd_test::list() { return offered; }
+std::vector<zorv::nbd_export> nbd_test::list() {
+  const auto now = offered;
+  if (after_list) after_list();
+  return now;
+}
 
 }  // namespace zorv_test

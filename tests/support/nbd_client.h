@@ -2,6 +2,7 @@
 // A server over memory disks, and a client that says exactly what a test wants to be said.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -112,6 +113,7 @@ class nbd_test : public ::testing::Test, public zorv::nbd_export_source {
   log_capture log;
   zorv::memory_disk disk{"disk", disk_bytes};
   std::vector<zorv::nbd_export> offered;
+  std::function<void()> after_list;  // whenever the server has looked
   zorv::nbd_options options;
   std::unique_ptr<zorv::nbd_server> server;
 };

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "host/nbd/export.h"
 
+#include <algorithm>
+#include <bit>
+
 #include "driver/core/blkdev.h"
+#include "host/nbd/wire.h"
 
 namespace zorv {
 
@@ -12,6 +16,12 @@ nbd_export describe(const zorv_blkdev& dev) {
   e.name = dev.name;
   e.dev = kernel::mkdev(static_cast<u32>(zorv_blk_major), dev.minor);
   e.size_bytes = dev.disk->capacity_sectors.load(std::memory_order_relaxed) << kernel::sector_shift;
+  const kernel::queue_limits& limits = dev.disk->queue->limits;
+  e.min_block_bytes = std::max(e.min_block_bytes, std::bit_ceil(limits.logical_block_bytes));
+  e.preferred_block_bytes =
+      std::max({e.preferred_block_bytes, e.min_block_bytes,
+                std::bit_ceil(limits.physical_block_bytes), std::bit_ceil(limits.io_min_bytes)});
+  e.preferred_block_bytes = std::min(e.preferred_block_bytes, nbd::max_payload_bytes);
   if (dev.dev_type == ZORV_DEV_FILTER) {
     e.description = std::string("filter over ") + dev.f.hdd_name;
     e.read_only = dev.disk->read_only.load(std::memory_order_relaxed);

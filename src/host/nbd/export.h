@@ -17,7 +17,9 @@ struct nbd_export {
   kernel::devt dev = 0;
   kernel::u64 size_bytes = 0;
   bool read_only = false;
-  bool default_candidate = false;  // the only one of these is the export named ""
+  bool default_candidate = false;            // the only one of these is the export named ""
+  kernel::u32 min_block_bytes = 512;         // the disk's, a power of two
+  kernel::u32 preferred_block_bytes = 4096;  // a power of two, no smaller
 };
 
 class nbd_export_source {

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -109,7 +110,7 @@ class haggler {
   static next go_on(bool sent) { return sent ? next::option : next::close; }
 
   bool send_infos(const nbd_export& e, bool name, bool description);
-  bool open(const nbd_export& e);
+  std::optional<nbd_export> open(std::string_view name);
   [[nodiscard]] u16 flags_of(const nbd_export& e) const;
 
   const negotiation& n_;
@@ -245,23 +246,33 @@ u16 haggler::flags_of(const nbd_export& e) const {
   return flags | flag_send_flush | flag_send_fua | flag_send_write_zeroes | flag_send_fast_zero;
 }
 
-bool haggler::open(const nbd_export& e) {
+// Opens the export of that name. A node may go, and another come to its number, between the look
+// and the opening; once it is open it stays, so who looks again then knows.
+std::optional<nbd_export> haggler::open(std::string_view name) {
+  const auto found = nbd_find_export(n_.exports, name);
+  if (!found) return std::nullopt;
   const kernel::fmode_t mode =
-      kernel::FMODE_READ | (e.read_only ? kernel::fmode_t{0} : kernel::FMODE_WRITE);
-  kernel::block_device* bdev = kernel::open_by_devnum(e.dev, mode);
-  if (kernel::is_err(bdev)) return false;
-  s_->target = e;
+      kernel::FMODE_READ | (found->read_only ? kernel::fmode_t{0} : kernel::FMODE_WRITE);
+  kernel::block_device* bdev = kernel::open_by_devnum(found->dev, mode);
+  if (kernel::is_err(bdev)) return std::nullopt;
+  auto e = nbd_find_export(n_.exports, name);
+  if (!e || e->dev != found->dev || e->read_only != found->read_only ||
+      e->size_bytes != bdev->bd_disk->capacity_sectors.load() << kernel::sector_shift) {
+    kernel::blkdev_put(bdev, mode);
+    return std::nullopt;
+  }
+  s_->target = *e;
   s_->bdev = bdev;
   s_->mode = mode;
-  s_->block_status = !context_export_.empty() && context_export_ == e.name;
-  return true;
+  s_->block_status = !context_export_.empty() && context_export_ == e->name;
+  return e;
 }
 
 haggler::next haggler::export_name() {
   const std::string_view name(reinterpret_cast<const char*>(data_.data()), data_.size());
   if (!is_text(name)) return next::close;
-  const auto e = nbd_find_export(n_.exports, name);
-  if (!e || !open(*e)) return next::close;
+  const auto e = open(name);
+  if (!e) return next::close;
   std::byte m[10 + 124] = {};
   store16(store64(m, e->size_bytes), flags_of(*e));
   return send(m, no_zeroes_ ? 10 : sizeof m) ? next::transmission : next::close;
@@ -287,7 +298,7 @@ bool haggler::send_infos(const nbd_export& e, bool name, bool description) {
   std::byte* at = store16(m, info_export);
   if (!reply(rep_info, as_text(store16(store64(at, e.size_bytes), flags_of(e))))) return false;
   at = store16(m, info_block_size);
-  at = store32(store32(store32(at, min_block_bytes), preferred_block_bytes), max_payload_bytes);
+  at = store32(store32(store32(at, e.min_block_bytes), e.preferred_block_bytes), max_payload_bytes);
   if (!reply(rep_info, as_text(at))) return false;
   if (name && !reply(rep_info, std::string(as_text(store16(m, info_name))) + e.name)) return false;
   return !description ||
@@ -305,8 +316,8 @@ haggler::next haggler::info_or_go() {
     want_description = want_description || wanted == info_description;
   }
   if (!in.at_end()) return go_on(refuse(rep_err_invalid, "the option's data is malformed"));
-  const auto e = nbd_find_export(n_.exports, name);
-  if (!e || (option_ == opt_go && !open(*e))) {
+  const auto e = option_ == opt_go ? open(name) : nbd_find_export(n_.exports, name);
+  if (!e) {
     return go_on(refuse(rep_err_unknown, name.empty() ? "there is no default export"
                                                       : "there is no started node of that name"));
   }

@@ -70,7 +70,7 @@ void transmission::ended(piece* p) {
   --r->pieces;
   if (p->result != 0 && r->failed == ok) {
     r->failed = error_of(p->result);
-    r->error_offset = p->offset;
+    if (p->bytes != 0) r->error_offset = p->offset;  // a flush is at no place
   }
   if (r->type != cmd_read || p->result != 0) {
     release(p);
@@ -98,13 +98,14 @@ void transmission::release(piece* p) {
 
 void transmission::finish(request* r) {
   const bool read = r->type == cmd_read && r->length != 0;
+  if (r->failed != ok && r->begun) lost_ = true;  // what was promised cannot be taken back
   if (r->failed != ok || (!read && r->type != cmd_block_status)) {
     while (r->parts != nullptr) {
       piece* p = r->parts;
       r->parts = p->next;
       release(p);
     }
-    reply(*r, r->failed);
+    if (!lost_) reply(*r, r->failed);
   } else if (r->type == cmd_block_status) {
     reply_status(*r);
   } else if (r->gathered) {
@@ -153,14 +154,18 @@ void transmission::reply_data(const request& r, piece* p, bool last) {
   release(p);
 }
 
+// What there is of a read with one reply; all that was asked for so far has ended.
 void transmission::reply_gathered(request* r) {
-  if (s_.structured) {
+  if (r->begun) {
+    // only data follows
+  } else if (s_.structured) {
     std::byte* at = put_chunk(out_.head(chunk_bytes + 8), r->cookie, chunk_done, chunk_offset_data,
                               8 + r->length);
     store64(at, r->offset);
   } else {
     put_simple(out_.head(simple_bytes), r->cookie, ok);
   }
+  r->begun = true;
   while (r->parts != nullptr) {
     piece* p = r->parts;
     r->parts = p->next;

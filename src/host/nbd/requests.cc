@@ -57,7 +57,6 @@ bool transmission::parse(stall* why) {
 void transmission::begin(request* r) {
   current_ = r;
   current_done_ = 0;
-  current_charge_ = 0;
   r->failed = check(*r);
   r->error_offset = nowhere;
   r->gathered = !s_.structured || (r->flags & cmd_flag_df) != 0;
@@ -103,6 +102,10 @@ error transmission::check(const request& r) const {
 bool transmission::issue(stall* why) {
   request* r = current_;
   const bool has_data = r->type == cmd_read || r->type == cmd_write || r->type == cmd_write_zeroes;
+  if (is_large(*r) && current_done_ == 0 && outstanding_ != 0) {
+    *why = stall::room;  // its reply comes in several sends, and no other may come between them
+    return false;
+  }
   while (has_data && r->failed == ok && current_done_ < r->length) {
     const bool on = r->type == cmd_read    ? issue_read(why)
                     : r->type == cmd_write ? issue_write(why)
@@ -198,8 +201,7 @@ bool transmission::may_submit(std::size_t bytes, stall* why) {
     *why = stall::batch;
     return false;
   }
-  // A reply that has to be whole may take more than the limit when it has the connection to itself.
-  const bool alone = in_flight_ == (current_->gathered ? current_charge_ : 0);
+  const bool alone = in_flight_ == 0;
   if (free_pieces_ == nullptr || (in_flight_ + bytes > max_inflight_bytes_ && !alone)) {
     *why = stall::room;
     return false;
@@ -235,7 +237,6 @@ void transmission::submit(std::byte* data, u32 bytes, buffer* memory, u32 rw) {
   ++r->pieces;
   ++outstanding_;
   current_done_ += bytes;
-  current_charge_ += bytes;
   in_flight_ += bytes;
   batch_ += bytes;
   submitted_ = true;

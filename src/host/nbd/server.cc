@@ -13,8 +13,10 @@
 #include <cstring>
 #include <list>
 #include <mutex>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "host/nbd/negotiate.h"
 #include "host/nbd/transmission.h"
@@ -58,7 +60,8 @@ struct nbd_server::impl {
   std::mutex lock;
   std::condition_variable closed;
   std::list<connection> connections;  // under lock
-  bool told_full = false;             // the acceptor's
+  bool told_full = false;             // the acceptor's, as is the next
+  bool told_short = false;
 
   void accept_loop() noexcept;
   void take(int fd);
@@ -75,8 +78,13 @@ void nbd_server::impl::accept_loop() noexcept {
     if ((p[1].revents & POLLIN) != 0) return;
     const int fd = ::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd >= 0) {
+      told_short = false;
       take(fd);
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+      if (!std::exchange(told_short, true)) {
+        kernel::printk("<3>ERROR: zorvd: NBD connections have to wait: %s.\n",
+                       std::strerror(errno));
+      }
       ::poll(&p[1], 1, 100);  // until somebody has closed something
     }
   }
@@ -110,7 +118,8 @@ void nbd_server::impl::take(int fd) {
     connection& c = connections.emplace_back();
     c.fd = fd;
     c.thread = std::thread([this, &c] { serve(&c); });
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    kernel::printk("<3>ERROR: zorvd: an NBD connection gets no thread: %s.\n", e.what());
     if (!connections.empty() && connections.back().fd == fd) connections.pop_back();
     ::close(fd);
   }
@@ -128,7 +137,8 @@ void nbd_server::impl::converse(connection* c) {
   }
   if (s.target.read_only) kernel::set_user_nice(nice_of_readers);
   const auto t = std::make_unique<nbd::transmission>(fd, s, options.max_inflight_bytes, &stopping);
-  if (t->init()) t->run();
+  if (!t->init()) throw std::runtime_error("it gets no memory or no descriptor");
+  t->run();
 }
 
 void nbd_server::impl::serve(connection* c) noexcept {

@@ -47,10 +47,8 @@ bool transmission::init() {
     pieces_[i].next = free_pieces_;
     free_pieces_ = &pieces_[i];
   }
-  // Up to the limit for what is in flight, the largest read whose reply is one on top, and the two
-  // that are being filled.
-  return pool_.init(max_inflight_bytes_ / max_piece_bytes + max_payload_bytes / max_piece_bytes +
-                    4);
+  // Up to the limit for what is in flight, and those that are being filled.
+  return pool_.init(max_inflight_bytes_ / max_piece_bytes + 4);
 }
 
 void transmission::run() {
@@ -59,7 +57,7 @@ void transmission::run() {
     unplug();
     const bool some = reap();
     out_.flush();
-    if (out_.broken() || why == stall::closed) break;
+    if (out_.broken() || lost_ || why == stall::closed) break;
     if (why == stall::input) {
       if (eof_) break;
       wait_for_input();
@@ -67,6 +65,9 @@ void transmission::run() {
       continue;
     } else if (outstanding_ != 0) {
       wait_for_end();
+    } else if (why == stall::room && current_ != nullptr && is_large(*current_)) {
+      reply_gathered(current_);
+      out_.flush();
     } else if (why == stall::frozen) {
       // What had been admitted has ended and is answered: nothing is left to do but wait.
       kernel::blkdev_enter(s_.bdev);

@@ -11,7 +11,9 @@
 //   - Completions come on any thread. They put the piece on a list and wake this thread only if it
 //     sleeps.
 //   - What is in flight is bounded. At the limit nothing more is received until something ends;
-//     a client that does not read its replies waits for itself alone.
+//     a client that does not read its replies waits for itself alone. A read that has to be
+//     answered in one piece and is larger than the limit has the connection to itself: it is sent
+//     in portions of that size, and if its disk fails after the first of them the connection ends.
 //   - Every bio is admitted to the device by itself, so a freeze waits for disks, never for a
 //     client that has sent half a request.
 #pragma once
@@ -54,7 +56,9 @@ class transmission {
     error failed;      // ok, or why the request fails
     u64 error_offset;  // where the first failed piece begins, or nowhere
     bool issued;       // no more pieces will come
-    bool gathered;     // a read with one reply: nothing is sent before all of it is there
+    bool gathered;     // a read with one reply: nothing is sent before all of it is there, or
+                       // as much of it as may be in memory
+    bool begun;        // the first of its reply has been sent
     bool sync_at_end;  // one flush behind all pieces
     piece* parts;      // gathered: pieces that have ended, in order of offset
     request* next;
@@ -116,6 +120,9 @@ class transmission {
   void reply_status(const request& r);
   void reply_data(const request& r, piece* p, bool last);
   void reply_gathered(request* r);
+  [[nodiscard]] bool is_large(const request& r) const {
+    return r.gathered && r.type == cmd_read && r.length > max_inflight_bytes_;
+  }
   void release(piece* p);
 
   // Waiting (transmission.cc).
@@ -144,16 +151,16 @@ class transmission {
   buffer* in_ = nullptr;
   std::size_t in_at_ = 0;
   bool eof_ = false;
-  request* current_ = nullptr;      // being cut into pieces
-  u32 current_done_ = 0;            // bytes of it that have been
-  std::size_t current_charge_ = 0;  // charged for it in all
-  u32 discard_ = 0;                 // payload of a refused write that is still to come
-  bool admitted_ = false;           // one admission to the device is held and not used
+  request* current_ = nullptr;  // being cut into pieces
+  u32 current_done_ = 0;        // bytes of it that have been
+  u32 discard_ = 0;             // payload of a refused write that is still to come
+  bool admitted_ = false;       // one admission to the device is held and not used
 
   buffer* read_ = nullptr;  // reads are put into it one behind the other
 
   u32 outstanding_ = 0;        // pieces submitted and not reaped
   std::size_t in_flight_ = 0;  // bytes charged
+  bool lost_ = false;          // a reply that has begun cannot be completed
   bool submitted_ = false;     // since the last unplug
   std::size_t batch_ = 0;      // bytes submitted in this go
 

@@ -100,7 +100,7 @@ error error_of(int negative_errno);
 const char* error_text(error e);
 
 constexpr std::size_t max_string_bytes = 4096;
-constexpr u32 min_block_bytes = 512, preferred_block_bytes = 4096;
+constexpr u32 min_block_bytes = 512;  // served; a disk may want to be asked for more at once
 constexpr u32 max_payload_bytes = 32U << 20;
 constexpr u32 base_allocation_id = 1;
 
