@@ -195,6 +195,12 @@ node_ref topmost_filter() {
 //   returns  0 | the first failure that left a node behind
 int take_down_nodes(int* unsaved) {
   int first = 0;
+  {
+    table_read_guard table;
+    for (u32 m = 0; m <= static_cast<u32>(zorv_max_blk_minor); ++m) {
+      if (zorv_blkdev* dev = zorv_blkdev_find(m)) dev->left_behind = false;
+    }
+  }
   while (node_ref filter = topmost_filter()) {
     filter->left_behind = true;
     int rc = filter->started.load() != 0 ? zorv_block_stop_device(filter.get()) : 0;
