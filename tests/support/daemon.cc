@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 extern char** environ;
@@ -33,21 +34,34 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& in, const s
   return rc == 0 ? pid : -1;
 }
 
+std::string text_of(const std::string& path) {
+  const bytes content = read_file(path);
+  return {content.begin(), content.end()};
+}
+
+// What each thread of a process is doing: its name, its state, where in the host's kernel it waits.
+std::string threads_of(pid_t pid) {
+  std::string all;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  std::error_code error;
+  for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+    const std::string stat = text_of(task.path() / "stat");
+    const std::size_t name_end = std::min(stat.rfind(')'), stat.size());
+    all += "  " + stat.substr(0, name_end + 3) + " " + text_of(task.path() / "wchan") + "\n";
+  }
+  return all;
+}
+
 // Waits for the end; kills what does not end.
 int wait_for(pid_t pid, int limit_ms) {
   if (pid < 0) return -1;
   int status = 0;
   if (!eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, limit_ms)) {
-    ADD_FAILURE() << "process " << pid << " does not end";
+    ADD_FAILURE() << "process " << pid << " does not end:\n" << threads_of(pid);
     ::kill(pid, SIGKILL);
     ::waitpid(pid, &status, 0);
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-std::string text_of(const std::string& path) {
-  const bytes content = read_file(path);
-  return {content.begin(), content.end()};
 }
 
 }  // namespace
