@@ -157,6 +157,37 @@ TEST_F(fault_test, a_copy_that_is_still_being_made_does_not_make_an_emptied_file
   EXPECT_EQ(std::filesystem::file_size(dir / "s.cow"), 0U);
 }
 
+TEST_F(fault_test, a_copy_that_hangs_in_a_file_costs_its_snap_and_holds_up_nothing_else) {
+  const u32 snap = add_started_snap({.files = dir / "s"});
+  client c(filter);
+  EXPECT_EQ(c.fill(0, 512, 1), 0);
+  std::atomic<bool> hangs{true};
+  at_log_line hook("Failed to sync " + dir / "s.cow", [&] {
+    while (hangs) kernel::yield();
+  });
+  kernel::fault_arm(fault_site::file_sync, 1, 1, EIO);
+  auto write = c.start_write(MiB, bytes(4096, 2));
+  EXPECT_TRUE(eventually([] { return kernel::fault_calls(fault_site::file_sync) > 0; }));
+  kernel::turn_clock(29000);
+  EXPECT_FALSE(eventually([&] { return write->done(); }, 100));
+  kernel::turn_clock(2000);
+  EXPECT_EQ(write->wait(), 0);
+  EXPECT_FALSE(valid(snap));
+  c.close();
+  EXPECT_EQ(stop(snap), 0);
+  EXPECT_EQ(start(snap), -EBUSY);
+  EXPECT_EQ(del(snap), -EBUSY);
+  const bytes now = disk.peek(0, disk_bytes);
+  const u32 other = add_started_snap();
+  EXPECT_EQ(client(filter).fill(256 * KiB, 4096, 3), 0);
+  EXPECT_TRUE(shown(other, 0, disk_bytes) == now);
+  EXPECT_EQ(stop(filter), 0);
+  hangs = false;
+  EXPECT_TRUE(eventually([&] { return start(snap) == 0; }))
+      << "what came back late changes nothing";
+  EXPECT_TRUE(valid(snap));
+}
+
 TEST_F(fault_test, every_single_failure_of_a_start_or_a_copy_leaves_right_or_invalid_snaps) {
   for (const auto site : {fault_site::alloc, fault_site::file_open, fault_site::file_write,
                           fault_site::file_sync, fault_site::bio_read, fault_site::thread_create}) {

@@ -158,6 +158,11 @@ int zorv_snap_start_pin(snap_start* st) NO_THREAD_SAFETY_ANALYSIS {
       return zorv_block_unknown_node("zorv_block_start_device", dev->minor);
     }
   }
+  if (st->snap->s.left.load() != 0) {
+    zorv_log(LOG_ERROR, "%s(): A copy still hangs in the files of zorv(%d, %d)",
+             "zorv_block_start_device", zorv_blk_major, st->snap->minor);
+    return -EBUSY;
+  }
   if (filter->started.load() == 0) {
     const int rc = zorv_block_start_device(filter);
     if (rc != 0) return rc;
@@ -260,8 +265,11 @@ bool stop_snap(zorv_blkdev* snap, zorv_blkdev* filter) {
       snap->started.store(0);
     }
     wait_for_queue_head(f.cowqueue);
-    rzwrite_guard files(&snap->s.file_lock);
-    zorv_snap_close_files(snap);
+    while (snap->s.in_copy.load() != snap->s.left.load()) kernel::yield();
+    if (snap->s.left.load() == 0) {
+      rzwrite_guard files(&snap->s.file_lock);
+      zorv_snap_close_files(snap);
+    }
   }
   for (node_ref n = zorv_snap_newer(f, snap); n; n = zorv_snap_newer(f, n.get())) {
     if (n->started.load() == 0) continue;

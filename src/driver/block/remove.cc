@@ -9,6 +9,7 @@
 #include "driver/core/log.h"
 #include "driver/proc/proc.h"
 #include "driver/snap/cowfiles.h"
+#include "driver/snap/snap.h"
 #include "kernel/mem.h"
 
 namespace zorv {
@@ -23,7 +24,7 @@ enum class removal { begun, postponed, refused };
 removal begin_removal(zorv_blkdev* dev, int* rc) {
   *rc = -EBUSY;
   rzmutex_guard guard(&dev->dev_mutex);
-  if (dev->use_cnt.load() != 0) {
+  if (dev->use_cnt.load() != 0 || dev->s.left.load() != 0) {
     zorv_log(LOG_ERROR, "%s(): zorv(%d, %d)is still being used.", op, zorv_blk_major, dev->minor);
     return removal::refused;
   }
@@ -68,6 +69,7 @@ void destroy_filter_part(zorv_blkdev* dev) {
 
 void destroy_snap_part(zorv_blkdev* dev, int remove_files) {
   zorv_filter& f = dev->s.filter->f;
+  zorv_snap_close_files(dev);
   if (remove_files == 1) {
     if (zorv_record_lost(&f, dev->s.life_id)) (void)zorv_record_save(&f);
     zorv_cowfiles_unlink(dev);

@@ -89,6 +89,7 @@ struct zorv_filter {
   rzrwlock snap_rwlock;             // routing (read) against snap start and stop (write)
   std::atomic<u32> inflight{0};     // requests that entered since it was last cleared
   std::atomic<u32> cow_writing{0};  // tasks that write to COW data files
+  std::atomic<u32> cow_left{0};     // copying tasks that hang in a file and were left behind
   // Snap starts and resumes under way; the filter is not stopped meanwhile. Raised under dev_mutex.
   std::atomic<u32> snaps_starting{0};
   zorv_aio aio;
@@ -111,6 +112,11 @@ struct zorv_snap {
   kernel::file_claim data_claim;
   kernel::file_claim bmp_claim;
   u8 life_id[snap_id_bytes] = {};  // of the last start, from it or from the files; under dev_mutex
+  // Tasks that copy for the snap, and those of them that were left behind: a stop waits for the
+  // others, and leaves the files open for these.
+  std::atomic<u32> in_copy{0};
+  std::atomic<u32> left{0};
+  rzmutex bits_lock;                   // a byte of the bitmap file is written by one task at a time
   zorv_file* cow_data_file = nullptr;  // open while started
   zorv_file* cow_bmp_file = nullptr;
   zorv_cowbmp cowbmp;

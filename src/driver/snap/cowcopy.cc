@@ -128,8 +128,26 @@ int check_reads(cow_copier* c, const piece& p) {
   return rc;
 }
 
+// While one lives the task is at a file, which may hang.
+class file_work {
+ public:
+  explicit file_work(cow_copier* c) : c_(c) { c->file_since.store(kernel::jiffies() | 1); }
+  ~file_work() { c_->file_since.store(0); }
+  file_work(const file_work&) = delete;
+  file_work& operator=(const file_work&) = delete;
+
+ private:
+  cow_copier* c_;
+};
+
+void give_up(cow_copier* c, zorv_blkdev* t, const char* op) {
+  const file_work at_files(c);
+  if (snap_usable(t)) zorv_snap_invalidate(t, op);
+}
+
 // Begins to write the pages to where they lie on the HDD, adjacent ones at once.
 void begin_writes(cow_copier* c, zorv_blkdev* t, const piece& p) {
+  const file_work at_files(c);
   for (u32 k = p.first, n; k < p.end && snap_usable(t); k += n) {
     n = run_length(c, k, p.end);
     u32 bytes = 0;
@@ -170,17 +188,22 @@ void copy_slice(cow_copier* c, zorv_blkdev* t, u32 count) {
     kernel::wait_for_completion(&in_flight[i]->done);
     finish(*in_flight[i]);
   }
-  const int write_rc = zorv_fwrite_end(c->writes, t->s.cow_data_file);
+  int write_rc;
+  {
+    const file_work at_files(c);
+    write_rc = zorv_fwrite_end(c->writes, t->s.cow_data_file);
+  }
   written.cancel();
   writing.fetch_sub(1);
-  if (read_rc != 0 && snap_usable(t)) zorv_snap_invalidate(t, "cow_chunks");
-  if (write_rc != 0 && snap_usable(t)) zorv_snap_invalidate(t, "write_cowed_page");
+  if (read_rc != 0) give_up(c, t, "cow_chunks");
+  if (write_rc != 0) give_up(c, t, "write_cowed_page");
 }
 
 // A sync that fails may have lost what it was for. So has one of a file that was deleted, with its
 // directory perhaps: nobody finds it after a restart.
-int sync_file(zorv_file* file) {
+int sync_file(cow_copier* c, zorv_file* file) {
   if (file == nullptr) return 0;
+  const file_work at_files(c);
   const int rc = kernel::file_linked(file->filp) ? zorv_fsync(file) : -ENOENT;
   if (rc != 0) {
     zorv_log(LOG_ERROR, "%s(): Failed to sync %s: rc=%d", "cow_chunks", file->fname, rc);
@@ -188,8 +211,9 @@ int sync_file(zorv_file* file) {
   return rc;
 }
 
-int mark_chunks_cowed(cow_worker* w, zorv_blkdev* t, const cow_batch& b) {
-  rzmutex_guard one_at_a_time(&w->bits_lock);
+int mark_chunks_cowed(cow_copier* c, zorv_blkdev* t, const cow_batch& b) {
+  const file_work at_files(c);
+  rzmutex_guard one_at_a_time(&t->s.bits_lock);
   for (u32 i = 0; i < b.count && snap_usable(t); ++i) {
     const int rc =
         zorv_cowbmp_set_bit(&t->s.cowbmp, b.chunks[i], kernel::GFP_NOIO, t->s.cow_bmp_file);
@@ -210,7 +234,7 @@ void disown(zorv_blkdev* snap) {
 
 }  // namespace
 
-void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
+void zorv_snap_abandon(zorv_blkdev* snap, const char* op) {
   zorv_filter& f = snap->s.filter->f;
   // First: a write that finds the snap invalid waits until the record on disk says so too.
   (void)zorv_record_lost(&f, snap->s.life_id);
@@ -227,8 +251,14 @@ void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
       if (s == snap) break;
     }
   }
+}
+
+void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
+  zorv_filter& f = snap->s.filter->f;
+  zorv_snap_abandon(snap, op);
   // What is being written would make an emptied file long again.
-  while (f.cow_writing.load() != 0) kernel::yield();
+  while (f.cow_writing.load() != 0 && f.cow_left.load() == 0) kernel::yield();
+  if (f.cow_left.load() != 0) return;
   disown(snap);
   for (node_ref s = zorv_snap_older(f, snap); s; s = zorv_snap_older(f, s.get())) disown(s.get());
 }
@@ -257,10 +287,10 @@ void log_groups(const cow_copier* c, const zorv_snap& s) {
 
 }  // namespace
 
-void cow_chunks(cow_copier* c) {
+namespace {
+
+void copy_batch(cow_copier* c, zorv_blkdev* t) {
   cow_batch& b = c->batch;
-  zorv_blkdev* t = b.snap.get();
-  if (!snap_usable(t)) return;
   rzread_guard files(&t->s.file_lock);  // its files stay open; a stop waits here
   if (!snap_usable(t) || t->s.life.load() != b.life) return;
   log_groups(c, t->s);
@@ -268,14 +298,24 @@ void cow_chunks(cow_copier* c) {
 
   copy_pages(c, t);
   if (!snap_usable(t)) return;
-  if (sync_file(t->s.cow_data_file) != 0 || !zorv_cowfiles_whole(t->s)) {
-    zorv_snap_invalidate(t, __func__);
+  if (sync_file(c, t->s.cow_data_file) != 0 || !zorv_cowfiles_whole(t->s)) {
+    give_up(c, t, "cow_chunks");
     return;
   }
-  if (mark_chunks_cowed(c->worker, t, b) != 0) zorv_snap_invalidate(t, "mark_chunk_cowed");
-  if (snap_usable(t) && sync_file(t->s.cow_bmp_file) != 0) zorv_snap_invalidate(t, __func__);
+  if (mark_chunks_cowed(c, t, b) != 0) give_up(c, t, "mark_chunk_cowed");
+  if (snap_usable(t) && sync_file(c, t->s.cow_bmp_file) != 0) give_up(c, t, "cow_chunks");
   if (!snap_usable(t)) return;
   for (u32 i = 0; i < b.count; ++i) zorv_cowbmp_end_copy(&t->s.cowbmp, b.chunks[i]);
+}
+
+}  // namespace
+
+void cow_chunks(cow_copier* c) {
+  zorv_blkdev* t = c->batch.snap.get();
+  if (!snap_usable(t)) return;
+  t->s.in_copy.fetch_add(1);
+  copy_batch(c, t);
+  t->s.in_copy.fetch_sub(1);
 }
 
 }  // namespace zorv

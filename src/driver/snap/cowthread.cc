@@ -81,6 +81,40 @@ void pass(cow_worker* w) {
   if (hand_out(w)) kernel::blk_unplug(kernel::bdev_get_queue(w->filter->hdd_bdev));
 }
 
+// What hangs in a file is left behind: its snap becomes invalid, which lets go what waits for it.
+// A late return finds that, and changes nothing.
+void leave_hanging(cow_worker* w) {
+  zorv_filter* f = w->filter;
+  u32 left = 0;
+  for (cow_copier& c : w->copiers) {
+    node_ref snap;
+    {
+      kernel::spin_guard guard(&c.hand);
+      const u64 since = c.file_since.load();
+      if (!c.left.load() && since != 0 && c.batch.snap &&
+          kernel::time_after_eq(kernel::jiffies(), since + file_limit_jiffies)) {
+        c.left.store(true);
+        snap = zorv_node_pin(c.batch.snap.get());
+        c.batch.snap->s.left.fetch_add(1);
+        f->cow_left.fetch_add(1);
+        w->copying.fetch_sub(1);
+      }
+      left += c.left.load() ? 1 : 0;
+    }
+    if (!snap) continue;
+    zorv_log(LOG_ERROR, "%s(): Copying for zorv(%d, %d) makes no progress in its files",
+             "cow_worker", zorv_blk_major, snap->minor);
+    zorv_snap_abandon(snap.get(), "cow_worker");
+    f->cowqueue.events.fetch_add(1);
+  }
+  if (left < nr_copiers || f->cowqueue.cnt.load() == 0) return;
+  for (node_ref s = zorv_snap_oldest(*f); s; s = zorv_snap_newer(*f, s.get())) {
+    if (!snap_usable(s.get())) continue;
+    zorv_snap_abandon(s.get(), "cow_worker");  // nobody is there to copy for it
+    f->cowqueue.events.fetch_add(1);
+  }
+}
+
 void serve(zorv_cowthread* t, cow_worker* w) {
   zorv_cowqueue& q = w->filter->cowqueue;
   u32 seen = q.events.load() - 1;
@@ -88,7 +122,13 @@ void serve(zorv_cowthread* t, cow_worker* w) {
     return t->stop.load() != 0 || (q.cnt.load() != 0 && q.events.load() != seen);
   };
   while (t->stop.load() == 0) {
-    kernel::wait_event(&q.wait, due, kernel::TASK_INTERRUPTIBLE);
+    if (w->copying.load() == 0 && w->filter->cow_left.load() == 0) {
+      kernel::wait_event(&q.wait, due, kernel::TASK_INTERRUPTIBLE);
+    } else if (!kernel::wait_event_timeout(&q.wait, due, kernel::HZ)) {
+      leave_hanging(w);
+      continue;
+    }
+    leave_hanging(w);
     zorv_log(4, "%s(): mark: wait_event() is over.", "cow_worker");
     if (t->stop.load() != 0) return;
     seen = q.events.load();
@@ -108,9 +148,20 @@ int cowcopy(void* arg) {
     kernel::wait_event(&c->wait, [c, w] { return w->stop.load() != 0 || c->busy.load(); });
     if (!c->busy.load()) break;
     cow_chunks(c);
-    c->batch.snap = {};
+    node_ref snap;  // keeps the filter until nothing of it is used any more
+    bool was_left;
+    {
+      kernel::spin_guard guard(&c->hand);
+      snap = std::move(c->batch.snap);
+      was_left = c->left.exchange(false);
+    }
+    if (was_left) {
+      snap->s.left.fetch_sub(1);
+      w->filter->cow_left.fetch_sub(1);
+    } else {
+      w->copying.fetch_sub(1);
+    }
     w->copies.fetch_add(1);
-    w->copying.fetch_sub(1);
     c->busy.store(false);
     q.events.fetch_add(1);
     kernel::wake_up_all(&q.wait);
@@ -118,6 +169,7 @@ int cowcopy(void* arg) {
   // The host takes its time over this; here the tasks wait for it at the same time.
   kernel::file_writes_free(c->writes);
   c->writes = nullptr;
+  c->ended.store(true);
   return kernel::complete_and_exit(&c->done, 0);
 }
 
@@ -151,15 +203,30 @@ int start_task(int (*body)(void*), void* arg, const char* name, kernel::completi
   return rc;
 }
 
+// Waits for a copying task to end, or to be left behind.
+//   returns  whether it has ended
+bool await_end(cow_worker* w, cow_copier* c) {
+  const auto settled = [c] { return c->ended.load() || c->left.load(); };
+  while (!kernel::wait_event_timeout(&w->filter->cowqueue.wait, settled, kernel::HZ / 10)) {
+    leave_hanging(w);
+  }
+  if (!c->ended.load()) return false;
+  kernel::wait_for_completion(&c->done);
+  return true;
+}
+
 // Ends the other tasks.
-void stop_tasks(cow_worker* w) {
+//   returns  whether all have ended; the working set is still in use otherwise
+bool stop_tasks(cow_worker* w) {
   w->stop.store(1);
   for (cow_copier& c : w->copiers) kernel::wake_up(&c.wait);
   kernel::wake_up_all(&w->reads_wait);
-  for (cow_copier& c : w->copiers) kernel::wait_for_completion(&c.done);
+  bool ended = true;
+  for (cow_copier& c : w->copiers) ended = await_end(w, &c) && ended;
   for (cow_reader& r : w->readers) kernel::wait_for_completion(&r.done);
   kernel::spin_guard guard(&w->filter->cowqueue.lock);
   while (cow_request* r = w->reads.front()) r->read_link.unlink();  // they are the queue's alone
+  return ended;
 }
 
 // The working set and the other tasks.
@@ -174,13 +241,14 @@ int set_up(worker_ptr* worker, const zorv_cowthread* t) {
   int rc = 0;
   for (cow_copier& c : w->copiers) {
     const int started = start_task(cowcopy, &c, "kcowd-copy", &c.done);
+    if (started != 0) c.ended.store(true);
     if (rc == 0) rc = started;
   }
   for (cow_reader& r : w->readers) {
     const int started = start_task(cowread, &r, "kcowd-read", &r.done);
     if (rc == 0) rc = started;
   }
-  if (rc != 0) stop_tasks(w);
+  if (rc != 0) (void)stop_tasks(w);  // none has begun anything
   return rc;
 }
 
@@ -200,7 +268,7 @@ int cowthread(void* arg) {
   kernel::complete(&t->ready);
   if (rc == 0) {
     serve(t, w.get());
-    stop_tasks(w.get());
+    if (!stop_tasks(w.get())) (void)w.release();  // what hangs goes on using it when it returns
   }
   w.reset();
   return kernel::complete_and_exit(&t->done, 0);

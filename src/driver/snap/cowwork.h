@@ -54,12 +54,16 @@ struct cow_copier {
   std::atomic<bool> busy{false};  // true: the copying task's, until it has made it false
   kernel::wait_queue_head wait;   // it sleeps here
   kernel::completion done;        // it has ended
+  std::atomic<bool> ended{false};
 
-  kernel::bio bios[group_pages];          // one per run of adjacent pages, the first page's
-  kernel::bio_vec vecs[group_pages];      // page k's segment
-  sector_t sectors[group_pages];          // where page k lies on the HDD
-  u32 lengths[group_pages];               // bytes of page k that the HDD has
-  std::byte* pages = nullptr;             // group_bytes, page by page
+  kernel::spinlock_t hand;            // between it and the first task: left, and batch.snap's end
+  std::atomic<bool> left{false};      // it hangs in a file: nobody waits for it until it is back
+  std::atomic<u64> file_since{0};     // jiffies since when it has been at a file; 0: it is not
+  kernel::bio bios[group_pages];      // one per run of adjacent pages, the first page's
+  kernel::bio_vec vecs[group_pages];  // page k's segment
+  sector_t sectors[group_pages];      // where page k lies on the HDD
+  u32 lengths[group_pages];           // bytes of page k that the HDD has
+  std::byte* pages = nullptr;         // group_bytes, page by page
   kernel::file_writes* writes = nullptr;  // of the COW data file
 };
 constexpr u32 nr_copiers = 3;
@@ -82,7 +86,6 @@ struct cow_worker {
   cow_copier copiers[nr_copiers];
   std::atomic<u32> copying{0};  // busy copiers
   std::atomic<u32> copies{1};   // batches done, one more
-  rzmutex bits_lock;            // a byte of a COW bitmap file is written by one task at a time
 
   cow_reader readers[nr_readers];
   kernel::list_of<cow_request> reads;  // picked out, not begun; under the queue's lock
@@ -121,6 +124,11 @@ void cow_serve_read(cow_reader* reader);
 // Sends a read of the HDD, or a tracked clone of it, and waits for it.
 //   returns  0 | -EIO
 [[nodiscard]] int cow_read_and_wait(zorv_filter* f, kernel::bio* bio);
+
+// How long a copying task may be at a file without progress before it is left behind.
+constexpr u64 file_limit_jiffies = 30000;
+// What is invalidated because its files hang: marked so, its files left as they are.
+void zorv_snap_abandon(zorv_blkdev* snap, const char* op);
 
 // The snap and every older started one can no longer be trusted: marked so, their copies dropped.
 // Waits for the copying tasks' writes, so it is not for the middle of one's own.

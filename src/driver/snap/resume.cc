@@ -15,7 +15,7 @@ constexpr const char* op = "zorv_ioctl_resume_snap";
 //   returns  0 | -EIO | -ENOMEM | -EINVAL | -EBUSY; what was set up stays for zorv_snap_close_files
 int reopen_files(zorv_blkdev* snap, const char** why) {
   zorv_snap& s = snap->s;
-  s.life.fetch_add(1);
+  zorv_snap_close_files(snap);  // left open by a stop for a copy that hung
   int rc = zorv_cowfiles_open_old(snap);
   if (rc == 0) rc = zorv_cowbmp_init(&s.cowbmp, s.chunk_cnt);
   if (rc != 0) return rc;

@@ -18,7 +18,7 @@ void close_file(zorv_file** file) {
 
 int zorv_snap_open_files(zorv_blkdev* snap) {
   zorv_snap& s = snap->s;
-  s.life.fetch_add(1);
+  zorv_snap_close_files(snap);  // left open by a stop for a copy that hung
   int rc = zorv_cowfiles_open_new(snap);
   if (rc == 0) rc = zorv_cowbmp_init(&s.cowbmp, s.chunk_cnt);
   // What the files held goes; older snaps may have shown some of it.
