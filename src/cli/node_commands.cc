@@ -47,11 +47,16 @@ answer add_filter(session& s, const new_node& given) {
   fill(req.uuid, given.uuid, "--uuid");
   fill(req.name, given.name, "--name");
   s.command(ZORV_ADD_FILTER_NODE, &req);
-  return added("filter", static_cast<std::uint32_t>(req.minor), field(req.name), field(req.uuid),
-               {{"minor", req.minor},
-                {"hdd_name", field(req.hdd_name)},
-                {"extent_size", req.extent_size},
-                {"bmp_dir", field(req.bmp_dir)}});
+  const auto minor = static_cast<std::uint32_t>(req.minor);
+  const std::string trouble = bitmap_trouble(s, minor);
+  json document = {{"minor", req.minor},
+                   {"hdd_name", field(req.hdd_name)},
+                   {"extent_size", req.extent_size},
+                   {"bmp_dir", field(req.bmp_dir)}};
+  if (!trouble.empty()) document["bmp_trouble"] = trouble;
+  answer result = added("filter", minor, field(req.name), field(req.uuid), std::move(document));
+  result.text += trouble;
+  return result;
 }
 
 // A name for the COW files of a snap that was given none: its filter's, the time, and a number

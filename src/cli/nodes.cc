@@ -32,12 +32,17 @@ std::vector<std::uint32_t> minors_of_type(session& s, std::uint32_t dev_type) {
   return {req.minors, req.minors + std::min<std::uint32_t>(req.count, ZORV_LIST_LEN)};
 }
 
-std::optional<std::uint64_t> status_number(session& s, std::uint32_t minor, const char* entry) {
+std::optional<std::string> status_text(session& s, std::uint32_t minor, const char* entry) {
   char* text = nullptr;
   const std::string path = "zorv/zorv" + std::to_string(minor) + "/" + entry;
   if (zorv_proc_read(s.handle(), path.c_str(), &text) < 0) return {};
   const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
-  return number<std::uint64_t>(text);
+  return text;
+}
+
+std::optional<std::uint64_t> status_number(session& s, std::uint32_t minor, const char* entry) {
+  const auto text = status_text(s, minor, entry);
+  return text ? number<std::uint64_t>(*text) : std::nullopt;
 }
 
 std::uint32_t given_minor(const std::string& text) {
@@ -169,6 +174,10 @@ cow_progress snap_progress(const zorv_info_req& info) {
 
 std::optional<std::uint64_t> queue_length(session& s, std::uint32_t filter_minor) {
   return status_number(s, filter_minor, "cowqueue_len");
+}
+
+std::string bitmap_trouble(session& s, std::uint32_t filter_minor) {
+  return status_text(s, filter_minor, "bmp_trouble").value_or("");
 }
 
 std::optional<std::uint32_t> filter_of(session& s, std::uint32_t snap_minor) {

@@ -46,6 +46,9 @@ struct cow_progress {
 // Requests that wait in a filter's COW queue, by the status tree.
 [[nodiscard]] std::optional<std::uint64_t> queue_length(session& s, std::uint32_t filter_minor);
 
+// What is wrong with a filter's bitmap files, by the status tree; lines, "" when nothing is.
+[[nodiscard]] std::string bitmap_trouble(session& s, std::uint32_t filter_minor);
+
 // The minor of a snap's filter, by the status tree.
 [[nodiscard]] std::optional<std::uint32_t> filter_of(session& s, std::uint32_t snap_minor);
 

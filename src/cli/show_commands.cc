@@ -2,6 +2,7 @@
 // What a person wants to know about nodes.
 #include <CLI/CLI.hpp>
 #include <bit>
+#include <sstream>
 
 #include "cli/cli.h"
 #include "cli/nodes.h"
@@ -34,6 +35,8 @@ json full_document(session& s, const zorv_info_req& info) {
   json document = info_document(info);
   if (info.dev_type == ZORV_DEV_FILTER) {
     if (const auto length = queue_length(s, info.minor)) document["cowqueue_len"] = *length;
+    const std::string trouble = bitmap_trouble(s, info.minor);
+    if (!trouble.empty()) document["bmp_trouble"] = trouble;
     return document;
   }
   if (const auto filter = filter_of(s, info.minor)) document["filter_minor"] = *filter;
@@ -148,6 +151,8 @@ answer info(session& s, const std::string& node) {
       line("size", show_size(record.dev_size) + " (" + std::to_string(record.dev_size) + " bytes)");
   text += filter ? filter_text(s, record) : snap_text(s, record);
   text += line("uri", uri);
+  std::istringstream trouble(filter ? bitmap_trouble(s, record.minor) : "");
+  for (std::string said; std::getline(trouble, said);) text += line("trouble", said);
   return {std::move(document), std::move(text)};
 }
 

@@ -216,6 +216,8 @@ TEST_F(dirty_test, a_mark_is_tried_again_until_it_is_on_disk) {
   kernel::fault_arm(site::file_unlink, 1, -1, EROFS);
   EXPECT_EQ(c.fill(65536, 512, 1), 0);
   EXPECT_TRUE(is_saved(incr_file)) << "noted in the state folder";
+  EXPECT_NE(proc("zorv/zorv0/bmp_trouble").find("noted in the state folder: " + incr_file),
+            std::string::npos);
   EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
   EXPECT_EQ(get_bmp(0, incr), bytes(2, 0xFF));
   kernel::fault_disarm_all();

@@ -86,6 +86,7 @@ TEST_F(proc_test, a_filter_shows_every_field) {
                    {"incr_bmp_dirty", proc("zorv/zorv3/incr_bmp_dirty")},
                    {"diff_bmp_size", "1908\n"},
                    {"diff_bmp_dirty", proc("zorv/zorv3/diff_bmp_dirty")},
+                   {"bmp_trouble", ""},
                    {"cowqueue_len", "0\n"},
                    {"snaps", ""}}));
   EXPECT_EQ(start(m), 0);
@@ -185,7 +186,7 @@ TEST_F(proc_test, a_directory_that_cannot_be_completed_is_not_there) {
   add_filter(disk.path());
   zorv_blkdev* dev = record_of(0);
   zorv_proc_del_device(dev);
-  for (u64 nth = 1; nth <= 22; nth++) {
+  for (u64 nth = 1; nth <= 23; nth++) {
     log.clear();
     kernel::fault_arm(kernel::fault_site::proc_create, nth, 1, ENOMEM);
     EXPECT_EQ(zorv_proc_add_device(dev), -EINVAL) << nth;

@@ -117,6 +117,8 @@ int zorv_companion_attach(zorv_filter* f) {
     }
   }
   c.ours = why == nullptr;
+  const bool fresh = c.absent && c.file != nullptr;  // a node's first life is nothing to report
+  c.why.store(fresh ? nullptr : why);
   if (!c.ours) {
     zorv_log(1, "%s(): Everything counts as changed on zorv(%d, %d): %s: %s.", __func__,
              zorv_blk_major, f->filter_minor, c.fname, why);
@@ -132,8 +134,8 @@ int zorv_companion_renew(zorv_filter* f) {
   }
   // Notes about the pair as it was mean nothing from now on.
   zorv_note_key old[2];
-  const bool noted = zorv_companion_note_key(f, "incr", &old[0]) &&
-                     zorv_companion_note_key(f, "diff", &old[1]);
+  const bool noted =
+      zorv_companion_note_key(f, "incr", &old[0]) && zorv_companion_note_key(f, "diff", &old[1]);
   c.notes = false;
   kernel::get_random_bytes(c.pair, sizeof c.pair);
   companion_disk d;

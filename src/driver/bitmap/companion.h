@@ -6,6 +6,8 @@
 // It is open and locked for the node's life, so that no other daemon writes files of that name.
 #pragma once
 
+#include <atomic>
+
 #include "driver/core/types.h"
 #include "driver/util/file.h"
 
@@ -22,6 +24,7 @@ struct zorv_companion {
   bool ours = false;   // the file on disk says what holds: bitmap files may be believed
   bool notes = false;  // ... or at least our state folder and a pair that notes can be about
   bool absent = true;  // there is none, so no bitmap file is believed whatever it holds
+  std::atomic<const char*> why{nullptr};  // everything counted as changed when the node was made
 };
 
 // Opens, locks and reads it; makes an empty one where there is none, if that can be done. Logs why

@@ -80,6 +80,23 @@ void print_snaps(const zorv_blkdev& d, page_text* out) {
   }
 }
 
+// What is wrong with the bitmap files, or was when the node was made: a line each.
+void print_trouble(const zorv_blkdev& d, page_text* out) {
+  const zorv_filter& f = d.f;
+  if (const char* why = f.companion.why.load(); why != nullptr) {
+    out->add("everything counted as changed: %s: %s\n", f.companion.fname, why);
+  }
+  for (u32 type = 0; type < 2; ++type) {
+    const char* fname = type == ZORV_BMP_INCREMENTAL ? f.incr_bmp_fname : f.diff_bmp_fname;
+    if ((now(f.marks_excused) >> type & 1) != 0) {
+      out->add("outdated, cannot be marked, noted in the state folder: %s\n", fname);
+    }
+    if ((now(f.marks_refused) >> type & 1) != 0) {
+      out->add("outdated, cannot be marked or noted, writes are refused: %s\n", fname);
+    }
+  }
+}
+
 constexpr field filter_fields[] = {
     {"dev_type", [](const zorv_blkdev&, page_text* out) { out->add_text("filter"); }},
     {"minor", print_minor},
@@ -105,6 +122,7 @@ constexpr field filter_fields[] = {
      [](const zorv_blkdev& d, page_text* out) { out->add("%d\n", d.f.diff_bmp_size); }},
     {"diff_bmp_dirty",
      [](const zorv_blkdev& d, page_text* out) { out->add_number(now(d.f.diff_bmp_dirty)); }},
+    {"bmp_trouble", print_trouble},
     {"cowqueue_len",
      [](const zorv_blkdev& d, page_text* out) { out->add("%d\n", now(d.f.cowqueue.cnt)); }},
     {"snaps", print_snaps},

@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Whose bitmap files these are: of which disk, and of which node and daemon.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <optional>
+
+#include "driver/bitmap/bitmap.h"
+#include "driver/bitmap/dirty.h"
+#include "kernel/state.h"
+#include "support/driver_fixture.h"
+
+using namespace zorv;
+using namespace zorv_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr u32 incr = ZORV_BMP_INCREMENTAL;
+const bytes stale{'Z', 'O', 'R', 'V', 'B', 'M', 'P', 1};
+
+struct companion_test : driver_test {
+  std::optional<memory_disk> disk;
+  const std::string file = dir / "zorv0.incr";
+
+  void SetUp() override {
+    driver_test::SetUp();
+    disk.emplace("d0", 1 << 20);
+    ASSERT_EQ(add_started_filter(disk->path()), 0U);
+  }
+  void TearDown() override {
+    unload();
+    driver_test::TearDown();
+  }
+  // The next life of the node, over whatever disk there is.
+  std::vector<u32> after_add_again(u32 extent_size = 65536) {
+    EXPECT_EQ(del(0), 0);
+    log.clear();
+    EXPECT_EQ(add_filter(disk->path(), {.extent_size = extent_size, .minor = 0}), 0U);
+    return changed(0, incr);
+  }
+};
+
+}  // namespace
+
+TEST_F(companion_test, a_bitmap_is_believed_for_its_disk_extents_and_state_folder_alone) {
+  EXPECT_TRUE(after_add_again().empty());
+  const struct {
+    u64 disk_bytes;
+    u32 extent_size;
+    std::string identity, state, reason;
+  } table[] = {
+      {1 << 20, 65536, "another", "zorv", "it is of another disk"},
+      {1 << 20, 65536, "", "zorv", "the disk has nothing stable to name it by"},
+      {(1 << 20) - 65536, 65536, "memory:d0", "zorv", "the disk has another size"},
+      {1 << 20, 131072, "memory:d0", "zorv", "the extents have another size"},
+      {1 << 20, 65536, "memory:d0", "elsewhere", "another state folder was in use"},
+  };
+  for (const auto& row : table) {
+    EXPECT_EQ(del(0), 0);
+    disk.emplace("d0", row.disk_bytes);
+    disk->set_identity(row.identity);
+    ASSERT_EQ(kernel::state_set_dir((state / row.state).c_str()), 0);
+    log.clear();
+    add_filter(disk->path(), {.extent_size = row.extent_size, .minor = 0});
+    EXPECT_EQ(changed(0, incr).size(), info(0).extent_cnt) << row.reason;
+    EXPECT_TRUE(log.has("zorv0.disk: " + row.reason)) << row.reason;
+    EXPECT_NE(proc("zorv/zorv0/bmp_trouble").find(row.reason), std::string::npos);
+    // Nothing has been written, so the file is still right about its own disk.
+    EXPECT_EQ(del(0), 0);
+    disk.emplace("d0", 1 << 20);
+    ASSERT_EQ(kernel::state_set_dir((state / "zorv").c_str()), 0);
+    add_filter(disk->path(), {.minor = 0});
+    EXPECT_TRUE(changed(0, incr).empty()) << row.reason;
+  }
+  EXPECT_EQ(del(0), 0);
+  disk->set_identity("another");
+  add_started_filter(disk->path(), {.minor = 0});
+  disk->set_identity("memory:d0");
+  EXPECT_EQ(stop(0), 0);
+  EXPECT_EQ(after_add_again().size(), 16U) << "the files have become another disk's";
+}
+
+TEST_F(companion_test, one_daemon_and_no_other_file_stands_behind_the_names) {
+  EXPECT_EQ(del(0), 0);
+  const int other = ::open((dir / "zorv0.disk").c_str(), O_RDWR);
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  ASSERT_EQ(::fcntl(other, F_OFD_SETLK, &whole), 0);
+  auto req = filter_request(disk->path(), {.minor = 0, .bmp_dir = dir.path()});
+  EXPECT_EQ(command(ZORV_ADD_FILTER_NODE, &req), -EBUSY);
+  ::close(other);
+
+  const bytes mine(600, 'm');
+  write_file(dir / "mine", mine);
+  fs::remove(file);
+  fs::create_symlink(dir / "mine", file);
+  add_filter(disk->path(), {.minor = 0});
+  EXPECT_NE(bmp(ZORV_SAVE_BMP, 0, incr), 0);
+  fs::remove(file);
+  fs::create_hard_link(dir / "zorv0.diff", file);
+  const bytes diff = read_file(file);
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), -EBUSY);
+  EXPECT_EQ(read_file(dir / "mine"), mine);
+  EXPECT_EQ(read_file(file), diff);
+  fs::remove(file);
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
+}
+
+TEST_F(companion_test, a_file_that_takes_the_name_is_marked_before_the_next_write_goes) {
+  fs::copy_file(file, dir / "copy");
+  fs::rename(file, dir / "aside");
+  fs::rename(dir / "copy", file);
+  client c(0U);
+  EXPECT_EQ(c.fill(65536, 512, 1), 0);
+  EXPECT_EQ(read_file(file), stale);
+  EXPECT_EQ(read_file(dir / "aside"), stale) << "it may come back";
+}
