@@ -221,9 +221,10 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
   rzmutex_guard one_at_a_time(&f->save_mutex);
   save s{f, type, bmp, copy.get()};
   const int rc = run(&s);
-  if (rc != 0) {
+  {
     marks_guard guard(f);
-    bmp.dirty->store(1);
+    if (rc != 0) bmp.dirty->store(1);
+    f->holds[type].retrying = false;  // what failed before this save waits for no later try
   }
   // Marks that were cancelled for this save are queued anew if the file lacks their bits.
   zorv_marks_settle(f);
