@@ -50,8 +50,7 @@ eventually() { # COMMAND...
 serve() { # NAME [ARGUMENT...]
   local name=$1
   shift
-  "$build/src/zorvd" --help | grep -q -e --state-dir && set -- --state-dir "$PWD/$name.state" "$@"
-  ZORV_SYNCS=$PWD/syncs LD_PRELOAD=$syncs "$build/src/zorvd" --run-dir "$PWD/$name" "$@" 2>>"$name.log" &
+  ZORV_SYNCS=$PWD/syncs LD_PRELOAD=$syncs "$build/src/zorvd" --run-dir "$PWD/$name" --state-dir "$PWD/$name.state" "$@" 2>>"$name.log" &
   daemons[$name]=$!
   eventually answers_or_ended "$name"
   kill -0 "${daemons[$name]}" 2>/dev/null && on "$name" disks >/dev/null && return
@@ -259,6 +258,30 @@ no_descriptors() {
   again
   cmp -s -n 65536 -i 1048576 disk.img <(head -c $((16 * MiB)) /dev/zero | tr '\0' '\1') || changed data 1048576
 }
+read_only_folder() {
+  local loop
+  head -c $((16 * MiB)) /dev/zero | tr '\0' '\1' >disk.img
+  cp disk.img before.img
+  image fs 32M
+  mke2fs -q -F -t ext4 fs.img
+  mkdir bmp
+  loop=$(losetup -f --show fs.img)
+  undo+=("losetup -d $loop")
+  mount -o errors=remount-ro "$loop" bmp
+  undo=("crash run" "umount $PWD/bmp" "${undo[@]}")
+  serve run --disk "$PWD/disk.img,name=disk"
+  z add-filter disk --extent-size 64K --bmp-dir "$PWD/bmp" --name data >/dev/null
+  z start data >/dev/null
+  z bmp clear data incr >/dev/null
+  z bmp save data incr >/dev/null
+  echo 1 >"/sys/fs/ext4/${loop#/dev/}/trigger_fs_error"
+  crash_under data write:1048576:65536:2 flush
+  umount bmp
+  mount -o errors=continue "$loop" bmp
+  serve run --disk "$PWD/disk.img,name=disk"
+  z add-filter disk --extent-size 64K --bmp-dir "$PWD/bmp" --name data >/dev/null
+  cmp -s disk.img before.img || changed data 1048576
+}
 slow_save() { # longer than any limit to the wait for a mark
   clean_disk
   rules "slow zorv0.incr 1500"
@@ -296,6 +319,22 @@ taken_and_lost() {
   "$python" "$here/tests/torment/deaf.py" "$PWD/run/control.sock" 0xc018430e 0 32 close
   eventually changed data 1048576
 }
+memory_given_back() {
+  clean_disk
+  "$python" "$here/tests/torment/deaf.py" "$PWD/run/control.sock" 0xc018430e 0 32 40 $((64 * MiB))
+  z bmp get data incr -o got
+}
+files_of_deleted() {
+  clean_disk
+  snap data s
+  z start s >/dev/null
+  z stop s >/dev/null
+  z del s | grep -q "$PWD/s.cow"
+  [ ! -e s.cow ] && [ ! -e s.bmp ]
+  z stop data >/dev/null
+  z del data >/dev/null
+  [ -e zorv0.incr ] && [ -e zorv0.diff ]
+}
 disk_error_stays() {
   clean_disk
   io data write:0:1048576:2
@@ -326,12 +365,39 @@ interrupted_start() {
     z stop s >/dev/null 2>&1 || true
   done
 }
+failed_flush() {
+  clean_disk
+  io data write:0:65536:2
+  rules "fail disk.img 5"
+  "$python" - "nbd+unix:///data?socket=$PWD/run/nbd.sock" <<'PY'
+import nbd, sys
+h = nbd.NBD()
+h.connect_uri(sys.argv[1])
+for _ in range(2):
+    try:
+        h.flush()
+        sys.exit("a flush went well")
+    except nbd.Error:
+        pass
+assert h.pread(4096, 0) == b"\2" * 4096
+PY
+}
 stopped_daemon() {
   image disk 16M
   serve run --disk "$PWD/disk.img,name=disk"
   kill -STOP "${daemons[run]}"
   undo+=("kill -CONT ${daemons[run]}")
   within 5 refused_for "no answer\|does not answer" z --limit 2 list
+}
+stopped_snap_misses_a_write() {
+  clean_disk
+  snap data s
+  z start s >/dev/null
+  io data write:0:1048576:2
+  z stop s >/dev/null
+  io data write:2097152:1048576:3
+  z resume s >/dev/null
+  refused valid s
 }
 running_snap_survives_a_crash() {
   clean_disk
@@ -346,6 +412,21 @@ running_snap_survives_a_crash() {
   io s read:0:16777216:1
   io data write:4194304:1048576:3
   io s read:0:16777216:1
+}
+resume_behind_a_start() {
+  clean_disk
+  snap data old
+  z start old >/dev/null
+  io data write:0:1048576:2 flush
+  crash run
+  again
+  snap data new
+  z start new >/dev/null
+  snap data old
+  z resume old >/dev/null
+  io data write:0:2097152:3
+  io new read:0:1048576:2 read:1048576:1048576:1
+  if valid old; then io old read:0:16777216:1; fi
 }
 pool_label() {
   image disk 64M
@@ -388,13 +469,16 @@ own_export() {
   mount "$loop" mnt
   undo=("umount $PWD/mnt" "${undo[@]}")
   refused_for "can't be on" z add-snap data --chunk-size 64K --name s --cow-dir "$PWD/mnt"
+  image other 16M
+  z attach "$PWD/other.img" --name other >/dev/null
+  refused_for "can't be on" z add-filter other --extent-size 64K --bmp-dir "$PWD/mnt"
 }
 unread_log() {
   image disk 16M
   mkfifo pipe
   "$python" -c 'import fcntl, time; f = open("pipe", "r+b", 0); fcntl.fcntl(f, 1031, 4096); time.sleep(60)' &
   undo+=("kill $!")
-  "$build/src/zorvd" --run-dir "$PWD/run" --disk "$PWD/disk.img,name=disk" zorv_debug=4 2>pipe &
+  "$build/src/zorvd" --run-dir "$PWD/run" --state-dir "$PWD/state" --disk "$PWD/disk.img,name=disk" zorv_debug=4 2>pipe &
   daemons[run]=$!
   eventually answers_or_ended run
   filter disk data
@@ -476,6 +560,12 @@ one_name_one_node() {
   refused_for data z add-filter b --extent-size 64K --bmp-dir "$PWD" --name data
   io data write:0:4096:1
 }
+host_major() {
+  local major
+  major=$(awk '/^Block/ { on = 1 } on && $1 ~ /^[0-9]+$/ { print $1; exit }' /proc/devices)
+  image disk 16M
+  refused_for major serve run --disk "$PWD/disk.img,name=disk" "zorv_blk_major=$major"
+}
 
 # name | needs root? | what holds
 cases="
@@ -490,15 +580,20 @@ cut_cow||a COW data file that is cut makes the snap invalid, for good
 strange_names_in_run||what lies in the run folder and is not the daemon's stays
 failed_save||a save whose sync fails leaves no file that is believed
 no_descriptors||a write whose stale mark met no free descriptor is in the bitmap after a crash
+read_only_folder|root|a write whose stale mark met a read-only file system is in the bitmap after a crash
 slow_save||a write during a slow save is in the bitmap after a crash
 crash_while_handing_out||bits that were being handed out survive a crash
 taken_and_lost||bits that a client took and could not keep are merged back
+memory_given_back||what a client's requests took of the memory is given back
 disk_error_stays||a disk error that a FUA write met is every later flush's
+failed_flush||a failed flush is an error to the client and costs no connection
 interrupted_start||a start that was interrupted leaves nothing that resumes as whole
+stopped_snap_misses_a_write||a snap that missed a write while stopped is not resumed as whole
 running_snap_survives_a_crash||a running snap survives a crash, byte for byte
+resume_behind_a_start||a snap resumed after another was started leaves that one as it was
 pool_label||a superblock in front of a pool's labels frees nothing
 dump_names||the self-test's dumps go through no link
-own_export|root|COW files on a file system on an own export are refused
+own_export|root|COW and bitmap files on a file system on an own export are refused
 unread_log||a log that nobody reads holds up nothing
 unread_answer||a control client that does not read holds up the end for seconds only
 abandoned_test||a self-test ends with its client
@@ -506,8 +601,10 @@ stopped_daemon||zorvctl does not wait for ever for a daemon that does not answer
 slow_neighbour||a disk with slow syncs holds up no other disk
 busy_folder||a folder with slow syncs holds up no other node's commands
 hang_up||SIGHUP saves and ends, SIGUSR1 does nothing
+files_of_deleted||what is deleted with a node is said, and nothing else goes
 digits||a name of digits is a name
 one_name_one_node||a second node of a name is refused
+host_major||a major number that the host uses is refused
 "
 
 if [ "${ZORV_TORMENT_CASE:-}" != "" ]; then
