@@ -52,8 +52,9 @@ int zorv_ioctl(zorv_handle* handle, uint32_t command, void* record);
 /* ZORV_GET_AND_CLR_BMP hands out the only copy of its bits. With zorv_ioctl they are the program's
  * when the call returns. With zorv_take they stay the daemon's as well until zorv_confirm says that
  * they are safe; zorv_put_back, closing the handle, or the end of either process merges them back,
- * so that they count as changed again. *taken is for these two calls alone.
- * ENOENT from them: the connection was lost meanwhile and the bits were merged back. */
+ * so that they count as changed again. *taken is for these two calls alone. ENOENT from them: the
+ * connection was lost before and the bits were merged back. Any other error of zorv_confirm:
+ * whether the daemon still has them is not known, so what was taken counts. */
 int zorv_take(zorv_handle* handle, struct zorv_bmp_range_req* req, uint64_t* taken);
 int zorv_confirm(zorv_handle* handle, uint64_t taken);
 int zorv_put_back(zorv_handle* handle, uint64_t taken);

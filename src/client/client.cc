@@ -150,7 +150,8 @@ int settle_locked(zorv_handle* handle, std::uint32_t how, std::uint64_t taken) {
   x.request.record_bytes = static_cast<std::uint32_t>(number.bytes().size());
   x.record = number.bytes().data();
   const int rc = call(handle, &x);
-  return rc == -ECONNRESET ? -ENOENT : rc;
+  // A connection that is lost meanwhile merges back what it held, unless the confirmation had come.
+  return rc == -ECONNRESET && how == ZORV_HOST_PUT_BACK ? -ENOENT : rc;
 }
 
 int settle(zorv_handle* handle, std::uint32_t how, std::uint64_t taken) {
