@@ -305,6 +305,13 @@ void wake_held_writes(zorv_filter* f) {
 
 int zorv_record_attach(zorv_filter* f) {
   zorv_record& r = f->record;
+  const int len =
+      std::snprintf(r.fname, sizeof r.fname, "%s/zorv%u.snaps", f->bmp_dir, f->filter_minor);
+  if (len < 0 || static_cast<std::size_t>(len) >= sizeof r.fname) {
+    zorv_log(LOG_ERROR, "%s(): The name of the record of the snaps in %s is too long", __func__,
+             f->bmp_dir);
+    return -ENAMETOOLONG;
+  }
   {
     auto* entries =
         static_cast<zorv_record_entry*>(kernel::vzalloc(record_max * sizeof(zorv_record_entry)));
@@ -315,7 +322,6 @@ int zorv_record_attach(zorv_filter* f) {
     kernel::spin_guard guard(&r.lock);
     r.entries = entries;
   }
-  std::snprintf(r.fname, sizeof r.fname, "%s/zorv%u.snaps", f->bmp_dir, f->filter_minor);
   int rc = open_record(f, 0);
   if (rc == -EBUSY) return rc;
   if (rc == 0) {
