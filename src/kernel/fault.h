@@ -17,8 +17,8 @@ enum class fault_site : u32 {
   file_sync,
   file_unlink,
   state_write,  // a note of the state folder
-  node_make,  // device nodes
-  bio_read,   // a bio sent to a disk that honours the switch (memory disk, image disk)
+  node_make,    // device nodes
+  bio_read,     // a bio sent to a disk that honours the switch (memory disk, image disk)
   bio_write,
   bio_flush,  // ... or the sync that an image disk serves flushes and FUA writes with
   thread_create,

@@ -15,7 +15,7 @@
 #include <unistd.h>
 
 // Which of the syncs that a file of rules is about this is, from 1 on.
-static int count_for(FILE *rules) {
+static int count_for(FILE* rules) {
   static _Atomic int count;
   static _Atomic long since;
   struct stat st;
@@ -28,8 +28,8 @@ static int count_for(FILE *rules) {
 
 // 0, or the errno to fail with.
 static int rule_for(int fd) {
-  const char *rules = getenv("ZORV_SYNCS");
-  FILE *in = rules == NULL ? NULL : fopen(rules, "re");
+  const char* rules = getenv("ZORV_SYNCS");
+  FILE* in = rules == NULL ? NULL : fopen(rules, "re");
   char link[64], path[4096], line[512];
   if (in == NULL) return 0;
   snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
@@ -51,7 +51,7 @@ static int rule_for(int fd) {
   return error;
 }
 
-static int synced(int fd, const char *name) {
+static int synced(int fd, const char* name) {
   int (*next)(int) = (int (*)(int))dlsym(RTLD_NEXT, name);
   errno = rule_for(fd);
   return errno != 0 ? -1 : next(fd);
