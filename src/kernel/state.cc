@@ -138,15 +138,19 @@ int state_note(const char* key, const char* text) {
   const int fd = dir_fd();
   if (fd < 0) return -ENOENT;
   if (::symlinkat(text, fd, key) != 0 && errno != EEXIST) return -errno;
-  return sync_fd(fd);
+  const int rc = sync_fd(fd);
+  // The host may take the next sync for good although this one has lost the note: it is made anew.
+  if (rc != 0) ::unlinkat(fd, key, 0);
+  return rc;
 }
 
-bool state_noted(const char* key) {
+int state_noted(const char* key) {
   might_sleep("state_noted");
   const int fd = dir_fd();
-  if (fd < 0) return true;
+  if (fd < 0) return -ENOENT;
   struct stat st;
-  return ::fstatat(fd, key, &st, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
+  if (::fstatat(fd, key, &st, AT_SYMLINK_NOFOLLOW) == 0) return 1;
+  return errno == ENOENT ? 0 : -errno;
 }
 
 int state_forget(const char* key) {

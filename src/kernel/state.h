@@ -23,8 +23,8 @@ void state_id(u8 (&id)[state_id_bytes]);
 //   text     for the person who looks into the folder
 //   returns  0 (also when it was noted already) | -ENOENT (no folder) | negative errno
 [[nodiscard]] int state_note(const char* key, const char* text);
-// In doubt (the folder cannot be read) it is.
-[[nodiscard]] bool state_noted(const char* key);
+// 1 | 0 | negative errno (no folder, or it cannot be asked: it may be noted, and it may not)
+[[nodiscard]] int state_noted(const char* key);
 [[nodiscard]] int state_forget(const char* key);  // 0 (also when it was not noted) | negative errno
 
 }  // namespace kernel

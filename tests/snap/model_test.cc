@@ -102,6 +102,7 @@ struct model_test : snap_test, testing::WithParamInterface<int> {
     note(c.bdev() != nullptr ? "start" : "start without opener", s.minor);
     ASSERT_EQ(start(s.minor), 0) << log.errors();
     s.started = true;
+    s.del_pending = false;
     s.shows = now;
     // It is newer than all that have had their instant.
     auto self = std::find_if(snaps.begin(), snaps.end(), [&s](auto& o) { return &o == &s; });

@@ -30,19 +30,23 @@ struct read_result {
   verdict file;
 };
 
-// Whether the state folder has a note about the file. It stays until the next save is on disk.
-bool is_noted(zorv_filter* f, u32 type) {
+// Whether the state folder has a note about the file: 1, 0 or a negative errno. The note stays
+// until the next save is on disk, and as long as it does no mark has to be.
+int is_noted(zorv_filter* f, u32 type) {
   zorv_note_key key;
-  if (!bmpfile::note_key(f, type, &key) || !kernel::state_noted(key.text)) return false;
+  const int noted = bmpfile::note_key(f, type, &key) ? kernel::state_noted(key.text) : 0;
+  if (noted <= 0) return noted;
   marks_guard guard(f);
   f->marks[type].excused = true;
-  return true;
+  return 1;
 }
 
 // What keeps a file from being believed whatever it holds; null: nothing.
 const char* objection(zorv_filter* f, u32 type) {
   if (!f->companion.ours) return "is not known to be about this disk";
-  if (is_noted(f, type)) return "is noted as outdated in the state folder";
+  const int noted = is_noted(f, type);
+  if (noted < 0) return "may be noted as outdated in the state folder, which can't be read";
+  if (noted > 0) return "is noted as outdated in the state folder";
   return f->marks[type].sync_failed ? "may differ from what is on disk" : nullptr;
 }
 
@@ -98,7 +102,7 @@ read_result read_file(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, u8* bi
   if (result.file != verdict::current) return result;
   if (why != nullptr) {
     zorv_log(LOG_ERROR, "%s(): File %s %s. Ignoring file contents.", op, bmp.fname, why);
-    return {0, f->companion.absent ? verdict::useless : verdict::in_doubt};
+    return {0, verdict::in_doubt};  // another life may believe it
   }
   return result;
 }

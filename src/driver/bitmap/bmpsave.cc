@@ -32,6 +32,7 @@ struct save {
   u64 exchanges = 0;      // as they were when the copy was made
   bool sync_hdd = false;  // bits have gone since the last time
   u32 epoch = 0;          // the writes to wait for then
+  kernel::file_id file;   // what the contents were written to
 };
 
 bool wait_for_writes(zorv_filter* f, u32 epoch) {
@@ -46,8 +47,7 @@ bool wait_for_writes(zorv_filter* f, u32 epoch) {
   return ended;
 }
 
-bool bits_have_gone(zorv_filter* f, u32 type) {
-  kernel::spin_guard guard(&f->bmp_lock);
+bool bits_have_gone(const zorv_filter* f, u32 type) REQUIRES(f->bmp_lock) {
   return f->marks[type].exchanges != f->marks[type].exchanges_stable;
 }
 
@@ -55,13 +55,13 @@ bool bits_have_gone(zorv_filter* f, u32 type) {
 // epoch begins.
 int prepare(save* s) {
   zorv_filter* f = s->f;
-  s->sync_hdd = bits_have_gone(f, s->type);
-  if (!s->sync_hdd) return 0;
   u32 epoch = 0;
   {
     kernel::spin_guard guard(&f->bmp_lock);
+    s->sync_hdd = bits_have_gone(f, s->type);
     epoch = f->writes_epoch;
   }
+  if (!s->sync_hdd) return 0;
   return wait_for_writes(f, epoch ^ 1) ? 0 : -EIO;
 }
 
@@ -76,10 +76,12 @@ int renew_companion(zorv_filter* f) {
   return zorv_companion_renew(f);
 }
 
-void copy_bits(save* s) {
+//   returns  0 | -EAGAIN (bits have gone since the save began: what they stood for comes first)
+int copy_bits(save* s) {
   zorv_filter* f = s->f;
   {
     marks_guard guard(f);
+    if (!s->sync_hdd && bits_have_gone(f, s->type)) return -EAGAIN;
     s->bmp.dirty->store(0);
     f->holds[s->type].noted = false;
     s->exchanges = f->marks[s->type].exchanges;
@@ -87,6 +89,7 @@ void copy_bits(save* s) {
     if (s->sync_hdd) f->writes_epoch ^= 1;
   }
   zorv_bmp_copy_to_save(f, s->type, s->copy);
+  return 0;
 }
 
 // The stale file, then everything but the byte that makes it current.
@@ -105,11 +108,12 @@ int write_contents(save* s) {
     zorv_log(LOG_ERROR, "%s(): Failed to make %s: its folder is missing", op, s->bmp.fname);
     rc = -EIO;
   }
+  if (rc == 0) rc = copy_bits(s);
   if (rc != 0) return rc;
-  copy_bits(s);
   u8 numbers[bmpfile::bits_offset - bmpfile::size_offset];
   put_le32(numbers, s->bmp.size);
   put_le32(numbers + 4, bmpfile::crc_of(s->copy, s->bmp.size));
+  s->file = f->marks[s->type].claim.id();
   zorv_file* file = f->marks[s->type].file;
   rc = zorv_fwrite(file, bmpfile::size_offset, numbers, sizeof numbers);
   if (rc >= 0) rc = zorv_fwrite(file, bmpfile::bits_offset, s->copy, static_cast<int>(s->bmp.size));
@@ -171,9 +175,8 @@ void sync_name(save* s) {
 int make_current(save* s) {
   zorv_filter* f = s->f;
   zorv_mark_state& m = f->marks[s->type];
-  zorv_file* written = m.file;
   int rc = bmpfile::follow_name(f, s->type, bmpfile::missing::fail);
-  if (rc != 0 || m.file != written) {
+  if (rc != 0 || !(m.claim.id() == s->file)) {
     zorv_log(LOG_ERROR, "%s(): %s has been replaced while it was written", op, s->bmp.fname);
     return -EIO;
   }
@@ -194,9 +197,10 @@ int make_current(save* s) {
 }
 
 int run(save* s) {
-  int rc = prepare(s);
-  if (rc != 0) return rc;
-  {
+  int rc = -EAGAIN;
+  while (rc == -EAGAIN) {
+    rc = prepare(s);
+    if (rc != 0) return rc;
     rzmutex_guard files(&s->f->bmp_mutex);
     (void)zorv_kill_dirty_requests(s->f, s->type);
     rc = write_contents(s);

@@ -73,6 +73,7 @@ void take_snapshot(zorv_blkdev* filter, zorv_blkdev* snap) REQUIRES(filter->f.sn
   snap->s.instant = zorv_record_started(&filter->f, snap->s.life_id);
   if (snap->s.snap_valid.load() == 0) (void)zorv_record_lost(&filter->f, snap->s.life_id);
   snap->s.has_instant.store(1);
+  snap->s.del_pending.store(0);  // asked for in an earlier life
   snap->started.store(1);
 }
 
@@ -86,6 +87,8 @@ int bring_up_snap(zorv_blkdev* filter, zorv_blkdev* snap, kernel::block_device* 
     if (rc == 0) rc = zorv_blkbmp_init(&snap->s.datablock_bmp);
     if (rc != 0) return rc;
   }
+  // Most of what has to be on disk before the snap is listed, while nobody waits for it.
+  (void)kernel::fsync_bdev(filter->f.hdd_bdev);
   if (filter_bdev == nullptr) {
     // Nobody can open the filter now, so nothing but a request being routed has to be waited for.
     rzwrite_guard routing(&filter->f.snap_rwlock);
@@ -101,6 +104,16 @@ int bring_up_snap(zorv_blkdev* filter, zorv_blkdev* snap, kernel::block_device* 
   }
   kernel::thaw_bdev(filter_bdev, frozen);
   return rc;
+}
+
+// Lists the snap for a resume after a restart. What it shows of the disk must survive a power cut
+// as its files do, or the resumed snap would show something older.
+//   returns  0 | negative errno
+int list_snap(zorv_filter* f, const zorv_blkdev* snap) {
+  const int synced = kernel::fsync_bdev(f->hdd_bdev);
+  if (synced != 0) (void)zorv_record_lost(f, snap->s.life_id);
+  const int rc = zorv_record_save(f);
+  return synced != 0 ? synced : rc;
 }
 
 int start_snap(zorv_blkdev* snap) {
@@ -123,7 +136,7 @@ int start_snap(zorv_blkdev* snap) {
     if (rc == 0) {
       rc = bring_up_snap(filter_of(snap), snap, st.filter_bdev, deadline);
       if (rc == 0) {
-        if (zorv_record_save(&filter_of(snap)->f) != 0) {
+        if (list_snap(&filter_of(snap)->f, snap) != 0) {
           zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) can't be resumed after a restart", op,
                    zorv_blk_major, snap->minor);
         }
@@ -215,6 +228,7 @@ int stop_filter(zorv_blkdev* dev) {
     if (rc != 0) return rc;
   }
   (void)zorv_cowthread_shutdown(&dev->f.cowthread);
+  zorv_record_restore(&dev->f);
   // It stops all the same: what its bitmap files look like is safe, and the caller hears of it.
   const int rc = zorv_block_save_dirty_bmps(&dev->f);
   dev->started.store(0);

@@ -26,7 +26,9 @@ struct seal_disk {
   u32 chunk_size;
   u8 reserved[20];
   char disk[kernel::bdev_identity_bytes];  // NUL-padded
-  u8 unused[3004];
+  u64 ino;                                 // of the file itself: a copy of it is another file
+  s64 birth_ns;                            // 0 where the host's file system keeps none
+  u8 unused[2988];
   u32 crc;  // of everything before it, as in a bitmap file
 };
 static_assert(sizeof(seal_disk) == cowfile_seal_bytes && offsetof(seal_disk, disk) == 64);
@@ -38,8 +40,13 @@ u32 crc_of(const seal_disk& seal) {
   return crc;
 }
 
+zorv_file* file_of(const zorv_snap& s, u32 which) {
+  return which == seal_of_data ? s.cow_data_file : s.cow_bmp_file;
+}
+
 // Everything of the seal but the life's id.
-void describe(const zorv_snap& s, u32 which, seal_disk* seal) {
+//   returns  0 | negative errno
+int describe(const zorv_snap& s, u32 which, seal_disk* seal) {
   std::memset(seal, 0, sizeof *seal);
   std::memcpy(seal->magic, seal_magic, sizeof seal_magic);
   seal->version = seal_version;
@@ -47,13 +54,15 @@ void describe(const zorv_snap& s, u32 which, seal_disk* seal) {
   seal->dev_size = s.filter->f.dev_size;
   seal->chunk_size = s.chunk_size;
   copy_text(seal->disk, s.filter->f.disk_identity);
+  kernel::file_id id;
+  const int rc = kernel::file_identity(file_of(s, which)->filp, &id);
+  seal->ino = id.ino;
+  seal->birth_ns = id.birth_ns;
+  return rc;
 }
 
 u64 contents_bytes(const zorv_snap& s, u32 which) {
   return which == seal_of_data ? s.cow_data_size : s.cow_bmp_size;
-}
-zorv_file* file_of(const zorv_snap& s, u32 which) {
-  return which == seal_of_data ? s.cow_data_file : s.cow_bmp_file;
 }
 
 // Opens one of the files as the snap's own. A claim from an earlier life stays on the file that it
@@ -108,7 +117,8 @@ int make_one(const zorv_snap& s, u32 which, seal_disk* seal) {
   zorv_file* file = file_of(s, which);
   int rc = kernel::vfs_truncate(file->filp, contents_bytes(s, which));
   if (rc != 0) return failed(file, "extend", rc);
-  describe(s, which, seal);
+  rc = describe(s, which, seal);
+  if (rc != 0) return failed(file, "identify", rc);
   std::memcpy(seal->life_id, s.life_id, snap_id_bytes);
   seal->crc = crc_of(*seal);
   rc = zorv_fwrite(file, contents_bytes(s, which), seal, sizeof *seal);
@@ -129,7 +139,10 @@ const char* check_one(const zorv_snap& s, u32 which, seal_disk* found, seal_disk
       found->version != seal_version || found->crc != crc_of(*found)) {
     return "have no seal";
   }
-  describe(s, which, wanted);
+  if (describe(s, which, wanted) != 0) return "cannot be told apart";
+  if (found->ino != wanted->ino || found->birth_ns != wanted->birth_ns) {
+    return "are copies: others than they were made in";
+  }
   if (std::memcmp(found->disk, wanted->disk, sizeof found->disk) != 0) {
     return "are about another disk";
   }
@@ -145,12 +158,15 @@ int sync_one(zorv_file* file) {
   return rc != 0 ? rc : kernel::fs_sync_parent(file->fname);
 }
 
+// Another daemon may have made a stopped snap's files its own by now; then they are locked.
 void unlink_one(zorv_blkdev* snap, const char* path, const char* what, kernel::file_claim* claim) {
   zorv_file* opened = nullptr;
-  if (!claim->held()) {
+  kernel::file_id there;
+  if (!claim->held() || (kernel::path_identity(path, &there) == 0 && there == claim->id())) {
     char owner[kernel::file_claim::owner_bytes];
     std::snprintf(owner, sizeof owner, "zorv(%d, %u)'s %s file", zorv_blk_major, snap->minor, what);
     if (zorv_fopen_own(path, kernel::FO_RDWR, owner, file_lock::exclusive, claim, &opened) != 0) {
+      claim->reset();
       return;  // not there, or somebody else's, which has been logged
     }
   }
@@ -209,12 +225,20 @@ const char* zorv_cowfiles_check(zorv_blkdev* snap) {
   return nullptr;
 }
 
+// Cut short and grown again, a file has the length but not the seal that ended it.
 bool zorv_cowfiles_whole(const zorv_snap& s) {
+  constexpr int head_bytes = offsetof(seal_disk, life_id) + snap_id_bytes;
   for (const u32 which : {seal_of_data, seal_of_bits}) {
-    const zorv_file* file = file_of(s, which);
-    if (kernel::file_size(file->filp) == contents_bytes(s, which) + cowfile_seal_bytes) continue;
-    zorv_log(LOG_ERROR, "%s(): %s has no longer the length that it was made with", "cow_worker",
-             file->fname);
+    zorv_file* file = file_of(s, which);
+    const u64 end = contents_bytes(s, which);
+    u8 head[head_bytes];
+    if (kernel::file_size(file->filp) == end + cowfile_seal_bytes &&
+        zorv_fread(file, end, head, head_bytes) == head_bytes &&
+        std::memcmp(head, seal_magic, sizeof seal_magic) == 0 &&
+        std::memcmp(head + offsetof(seal_disk, life_id), s.life_id, snap_id_bytes) == 0) {
+      continue;
+    }
+    zorv_log(LOG_ERROR, "%s(): %s does not end as it was made any more", "cow_worker", file->fname);
     return false;
   }
   return true;

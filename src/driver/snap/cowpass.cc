@@ -148,9 +148,11 @@ decision add_to_group(pass* p, const need& n) {
 decision decide_filter(pass* p, cow_request* r, s32 snap_minor) {
   zorv_filter* f = p->w->filter;
   if (!r->is_write) return forward(f, r);
+  // First: a resume may end between this and the look at the snaps, which then finds it running.
+  const bool stale = f->record.stale.load();
   const need n = next_need(f, r, snap_minor);
   const bool free = !n.snap;
-  if (free && f->record.stale.load()) {
+  if (free && (stale || f->record.stale.load())) {
     // A snap has been stopped or lost since the write came, and would miss it.
     zorv_record_wanted(f);
     const bool refused = (f->marks_refused.load() >> zorv_hold_record & 1) != 0;

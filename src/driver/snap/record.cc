@@ -134,12 +134,35 @@ void set_on_file(zorv_record* r) {
   r->on_file = true;
 }
 
+int note_file(zorv_record* r) {
+  char key[64];
+  fill_note_key(*r, key);
+  return kernel::state_note(key, r->fname);
+}
+
+// The open file is not what the name leads to any more: should it come back, it lists nothing.
+//   returns  0 (it is closed) | negative errno
+int leave_file(zorv_record* r) {
+  if (r->file == nullptr) return 0;
+  int rc = kernel::vfs_empty(r->file->filp);
+  if (rc == 0) rc = zorv_fsync(r->file);
+  rzmutex_guard notes(&r->note_mutex);
+  if (rc != 0) rc = note_file(r);
+  if (rc != 0) return rc;
+  close_record(r);
+  kernel::get_random_bytes(r->file_id, sizeof r->file_id);  // notes are about the one that is left
+  kernel::spin_guard guard(&r->lock);
+  r->excused = false;
+  update_stale(r);
+  return 0;
+}
+
 //   returns  0 | negative errno (logged)
 int write_slot(zorv_filter* f, slot_disk* d, u32* strikes) {
   zorv_record& r = f->record;
   if (!in_place(r)) {
-    close_record(&r);
-    int rc = open_record(f, kernel::FO_CREAT);
+    int rc = leave_file(&r);
+    if (rc == 0) rc = open_record(f, kernel::FO_CREAT);
     // Whatever it is, it says nothing of this node.
     if (rc == 0 && kernel::file_size(r.file->filp) != 0) rc = kernel::vfs_empty(r.file->filp);
     if (rc != 0) return rc;
@@ -160,13 +183,16 @@ int write_slot(zorv_filter* f, slot_disk* d, u32* strikes) {
   return 0;
 }
 
-// The file is what the entries were when it was written; a note about it is of no use any more.
+// The file is what the entries were when it was written. If entries have been taken out since then
+// it still lists too much, and a note about it stays.
 void written(zorv_filter* f, u32 strikes) {
   zorv_record& r = f->record;
-  bool noted;
+  rzmutex_guard notes(&r.note_mutex);  // nobody notes it between the look and the forgetting
+  bool noted = false;
   {
     kernel::spin_guard guard(&r.lock);
-    if (r.strikes == strikes) r.ahead = false;
+    if (r.strikes != strikes) return;
+    r.ahead = false;
     noted = r.excused;
   }
   char key[64];
@@ -200,6 +226,13 @@ int read_slots(zorv_record* r, zorv_file* file, slot_disk* d, slot_disk* other) 
   return found;
 }
 
+// Whether the state folder has a note about the file: 1, 0 or a negative errno.
+int is_noted(const zorv_record& r) {
+  char key[64];
+  fill_note_key(r, key);
+  return kernel::state_noted(key);
+}
+
 // Why the list cannot be believed, or null.
 const char* difference(const zorv_filter* f, const slot_disk& d) {
   u8 state[kernel::state_id_bytes];
@@ -211,9 +244,9 @@ const char* difference(const zorv_filter* f, const slot_disk& d) {
   if (d.disk_bytes != f->dev_size) return "the disk has another size";
   if (is_zero(state)) return "there is no state folder";
   if (std::memcmp(d.state, state, sizeof state) != 0) return "another state folder was in use";
-  char key[64];
-  fill_note_key(f->record, key);
-  return kernel::state_noted(key) ? "it could not be written" : nullptr;
+  const int noted = is_noted(f->record);
+  if (noted < 0) return "the state folder can't be read";
+  return noted > 0 ? "it could not be written" : nullptr;
 }
 
 // Takes the list over, or remembers that the file lists what this node does not believe.
@@ -223,9 +256,11 @@ void take_list(zorv_filter* f, const slot_disk& d, const char* why) {
     zorv_log(LOG_ERROR, "%s(): No snap of zorv(%d, %d) can be resumed as valid: %s: %s.",
              "zorv_record_attach", zorv_blk_major, f->filter_minor, r.fname, why);
   }
+  const bool noted = is_noted(r) > 0;
   kernel::spin_guard guard(&r.lock);
   r.on_file = true;
   r.ahead = why != nullptr && d.count != 0;
+  r.excused = noted;  // until the file has been written anew
   for (u32 i = 0; why == nullptr && i < d.count; ++i) {
     zorv_record_entry& e = r.entries[r.count++];
     std::memcpy(e.id, d.ids[i], snap_id_bytes);
@@ -235,14 +270,23 @@ void take_list(zorv_filter* f, const slot_disk& d, const char* why) {
   update_stale(&r);
 }
 
+// What an earlier life has written may not be on disk yet: a power cut could bring back a list
+// that is longer.
+int make_stable(zorv_file* file) {
+  const int rc = zorv_fsync(file);
+  return rc != 0 ? rc : kernel::fs_sync_parent(file->fname);
+}
+
 void load(zorv_filter* f, zorv_file* file) {
   zorv_record& r = f->record;
   const slot_ptr d = alloc_slot();
   const slot_ptr other = alloc_slot();
-  const int rc =
-      d != nullptr && other != nullptr ? read_slots(&r, file, d.get(), other.get()) : -ENOMEM;
+  int rc = d != nullptr && other != nullptr ? make_stable(file) : -ENOMEM;
+  if (rc == 0) rc = read_slots(&r, file, d.get(), other.get());
   if (rc > 0) take_list(f, d[0], difference(f, d[0]));
   if (rc >= 0) return;
+  zorv_log(LOG_ERROR, "%s(): No snap of zorv(%d, %d) can be resumed as valid: %s: rc=%d.",
+           "zorv_record_attach", zorv_blk_major, f->filter_minor, r.fname, rc);
   kernel::spin_guard guard(&r.lock);
   r.on_file = r.ahead = true;  // somebody may be able to read it
   update_stale(&r);
@@ -251,10 +295,9 @@ void load(zorv_filter* f, zorv_file* file) {
 // What can be neither written nor removed is noted.
 int note(zorv_filter* f) {
   zorv_record& r = f->record;
+  rzmutex_guard notes(&r.note_mutex);
   if (is_zero(r.file_id)) return -ENOENT;  // nothing is known of the file
-  char key[64];
-  fill_note_key(r, key);
-  const int rc = kernel::state_note(key, r.fname);
+  const int rc = note_file(&r);
   if (rc != 0) return rc;
   kernel::spin_guard guard(&r.lock);
   r.excused = true;
@@ -355,6 +398,7 @@ u64 zorv_record_started(zorv_filter* f, const u8 (&id)[snap_id_bytes]) {
   std::memcpy(e.id, id, snap_id_bytes);
   e.instant = ++r.instants;
   e.running = true;
+  if (r.count > 1) note_strike(&r);
   update_stale(&r);
   return e.instant;
 }
@@ -364,6 +408,7 @@ const char* zorv_record_resumed(zorv_filter* f, const u8 (&id)[snap_id_bytes], u
   kernel::spin_guard guard(&r.lock);
   zorv_record_entry* e = find(&r, id);
   if (e == nullptr) return "has missed writes: the record does not list it";
+  if (e->running) return "runs already, as another node";
   *instant = e->instant;
   for (const zorv_record_entry* n = e + 1; n < r.entries + r.count; ++n) {
     if (!n->running) return "needs a newer snap that has not been resumed";
@@ -400,6 +445,16 @@ int zorv_record_save(zorv_filter* f) {
   return settle(f, d.get());
 }
 
+void zorv_record_restore(zorv_filter* f) {
+  {
+    kernel::spin_guard guard(&f->record.lock);
+    if (f->record.count == 0 || (f->record.on_file && !f->record.excused)) return;
+  }
+  if (zorv_record_save(f) == 0) return;
+  zorv_log(LOG_ERROR, "%s(): No snap of zorv(%d, %d) can be resumed as valid: %s is missing",
+           __func__, zorv_blk_major, f->filter_minor, f->record.fname);
+}
+
 void zorv_record_wanted(zorv_filter* f) {
   {
     marks_guard guard(f);
@@ -421,6 +476,11 @@ int zorv_record_write(zorv_filter* f) {
         strike(&r);
       }
       rc = settle(f, d.get());
+      if (rc != 0) {
+        // There may be no file at all, and none can be made: then nothing lists what has gone.
+        kernel::spin_guard guard(&r.lock);
+        if (!r.ahead) rc = 0;
+      }
       marks_guard guard(f);
       again = r.stale.load();
       if (rc == 0 && !again) f->record_due = false;

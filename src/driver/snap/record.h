@@ -33,6 +33,7 @@ struct zorv_record {
   char fname[1024] = {};
 
   rzmutex mutex;              // file work
+  rzmutex note_mutex;         // notes about the file; inside mutex, taken alone by waiting writes
   zorv_file* file = nullptr;  // under mutex, as the next three; open and locked to the node's end
   kernel::file_claim claim;
   u64 seq = 0;
@@ -58,7 +59,8 @@ struct zorv_record {
 [[nodiscard]] int zorv_record_attach(zorv_filter* f);
 void zorv_record_detach(zorv_filter* f);  // accepts a node that was never attached
 
-// The snap of that id has its instant now and is the newest. Returns the instant's number.
+// The snap of that id has its instant now and is the newest. Returns the instant's number. Older
+// ones depend on it from now on, so while the file lists them without it no write goes.
 //   locks    the filter's snap_rwlock (write): no write is between the two sides of an instant
 [[nodiscard]] u64 zorv_record_started(zorv_filter* f, const u8 (&id)[snap_id_bytes]);
 // Whether a snap of that id has missed nothing, and none that is newer and still listed is missing;
@@ -77,6 +79,9 @@ bool zorv_record_lost(zorv_filter* f, const u8 (&id)[snap_id_bytes]);
 // Has the file say what holds, snaps that are not back yet included; for commands.
 //   returns  0 | negative errno (logged)
 int zorv_record_save(zorv_filter* f);
+// The same where the file is gone or not to be believed although there is something to list, as
+// after a write that could not have it changed.
+void zorv_record_restore(zorv_filter* f);
 
 // A write has come while the record is stale: the mark thread sees to it, the write waits.
 //   locks    no spin lock
