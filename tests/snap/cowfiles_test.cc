@@ -94,12 +94,16 @@ TEST_F(cowfiles_test, a_name_that_leads_elsewhere_by_now_is_left_alone) {
 }
 
 TEST_F(cowfiles_test, a_file_cut_short_while_its_snap_runs_makes_it_invalid) {
-  for (const bool by_read : {true, false}) {
+  int rounds = 0;
+  for (const bool by_read : {true, false, true}) {
+    const bool grown_again = rounds++ == 2;
     disk.poke(0, pattern(0, disk_bytes));
     const u32 snap = add_started_snap({.files = dir / "s"});
     client c(filter);
     EXPECT_EQ(c.fill(0, 4096, 1), 0);
+    const auto length = std::filesystem::file_size(dir / "s.cow");
     std::filesystem::resize_file(dir / "s.cow", 0);
+    if (grown_again) std::filesystem::resize_file(dir / "s.cow", length);
     bytes out;
     if (by_read) {
       EXPECT_EQ(client(snap).read(0, 4096, &out), -EIO);
@@ -132,6 +136,31 @@ TEST_F(cowfiles_test, a_resume_believes_only_files_of_one_life_on_this_disk) {
   EXPECT_EQ(resume(1), 0);
   EXPECT_TRUE(log.has("The COW files of zorv(100, 1) are about another disk")) << log.errors();
   EXPECT_FALSE(valid(1));
+}
+
+// Of a copy nobody knows from when it is; and what another program has made its own is not deleted.
+TEST_F(cowfiles_test, copies_are_other_files_and_locked_ones_stay) {
+  const u32 snap = add_started_snap({.files = dir / "s"});
+  std::filesystem::copy_file(dir / "s.cow", dir / "copy.cow");
+  std::filesystem::copy_file(dir / "s.bmp", dir / "copy.bmp");
+  std::filesystem::copy_file(dir / "s.cow", dir / "another.cow");
+  const u32 twin = add_snap({.files = dir / "copy"});
+  EXPECT_EQ(resume(twin), 0);
+  EXPECT_FALSE(valid(twin)) << "of a life that runs";
+  EXPECT_EQ(stop(snap) | stop(twin), 0);
+  EXPECT_EQ(resume(snap), 0);
+  EXPECT_TRUE(valid(snap));
+  EXPECT_EQ(stop(snap), 0);
+  std::filesystem::rename(dir / "another.cow", dir / "s.cow");
+  EXPECT_EQ(resume(snap), 0);
+  EXPECT_TRUE(log.has("are copies: others than they were made in")) << log.errors();
+  EXPECT_FALSE(valid(snap));
+  EXPECT_EQ(stop(snap), 0);
+  kernel::file* other = kernel::filp_open((dir / "s.cow").c_str(), kernel::FO_RDWR, 0);
+  EXPECT_EQ(kernel::vfs_lock(other), 0);
+  EXPECT_EQ(del(snap), 0);
+  EXPECT_TRUE(std::filesystem::exists(dir / "s.cow"));
+  kernel::filp_close(other);
 }
 
 TEST_F(cowfiles_test, a_start_that_is_cut_short_leaves_files_that_are_not_believed) {

@@ -172,3 +172,45 @@ TEST_F(record_test, an_invalid_snap_whose_files_cannot_say_so_stays_invalid) {
   EXPECT_EQ(stop(a), 0);
   EXPECT_FALSE(resumed(a));
 }
+
+// From its instant on the older ones' chunks go to the newest alone.
+TEST_F(record_test, no_snap_is_believed_without_a_newer_one_that_could_not_be_listed) {
+  add_started_snap({.files = dir / "a"});
+  const u32 b = add_snap({.files = dir / "b"}), c = add_snap({.files = dir / "c"});
+  kernel::fault_arm(fault_site::file_write, 1, 0, EIO);
+  EXPECT_EQ(start(b), 0);
+  const u64 last = kernel::fault_calls(fault_site::file_write);
+  kernel::fault_arm(fault_site::file_write, last, 1, EIO);
+  EXPECT_EQ(start(c), 0);
+  kernel::fault_disarm_all();
+  EXPECT_TRUE(log.has("zorv0.snaps: rc=-5")) << "the last write of a start is the record's";
+  EXPECT_EQ(write(0), 0);
+  restart();
+  EXPECT_FALSE(resumed(b));
+}
+
+TEST_F(record_test, a_list_is_believed_only_from_the_disk_and_where_it_was_written) {
+  const u32 a = add_started_snap({.files = dir / "a"});
+  // An earlier life's list that cannot be made stable may have a longer one behind it.
+  unload();
+  load();
+  kernel::fault_arm(fault_site::file_sync, 1, -1, EIO);
+  filter = add_filter(disk.path());
+  kernel::fault_disarm_all();
+  EXPECT_EQ(start(filter), 0);
+  EXPECT_EQ(add_snap({.files = dir / "a"}), a);
+  EXPECT_FALSE(resumed(a));
+  // One that is away while the write comes lists nothing when it is back.
+  EXPECT_EQ(stop(a) | start(a) | stop(a), 0);
+  const std::string record = dir / "zorv0.snaps", away = dir / "away";
+  std::filesystem::rename(record, away);
+  EXPECT_EQ(write(0), 0);
+  std::filesystem::rename(away, record);
+  restart();
+  EXPECT_FALSE(resumed(a));
+  // Where none can be made, no write is held up for it.
+  std::filesystem::remove(record);
+  std::filesystem::create_directory(record);
+  restart();
+  EXPECT_EQ(start(a) | stop(a) | write(0), 0) << log.errors();
+}
