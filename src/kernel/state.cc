@@ -12,6 +12,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "kernel/fault.h"
 #include "kernel/random.h"
@@ -160,6 +161,26 @@ int state_forget(const char* key) {
   if (fd < 0) return -ENOENT;
   if (::unlinkat(fd, key, 0) != 0) return errno == ENOENT ? 0 : -errno;
   return sync_fd(fd);
+}
+
+int state_put(const char* key, const char* value) {
+  might_sleep("state_put");
+  if (const int rc = fault_check(fault_site::state_write); rc != 0) return rc;
+  const int fd = dir_fd();
+  if (fd < 0) return -ENOENT;
+  const std::string fresh = std::string(key) + ".new";
+  if (::unlinkat(fd, fresh.c_str(), 0) != 0 && errno != ENOENT) return -errno;
+  if (::symlinkat(value, fd, fresh.c_str()) != 0) return -errno;
+  if (::renameat(fd, fresh.c_str(), fd, key) != 0) return -errno;
+  return sync_fd(fd);
+}
+
+bool state_is(const char* key, const char* value) {
+  might_sleep("state_is");
+  char found[256];
+  const int fd = dir_fd();
+  const ssize_t n = fd < 0 ? -1 : ::readlinkat(fd, key, found, sizeof found);
+  return n >= 0 && std::string_view(found, static_cast<std::size_t>(n)) == value;
 }
 
 }  // namespace kernel

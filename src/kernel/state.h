@@ -26,5 +26,8 @@ void state_id(u8 (&id)[state_id_bytes]);
 // 1 | 0 | negative errno (no folder, or it cannot be asked: it may be noted, and it may not)
 [[nodiscard]] int state_noted(const char* key);
 [[nodiscard]] int state_forget(const char* key);  // 0 (also when it was not noted) | negative errno
+// A key with a value, of at most 200 characters, in the place of what it had.
+[[nodiscard]] int state_put(const char* key, const char* value);  // 0 | as state_note
+[[nodiscard]] bool state_is(const char* key, const char* value);  // false in doubt
 
 }  // namespace kernel

@@ -77,6 +77,9 @@ void zorv_crc32(const void* buffer, s32 length, u32* value);
 //          changed
 int zorv_block_save_bmp(zorv_filter* f, u32 type);
 int zorv_block_save_dirty_bmps(zorv_filter* f);
+// Waits until the writes have ended that are marked by now, whatever becomes of the files.
+//   returns  0 | -EIO (some do not end; logged)
+int zorv_block_await_writes(zorv_filter* f);
 int zorv_block_load_bmp(zorv_filter* f, u32 type);
 int zorv_block_write_dirty_flag(zorv_filter* f, u32 type, int flag);
 

@@ -52,6 +52,20 @@ int open_file(zorv_filter* f, u32 type, u32 flags) {
   return 0;
 }
 
+// Makes the open file eight stale bytes, on disk.
+int stale_bytes(zorv_filter* f, u32 type) {
+  zorv_mark_state& m = f->marks[type];
+  u8 head[bmpfile::prefix_bytes + 1];
+  std::memcpy(head, bmpfile::prefix, bmpfile::prefix_bytes);
+  head[bmpfile::dirty_offset] = 1;
+  int rc = zorv_fwrite(m.file, 0, head, sizeof head);
+  if (rc >= 0) rc = bmpfile::sync(f, type);
+  if (rc < 0) return rc;
+  m.sync_failed = false;  // whatever else is not on disk, the mark is
+  (void)kernel::vfs_truncate(m.file->filp, sizeof head);
+  return 0;
+}
+
 // The open file is not what the name leads to any more: should it come back, it is stale.
 int leave_file(zorv_filter* f, u32 type) {
   bool maybe_current = false;
@@ -59,7 +73,7 @@ int leave_file(zorv_filter* f, u32 type) {
     kernel::spin_guard guard(&f->bmp_lock);
     maybe_current = f->marks[type].maybe_current;
   }
-  const int rc = maybe_current ? bmpfile::write_stale(f, type) : 0;
+  const int rc = maybe_current ? stale_bytes(f, type) : 0;
   if (rc == 0) close_file(f, type);
   return rc;
 }
@@ -85,6 +99,8 @@ int follow_name(zorv_filter* f, u32 type, missing what) {
   zorv_mark_state& m = f->marks[type];
   const char* fname = zorv_bmp_of(f, type).fname;
   kernel::file_id id;
+  const int moved = zorv_companion_follow(f);
+  if (moved != 0) return moved;
   int rc = kernel::path_identity(fname, &id);
   if (m.file != nullptr) {
     if (rc != 0 && rc != -ENOENT) return 0;  // it cannot be told: the file is still there
@@ -108,17 +124,9 @@ int sync(zorv_filter* f, u32 type) {
 }
 
 int write_stale(zorv_filter* f, u32 type) {
-  zorv_mark_state& m = f->marks[type];
-  u8 head[prefix_bytes + 1];
-  std::memcpy(head, prefix, prefix_bytes);
-  head[dirty_offset] = 1;
-  int rc = zorv_fwrite(m.file, 0, head, sizeof head);
-  if (rc >= 0) rc = sync(f, type);
-  if (rc < 0) return rc;
-  m.sync_failed = false;  // whatever else is not on disk, the mark is
-  (void)kernel::vfs_truncate(m.file->filp, sizeof head);
-  zorv_marks_file_void(f, type);
-  return 0;
+  const int rc = stale_bytes(f, type);
+  if (rc == 0) zorv_marks_file_void(f, type);
+  return rc;
 }
 
 bool note_key(const zorv_filter* f, u32 type, zorv_note_key* key) {

@@ -17,7 +17,7 @@ constexpr u64 dirty_offset = 7, size_offset = 8, crc_offset = 12, bits_offset = 
 bool lives_on_node(const char* fname);
 
 // Sees to it that marks[type].file is the file that the name leads to now; one that it led to
-// before is marked stale and closed.
+// before is marked stale and closed. Whatever waits for a mark goes on waiting for the new one's.
 //   returns  0 | -ENOENT (no file there) | negative errno (logged)
 enum class missing { fail, create };
 [[nodiscard]] int follow_name(zorv_filter* f, u32 type, missing what);

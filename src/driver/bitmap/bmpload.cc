@@ -90,8 +90,8 @@ read_result read_open_file(zorv_file* file, const zorv_bmp_view& bmp, u8* bits) 
 
 read_result read_file(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, u8* bits) {
   zorv_log(2, "%s(): Reading %s", op, bmp.fname);
-  const char* why = objection(f, type);
   const int rc = bmpfile::follow_name(f, type, bmpfile::missing::fail);
+  const char* why = objection(f, type);
   if (rc == -ENOENT) {
     zorv_log(LOG_ERROR, "%s(): There is no file %s.", op, bmp.fname);
     return {-EIO, verdict::useless};

@@ -235,6 +235,21 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
   return rc;
 }
 
+int zorv_block_await_writes(zorv_filter* f) {
+  rzmutex_guard one_at_a_time(&f->save_mutex);
+  u32 epoch = 0;
+  {
+    kernel::spin_guard guard(&f->bmp_lock);
+    epoch = f->writes_epoch;
+  }
+  if (!wait_for_writes(f, epoch ^ 1)) return -EIO;
+  {
+    kernel::spin_guard guard(&f->bmp_lock);
+    f->writes_epoch ^= 1;
+  }
+  return wait_for_writes(f, epoch) ? 0 : -EIO;
+}
+
 int zorv_block_save_dirty_bmps(zorv_filter* f) {
   zorv_log(1, "%s(): Saving dirty incr/diff bitmaps to disk", __func__);
   rzmutex_guard one_at_a_time(&f->save_mutex);

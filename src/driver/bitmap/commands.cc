@@ -94,6 +94,26 @@ void exchange(zorv_filter* f, u32 type, buffer* bits, zorv_handout* handout = nu
   zorv_handout_add(f, handout);
 }
 
+// After bits have been taken away: whoever reads the disk from now on finds what they stood for.
+//   returns  0 (also when the file could not be saved: it says no less than before) | -EIO
+int settle_taken(zorv_filter* f) {
+  return zorv_block_save_dirty_bmps(f) == 0 ? 0 : zorv_block_await_writes(f);
+}
+
+// After bits have been put in: a file that lacks them does not look current.
+//   returns  0 | -EIO (it may, and can be neither saved nor marked nor noted)
+int settle_added(zorv_filter* f) {
+  if (zorv_block_save_dirty_bmps(f) == 0) return 0;
+  const u64 deadline = kernel::jiffies() + mark_wait_limit_jiffies;
+  for (;;) {
+    const u64 event = zorv_marks_event();
+    if (zorv_marks_refused(f)) return -EIO;
+    if (!zorv_marks_pending(f)) return 0;
+    if (!zorv_marks_wait(event, deadline)) zorv_marks_overdue(f);
+    if (kernel::time_after_eq(kernel::jiffies(), deadline + mark_wait_limit_jiffies)) return -EIO;
+  }
+}
+
 void announce(const char* op, const char* doing, u32 type, const zorv_blkdev* dev) {
   zorv_log(1, "%s(): %s %s bitmap of zorv(%d, %d)", op, doing, zorv_bmp_type_name(type),
            zorv_blk_major, dev->minor);
@@ -126,7 +146,11 @@ int zorv_ioctl_get_and_clr_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
     zorv_handout_merge_back(&dev->f, id);
     return rc;
   }
-  (void)zorv_block_save_dirty_bmps(&dev->f);
+  rc = settle_taken(&dev->f);
+  if (rc != 0) {
+    zorv_handout_merge_back(&dev->f, id);
+    return rc;
+  }
   zorv_handout_publish(id);
   return 0;
 }
@@ -138,8 +162,7 @@ int zorv_ioctl_merge_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
   if (rc == 0) rc = copy_in(__func__, *req, &added);
   if (rc != 0) return rc;
   zorv_bmp_merge(&dev->f, req->type, added.get());
-  (void)zorv_block_save_dirty_bmps(&dev->f);
-  return 0;
+  return settle_added(&dev->f);
 }
 
 int zorv_ioctl_set_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
@@ -163,8 +186,10 @@ int zorv_ioctl_set_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
   }
   if (rc != 0) return rc;
   exchange(&dev->f, req->type, &bits);
-  (void)zorv_block_save_dirty_bmps(&dev->f);
-  return 0;
+  rc = settle_taken(&dev->f);
+  if (rc == 0) return settle_added(&dev->f);
+  zorv_bmp_merge(&dev->f, req->type, bits.get());
+  return rc;
 }
 
 int zorv_ioctl_clr_bmp(zorv_blkdev* dev, zorv_bmp_req* req) {
@@ -174,8 +199,9 @@ int zorv_ioctl_clr_bmp(zorv_blkdev* dev, zorv_bmp_req* req) {
   if (rc == 0) rc = allocate_zeroed(__func__, zorv_bmp_of(&dev->f, req->type).size, &fresh);
   if (rc != 0) return rc;
   exchange(&dev->f, req->type, &fresh);
-  (void)zorv_block_save_dirty_bmps(&dev->f);
-  return 0;
+  rc = settle_taken(&dev->f);
+  if (rc != 0) zorv_bmp_merge(&dev->f, req->type, fresh.get());
+  return rc;
 }
 
 int zorv_ioctl_save_bmp(zorv_blkdev* dev, zorv_bmp_req* req) {

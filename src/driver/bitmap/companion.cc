@@ -2,6 +2,7 @@
 #include "driver/bitmap/companion.h"
 
 #include "driver/bitmap/bitmap.h"
+#include "driver/bitmap/dirty.h"
 #include "driver/core/log.h"
 #include "kernel/mem.h"
 #include "kernel/random.h"
@@ -83,6 +84,43 @@ const char* read_companion(zorv_filter* f, zorv_file* file) {
   return difference(d, now);
 }
 
+// The state folder's key for the disk. That two disks share one costs no more than what it says.
+struct disk_key {
+  char text[32];
+};
+disk_key key_of_disk(const zorv_filter* f) {
+  char identity[kernel::bdev_identity_bytes] = {};
+  (void)kernel::bdev_identity(f->hdd_bdev, identity, sizeof identity);
+  u64 hash = 0xcbf29ce484222325U;  // FNV-1a
+  for (const char* c = identity; *c != '\0'; ++c) {
+    hash = (hash ^ static_cast<u8>(*c)) * 0x100000001b3U;
+  }
+  disk_key key;
+  // A node says of itself what its disk says.
+  std::snprintf(key.text, sizeof key.text, "%s-%016llx", f->hdd_is_node ? "node" : "disk",
+                static_cast<unsigned long long>(hash));
+  return key;
+}
+
+struct pair_text {
+  char text[33];
+};
+pair_text text_of_pair(const zorv_companion& c) {
+  pair_text pair;
+  for (int i = 0; i < 16; ++i) std::snprintf(pair.text + 2 * i, 3, "%02x", c.pair[i]);
+  return pair;
+}
+
+// No pair stands for the disk from now on, until one is written anew.
+//   returns  0 | negative errno (logged)
+int retire_pairs(const zorv_filter* f) {
+  const int rc = kernel::state_forget(key_of_disk(f).text);
+  if (rc == 0 || rc == -ENOENT) return 0;
+  zorv_log(LOG_ERROR, "%s(): The state folder can't be changed: rc=%d", "zorv_companion_attach",
+           rc);
+  return rc;
+}
+
 int open_locked(zorv_filter* f, u32 flags) {
   char owner[kernel::file_claim::owner_bytes];
   std::snprintf(owner, sizeof owner, "zorv(%d, %d)'s companion of its bitmaps", zorv_blk_major,
@@ -149,11 +187,41 @@ int zorv_companion_renew(zorv_filter* f) {
     zorv_log(LOG_ERROR, "%s(): Failed to write %s: rc=%d", __func__, c.fname, rc);
     return rc;
   }
+  rc = kernel::state_put(key_of_disk(f).text, text_of_pair(c).text);
+  if (rc != 0 && rc != -ENOENT) {
+    zorv_log(LOG_ERROR, "%s(): The state folder can't be changed: rc=%d", __func__, rc);
+    return rc;
+  }
   c.ours = true;
   c.notes = !is_zero(d.state);
   for (const zorv_note_key& key : old) {
     if (noted) (void)kernel::state_forget(key.text);
   }
+  return 0;
+}
+
+int zorv_companion_follow(zorv_filter* f) {
+  zorv_companion& c = f->companion;
+  kernel::file_id there;
+  const int looked = kernel::path_identity(c.fname, &there);
+  if (c.file != nullptr) {
+    if (looked == 0 && there == c.claim.id()) return 0;
+    if (looked != 0 && looked != -ENOENT && looked != -ENOTDIR) return 0;  // it cannot be told
+    zorv_log(LOG_ERROR, "%s(): %s is not the file that it was.", __func__, c.fname);
+    zorv_companion_detach(f);
+    c.lost = true;
+  } else if (looked != 0) {
+    return 0;  // no companion, so nobody else's either
+  }
+  const int rc = zorv_companion_attach(f);
+  if (rc != 0) return rc;
+  if (c.lost && c.ours) {
+    const int retired = retire_pairs(f);
+    if (retired != 0) return retired;
+  }
+  c.lost = c.ours = false;
+  marks_guard guard(f);
+  for (zorv_mark_state& m : f->marks) m.maybe_current = true;
   return 0;
 }
 

@@ -4,6 +4,8 @@
 // every extent counts as changed. Format: docs/bitmap-file.md.
 //
 // It is open and locked for the node's life, so that no other daemon writes files of that name.
+// Which pair of files has last stood for a disk is kept in the state folder: an older one that
+// comes back, from another folder or minor, has missed what was written since.
 #pragma once
 
 #include <atomic>
@@ -23,7 +25,8 @@ struct zorv_companion {
   u8 pair[16] = {};    // of this pair of bitmap files, new with every companion written
   bool ours = false;   // the file on disk says what holds: bitmap files may be believed
   bool notes = false;  // ... or at least our state folder and a pair that notes can be about
-  bool absent = true;  // there is none, so no bitmap file is believed whatever it holds
+  bool absent = true;  // there is none
+  bool lost = false;   // its name leads elsewhere, and what is there is not ours yet
   std::atomic<const char*> why{nullptr};  // everything counted as changed when the node was made
 };
 
@@ -31,6 +34,10 @@ struct zorv_companion {
 // everything counts as changed.
 //   returns  0 | -EBUSY (locked by another daemon, or somebody's in this one; logged)
 [[nodiscard]] int zorv_companion_attach(zorv_filter* f);
+// Sees to it that the open companion is the one that the name leads to; where another has come to
+// stand, that one is taken, and no file beside it is believed before it has been written.
+//   returns  0 | -EBUSY (another daemon has it: nothing here may be changed)
+[[nodiscard]] int zorv_companion_follow(zorv_filter* f);
 // Makes it say what holds. Both bitmap files are durably stale by then.
 //   returns  0 | negative errno (logged)
 [[nodiscard]] int zorv_companion_renew(zorv_filter* f);

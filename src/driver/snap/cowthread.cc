@@ -17,8 +17,10 @@ namespace {
 constexpr int nice_for_held_writes = -20;
 constexpr int nice_for_snap_reads = 10;
 
+// Gives up one use of it. A copying task that was left behind may be its last user.
 struct worker_deleter {
   void operator()(cow_worker* w) const {
+    if (w->users.fetch_sub(1) != 1) return;
     for (cow_copier& c : w->copiers) {
       kernel::vfree(c.pages);
       kernel::file_writes_free(c.writes);
@@ -169,8 +171,10 @@ int cowcopy(void* arg) {
   // The host takes its time over this; here the tasks wait for it at the same time.
   kernel::file_writes_free(c->writes);
   c->writes = nullptr;
+  const worker_ptr last(w);
   c->ended.store(true);
-  return kernel::complete_and_exit(&c->done, 0);
+  kernel::complete(&c->done);
+  return 0;
 }
 
 // A reading task. What none has begun when they are stopped stays in the queue.
@@ -204,29 +208,23 @@ int start_task(int (*body)(void*), void* arg, const char* name, kernel::completi
 }
 
 // Waits for a copying task to end, or to be left behind.
-//   returns  whether it has ended
-bool await_end(cow_worker* w, cow_copier* c) {
+void await_end(cow_worker* w, cow_copier* c) {
   const auto settled = [c] { return c->ended.load() || c->left.load(); };
   while (!kernel::wait_event_timeout(&w->filter->cowqueue.wait, settled, kernel::HZ / 10)) {
     leave_hanging(w);
   }
-  if (!c->ended.load()) return false;
-  kernel::wait_for_completion(&c->done);
-  return true;
+  if (c->ended.load()) kernel::wait_for_completion(&c->done);
 }
 
-// Ends the other tasks.
-//   returns  whether all have ended; the working set is still in use otherwise
-bool stop_tasks(cow_worker* w) {
+// Ends the other tasks, but for what is left behind.
+void stop_tasks(cow_worker* w) {
   w->stop.store(1);
   for (cow_copier& c : w->copiers) kernel::wake_up(&c.wait);
   kernel::wake_up_all(&w->reads_wait);
-  bool ended = true;
-  for (cow_copier& c : w->copiers) ended = await_end(w, &c) && ended;
+  for (cow_copier& c : w->copiers) await_end(w, &c);
   for (cow_reader& r : w->readers) kernel::wait_for_completion(&r.done);
   kernel::spin_guard guard(&w->filter->cowqueue.lock);
   while (cow_request* r = w->reads.front()) r->read_link.unlink();  // they are the queue's alone
-  return ended;
 }
 
 // The working set and the other tasks.
@@ -240,15 +238,19 @@ int set_up(worker_ptr* worker, const zorv_cowthread* t) {
   }
   int rc = 0;
   for (cow_copier& c : w->copiers) {
+    w->users.fetch_add(1);
     const int started = start_task(cowcopy, &c, "kcowd-copy", &c.done);
-    if (started != 0) c.ended.store(true);
+    if (started != 0) {
+      c.ended.store(true);
+      w->users.fetch_sub(1);
+    }
     if (rc == 0) rc = started;
   }
   for (cow_reader& r : w->readers) {
     const int started = start_task(cowread, &r, "kcowd-read", &r.done);
     if (rc == 0) rc = started;
   }
-  if (rc != 0) (void)stop_tasks(w);  // none has begun anything
+  if (rc != 0) stop_tasks(w);  // none has begun anything
   return rc;
 }
 
@@ -268,7 +270,7 @@ int cowthread(void* arg) {
   kernel::complete(&t->ready);
   if (rc == 0) {
     serve(t, w.get());
-    if (!stop_tasks(w.get())) (void)w.release();  // what hangs goes on using it when it returns
+    stop_tasks(w.get());
   }
   w.reset();
   return kernel::complete_and_exit(&t->done, 0);

@@ -81,7 +81,8 @@ constexpr u32 nr_readers = 3;
 // The working set, had before anybody is served.
 struct cow_worker {
   zorv_filter* filter = nullptr;
-  std::atomic<u32> stop{0};  // the other tasks end
+  std::atomic<u32> stop{0};   // the other tasks end
+  std::atomic<u32> users{1};  // the first task and the copying tasks; the last frees it
 
   cow_copier copiers[nr_copiers];
   std::atomic<u32> copying{0};  // busy copiers
