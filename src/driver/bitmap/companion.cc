@@ -154,7 +154,11 @@ int zorv_companion_attach(zorv_filter* f) {
       kernel::filp_close(filp);
     }
   }
+  if (why == nullptr && !kernel::state_is(key_of_disk(f).text, text_of_pair(c).text)) {
+    why = "other bitmap files have been in use for the disk since";
+  }
   c.ours = why == nullptr;
+  if (!c.ours && (rc = retire_pairs(f)) != 0) return rc;
   const bool fresh = c.absent && c.file != nullptr;  // a node's first life is nothing to report
   c.why.store(fresh ? nullptr : why);
   if (!c.ours) {
