@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <iostream>
 
 #include "support/daemon.h"
@@ -103,10 +104,6 @@ TEST_F(ctl_host_disk, is_held_while_a_node_stands_over_it) {
   const loop_device fixed(dir / "fixed.img", {"--read-only"});
   ASSERT_TRUE(fixed.there());
   EXPECT_THAT(add(fixed.path()).err, HasSubstr("Unable to open HDD device"));
-  make_image(dir / "both.img", 8 << 20);
-  d.must({"attach", dir / "both.img"});
-  const loop_device both(dir / "both.img");
-  EXPECT_THAT(add(both.path()).err, HasSubstr("Can't attach to an open HDD device"));
   EXPECT_EQ(d.end(SIGTERM), 0);
 }
 
@@ -123,5 +120,39 @@ TEST_F(ctl_host_disk, mounted_ones_are_refused) {
     EXPECT_THAT(d.ctl({"datablock", "test", loop.path()}).err, HasSubstr("mounted"));
   }
   EXPECT_EQ(add(loop.path()).status, 0) << d.log();
+  EXPECT_EQ(d.end(SIGTERM), 0);
+}
+
+TEST_F(ctl_host_disk, one_disk_by_two_ways_is_one_disk) {
+  make_image(dir / "disk.img", 8 << 20);
+  const auto use = [this](const std::string& disk, const char* write) {
+    EXPECT_EQ(add(disk).status, 0) << d.log();
+    d.must({"start", "data"});
+    if (std::string(write).empty()) d.must({"bmp", "clear", "data", "incr"});
+    const auto io =
+        run_program({"qemu-io", "-f", "raw", "-c", write, "-c", "flush", d.uri("data")});
+    EXPECT_EQ(io.status, 0) << io.out << io.err;
+    d.must({"stop", "data"});
+    std::string changed = d.must({"bmp", "show", "data", "incr"});
+    d.must({"del", "data"});
+    return changed;
+  };
+  d.must({"attach", dir / "disk.img"});
+  use("/dev/image/disk", "");
+  d.must({"detach", "disk"});
+  const loop_device first(dir / "disk.img");
+  if (!first.there()) return;
+  EXPECT_THAT(use(first.path(), "write -q 1M 4k"), HasSubstr("1048576 65536\ntotal 65536 of"));
+  ASSERT_EQ(add(first.path()).status, 0) << d.log();
+  const std::string name = dir / "other.name";
+  std::filesystem::create_hard_link(dir / "disk.img", name);
+  const loop_device again(name, {"--offset", "1M"}), nested(first.path(), {"--offset", "1M"});
+  ASSERT_TRUE(again.there() && nested.there());
+  for (const loop_device* other : {&again, &nested}) {
+    const auto r = d.ctl({"add-filter", other->path(), "--extent-size", "64K", "--bmp-dir",
+                          dir.path(), "--name", "other"});
+    EXPECT_THAT(r.err, HasSubstr("Can't attach to an open HDD device")) << other->path();
+  }
+  EXPECT_THAT(d.ctl({"attach", name}).err, HasSubstr(first.path() + "'s file"));
   EXPECT_EQ(d.end(SIGTERM), 0);
 }

@@ -104,6 +104,11 @@ TEST(identity, a_device_is_told_by_what_stays_with_it) {
        {{"partition", "1"}, {"start", "8"}},
        "",
        "partition from 8 of loop from 512 limit 0 of " + image},
+      {"loop7",
+       "7:7",
+       {{"loop/backing_file", dir / "disk.img"}, {"loop/offset", "0"}, {"loop/sizelimit", "0\n"}},
+       "",
+       image},
       {"loop8", "7:8", {{"loop/backing_file", "/none (deleted)"}}, "", ""},
   };
   std::filesystem::create_directories(dir / "sys/dev/block");

@@ -7,7 +7,6 @@
 // refusal, and its reason, are the driver's to give.
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -23,6 +22,7 @@
 #include <sstream>
 
 #include "driver/core/types.h"
+#include "host/disk/below.h"
 #include "host/disk/disk.h"
 #include "host/disk/engine.h"
 #include "host/disk/identity.h"
@@ -39,6 +39,12 @@ using kernel::gendisk;
 
 namespace {
 
+// A layer that disks stand on, or a disk itself: nobody else's as long as one of them is here.
+struct layer_claim {
+  std::string user;  // as in struct layer
+  kernel::file_claim claim;
+};
+
 struct host_disk {
   std::string path;
   devt dev = 0;
@@ -47,7 +53,7 @@ struct host_disk {
   bool shared = false;  // somebody else holds it
   s32 openers = 0;
   bool added = false;
-  kernel::file_claim backing_file;  // of a loop device
+  std::vector<std::shared_ptr<layer_claim>> layers;
   std::unique_ptr<file_engine> engine;
   gendisk* disk = nullptr;
 
@@ -57,6 +63,7 @@ struct host_disk {
 struct host_table {
   std::mutex lock;
   std::map<devt, std::unique_ptr<host_disk>> disks;
+  std::map<std::pair<u64, u64>, std::weak_ptr<layer_claim>> layers;  // by file_id
 };
 
 host_table& table() {
@@ -259,18 +266,34 @@ void take_limits(int fd, kernel::request_queue* q) {
   }
 }
 
+// What two of our disks have in common they share as partitions and volumes do, or one of them is
+// the other by another name and its writes would pass the other's filter.
+//   returns  "" | whose the layer is
+std::string take_layer(host_disk* h, const layer& l) {
+  std::weak_ptr<layer_claim>& known = table().layers[{l.id.dev, l.id.ino}];
+  std::shared_ptr<layer_claim> taken = known.lock();
+  if (taken == nullptr || taken->user != l.user) {
+    taken = std::make_shared<layer_claim>();
+    taken->user = l.user;
+    const std::string owner = l.id.dev == 0 ? "what is below " + h->path : l.user + "'s file";
+    char whose[kernel::file_claim::owner_bytes] = {};
+    if (kernel::claim_file(l.id, owner.c_str(), &taken->claim, &whose) != 0) return whose;
+    known = taken;
+  }
+  h->layers.push_back(std::move(taken));
+  return "";
+}
+
 // Whoever works on the device without having it alone.
 std::string other_user(host_disk* h) {
   if (h->shared) return "an exclusive holder";
-  loop_info64 info = {};
-  if (::ioctl(h->fd, LOOP_GET_STATUS64, &info) == 0) {
-    const kernel::file_id id{info.lo_device, info.lo_inode, 0};
-    char whose[kernel::file_claim::owner_bytes] = {};
-    if (kernel::claim_file(id, (h->path + "'s file").c_str(), &h->backing_file, &whose) != 0) {
-      return whose;
-    }
+  std::erase_if(table().layers, [](const auto& known) { return known.second.expired(); });
+  std::vector<layer> layers = layers_below(h->dev);
+  layers.push_back({device_as_file(h->dev), h->path});
+  for (const layer& l : layers) {
+    if (std::string who = take_layer(h, l); !who.empty()) return who;
   }
-  return writer_elsewhere(h->path);
+  return writer_elsewhere(h->fd, h->path);
 }
 
 int add_host_disk(host_disk* h) {

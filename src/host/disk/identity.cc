@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <linux/loop.h>
 #include <linux/magic.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -18,6 +17,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+
+#include "host/disk/below.h"
 
 namespace zorv {
 
@@ -211,12 +212,11 @@ std::string sys_device::partition() const {
 // Whether that is the file that the loop device has open. The name is what it was for whoever set
 // the device up, perhaps among other mounts.
 bool loop_has(const std::string& device, const struct stat& file) {
-  loop_info64 info = {};
-  const int fd = ::open(device.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  const bool same = fd >= 0 && ::ioctl(fd, LOOP_GET_STATUS64, &info) == 0 &&
-                    info.lo_device == file.st_dev && info.lo_inode == file.st_ino;
-  if (fd >= 0) ::close(fd);
-  return same;
+  loop_backing behind;
+  if (!ask_loop(device, &behind)) return false;
+  if (behind.device == 0) return behind.file == kernel::file_id{file.st_dev, file.st_ino, 0};
+  return S_ISBLK(file.st_mode) &&
+         behind.device == kernel::mkdev(major(file.st_rdev), minor(file.st_rdev));
 }
 
 std::string sys_device::loop() const {
@@ -239,8 +239,10 @@ std::string sys_device::loop() const {
   }
   ::close(fd);
   if (rc != 0) return "";
-  return "loop from " + attribute("loop/offset") + " limit " + attribute("loop/sizelimit") +
-         " of " + file;
+  const std::string from = attribute("loop/offset"), limit = attribute("loop/sizelimit");
+  // All of it is the same disk by another way.
+  if (from == "0" && limit == "0") return file;
+  return "loop from " + from + " limit " + limit + " of " + file;
 }
 
 }  // namespace

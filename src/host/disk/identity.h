@@ -24,8 +24,8 @@ struct host_trees {
 };
 
 // Of a block device of the host: the UUID of a device mapper or array device; a partition by its
-// UUID, its disk and where it starts; a loop device by its file, offset and size limit; any other
-// by its world wide name or serial number.
+// UUID, its disk and where it starts; a loop device over all of a file or device by that one, else
+// with offset and size limit; any other by its world wide name or serial number.
 //   returns  0 | -ENODATA (nothing of the kind, or a medium that can be exchanged)
 [[nodiscard]] int device_disk_identity(kernel::devt dev, const host_trees& trees,
                                        std::string* text);

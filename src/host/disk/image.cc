@@ -193,7 +193,7 @@ int take_file(image* i, std::string* error) {
     }
     return fail(error, -errno, path + " cannot be locked: " + errno_text(errno));
   }
-  if (const std::string who = ro ? "" : writer_elsewhere(path); !who.empty()) {
+  if (const std::string who = ro ? "" : writer_elsewhere(i->fd, path); !who.empty()) {
     return fail(error, -EBUSY, path + " is open for writing elsewhere: by " + who + ".");
   }
   i->info.size_bytes = static_cast<u64>(st.st_size) & ~u64{kernel::sector_size - 1};

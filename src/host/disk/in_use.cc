@@ -2,11 +2,15 @@
 #include "host/disk/in_use.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+
+#include "host/disk/below.h"
 
 namespace zorv {
 
@@ -21,12 +25,24 @@ std::string first_line(const fs::path& path) {
   return line;
 }
 
-std::string writing_loop(const std::string& path) {
+loop_backing as_backing(int fd) {
+  struct stat st = {};
+  if (::fstat(fd, &st) != 0) return {};
+  if (S_ISBLK(st.st_mode)) return {{}, kernel::mkdev(major(st.st_rdev), minor(st.st_rdev))};
+  return {{st.st_dev, st.st_ino, 0}, 0};
+}
+
+// By the file, or by its name where the device cannot be asked.
+std::string writing_loop(int fd, const std::string& path) {
+  const loop_backing file = as_backing(fd);
   std::error_code error;
   for (fs::directory_iterator at("/sys/block", error), end; !error && at != end;
        at.increment(error)) {
-    if (first_line(at->path() / "loop/backing_file") != path) continue;
-    if (first_line(at->path() / "ro") != "1") return "/dev/" + at->path().filename().string();
+    const std::string name = first_line(at->path() / "loop/backing_file");
+    if (name.empty() || first_line(at->path() / "ro") == "1") continue;
+    const std::string device = "/dev/" + at->path().filename().string();
+    loop_backing behind;
+    if (ask_loop(device, &behind) ? behind == file : name == path) return device;
   }
   return "";
 }
@@ -53,8 +69,8 @@ bool writes(const fs::path& process, const std::string& path) {
 
 }  // namespace
 
-std::string writer_elsewhere(const std::string& path) {
-  if (std::string loop = writing_loop(path); !loop.empty()) return loop;
+std::string writer_elsewhere(int fd, const std::string& path) {
+  if (std::string loop = writing_loop(fd, path); !loop.empty()) return loop;
   const std::string self = std::to_string(::getpid());
   std::error_code error;
   for (fs::directory_iterator at("/proc", error), end; !error && at != end; at.increment(error)) {

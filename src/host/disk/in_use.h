@@ -7,10 +7,12 @@
 namespace zorv {
 
 // Whether a loop device, or another process that this one may look at, has it open for writing:
-// what they write would pass nobody who records it. Readers do no harm. Names are compared, not
-// files, so that no other file system is asked anything; who opened it by another name is not seen.
+// what they write would pass nobody who records it. Readers do no harm. Of what processes have open
+// the names are compared, so that no other file system is asked anything; who opened it by another
+// name is not seen.
+//   fd       it, open
 //   path     absolute, links resolved
 //   returns  "" | who: "process 77 (dd)", "/dev/loop3"
-[[nodiscard]] std::string writer_elsewhere(const std::string& path);
+[[nodiscard]] std::string writer_elsewhere(int fd, const std::string& path);
 
 }  // namespace zorv
