@@ -281,6 +281,11 @@ read_only_folder() {
   serve run --disk "$PWD/disk.img,name=disk"
   z add-filter disk --extent-size 64K --bmp-dir "$PWD/bmp" --name data >/dev/null
   cmp -s disk.img before.img || changed data 1048576
+  z info data | grep -q "trouble .*noted in the state folder: $PWD/bmp/zorv0.incr"
+  z list | grep -q "data: .*noted in the state folder"
+  z del data >/dev/null
+  undo=("${undo[@]:1}")
+  refused end run
 }
 slow_save() { # longer than any limit to the wait for a mark
   clean_disk
@@ -580,7 +585,7 @@ cut_cow||a COW data file that is cut makes the snap invalid, for good
 strange_names_in_run||what lies in the run folder and is not the daemon's stays
 failed_save||a save whose sync fails leaves no file that is believed
 no_descriptors||a write whose stale mark met no free descriptor is in the bitmap after a crash
-read_only_folder|root|a write whose stale mark met a read-only file system is in the bitmap after a crash
+read_only_folder|root|a write whose stale mark met a read-only file system is in the bitmap after a crash, and the note is told
 slow_save||a write during a slow save is in the bitmap after a crash
 crash_while_handing_out||bits that were being handed out survive a crash
 taken_and_lost||bits that a client took and could not keep are merged back

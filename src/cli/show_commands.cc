@@ -66,6 +66,7 @@ answer list(session& s, const std::string& which) {
   table rows({">MINOR", "NAME", "TYPE", "STATE", ">SIZE", ">UNIT", ">OPEN", ">COPIED", ">COWFILE",
               ">QUEUE", "OVER"});
   json documents = json::array();
+  std::string trouble;
   for (const zorv_info_req& info : all_nodes(s, type)) {
     json document = full_document(s, info);
     const bool filter = info.dev_type == ZORV_DEV_FILTER;
@@ -75,9 +76,11 @@ answer list(session& s, const std::string& which) {
               size_cell(document, "copied_bytes"), size_cell(document, "cow_data_allocated"),
               document.contains("cowqueue_len") ? document["cowqueue_len"].dump() : "-",
               below(s, info, document)});
+    std::istringstream said(document.value("bmp_trouble", ""));
+    for (std::string one; std::getline(said, one);) trouble += field(info.name) + ": " + one + "\n";
     documents.push_back(std::move(document));
   }
-  const std::string text = documents.empty() ? "no nodes\n" : rows.text();
+  const std::string text = documents.empty() ? "no nodes\n" : rows.text() + trouble;
   return {std::move(documents), text};
 }
 

@@ -203,6 +203,11 @@ int services::stop() {
     watch_fs_stack(nullptr);
     if (rc != 0) host_log(log_level::error, std::string("unload: ") + std::strerror(-rc));
   }
+  if (const std::size_t notes = kernel::state_standing(); notes != 0) {
+    host_log(log_level::error, "files that are outdated and could not be marked: " +
+                                   std::to_string(notes) + ", noted in the state folder");
+    if (rc == 0) rc = -EIO;
+  }
   image_detach_all();
   for (const attached_disk& disk : image_list()) {
     host_log(log_level::error, "/dev/image/" + disk.name + " is still open");

@@ -7,10 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -26,9 +30,11 @@ constexpr const char* id_name = "id";
 constexpr std::size_t id_digits = state_id_bytes * 2;
 
 struct folder {
-  std::mutex lock;  // of the two below; never held across a change of the folder
+  std::mutex lock;  // of what is below; never held across a change of the folder
   int fd = -1;
   u8 id[state_id_bytes] = {};
+  std::map<std::string, std::string> standing;  // the texts of notes, by key
+  bool more_stand = false;                      // than there was memory for
 };
 
 folder& the_folder() {
@@ -40,6 +46,16 @@ int dir_fd() {
   folder& f = the_folder();
   const std::scoped_lock guard(f.lock);
   return f.fd;
+}
+
+void stands(const char* key, std::string_view text) {
+  folder& f = the_folder();
+  const std::scoped_lock guard(f.lock);
+  try {
+    f.standing.insert_or_assign(key, std::string(text));
+  } catch (const std::bad_alloc&) {
+    f.more_stand = true;
+  }
 }
 
 int sync_fd(int fd) {
@@ -124,6 +140,8 @@ int state_set_dir(const char* dir) {
   if (f.fd >= 0) ::close(f.fd);
   f.fd = fd;
   std::memcpy(f.id, id, sizeof id);
+  f.standing.clear();
+  f.more_stand = false;
   return rc;
 }
 
@@ -142,6 +160,7 @@ int state_note(const char* key, const char* text) {
   const int rc = sync_fd(fd);
   // The host may take the next sync for good although this one has lost the note: it is made anew.
   if (rc != 0) ::unlinkat(fd, key, 0);
+  if (rc == 0) stands(key, text);
   return rc;
 }
 
@@ -149,9 +168,11 @@ int state_noted(const char* key) {
   might_sleep("state_noted");
   const int fd = dir_fd();
   if (fd < 0) return -ENOENT;
-  struct stat st;
-  if (::fstatat(fd, key, &st, AT_SYMLINK_NOFOLLOW) == 0) return 1;
-  return errno == ENOENT ? 0 : -errno;
+  char text[PATH_MAX];
+  const ssize_t n = ::readlinkat(fd, key, text, sizeof text);
+  if (n < 0) return errno == ENOENT ? 0 : -errno;
+  stands(key, {text, static_cast<std::size_t>(n)});
+  return 1;
 }
 
 int state_forget(const char* key) {
@@ -159,8 +180,26 @@ int state_forget(const char* key) {
   if (const int rc = fault_check(fault_site::state_write); rc != 0) return rc;
   const int fd = dir_fd();
   if (fd < 0) return -ENOENT;
-  if (::unlinkat(fd, key, 0) != 0) return errno == ENOENT ? 0 : -errno;
-  return sync_fd(fd);
+  if (::unlinkat(fd, key, 0) != 0 && errno != ENOENT) return -errno;
+  const int rc = sync_fd(fd);
+  if (rc != 0) return rc;
+  folder& f = the_folder();
+  const std::scoped_lock guard(f.lock);
+  f.standing.erase(key);
+  return 0;
+}
+
+bool state_stands(const char* text) {
+  folder& f = the_folder();
+  const std::scoped_lock guard(f.lock);
+  return std::any_of(f.standing.begin(), f.standing.end(),
+                     [text](const auto& note) { return note.second == text; });
+}
+
+std::size_t state_standing() {
+  folder& f = the_folder();
+  const std::scoped_lock guard(f.lock);
+  return f.standing.size() + (f.more_stand ? 1 : 0);
 }
 
 int state_put(const char* key, const char* value) {

@@ -20,12 +20,16 @@ constexpr std::size_t state_id_bytes = 16;
 void state_id(u8 (&id)[state_id_bytes]);
 
 // Keys are of letters, digits, '-' and '.', at most 200 of them. All three may sleep.
-//   text     for the person who looks into the folder
+//   text     for the person who looks into the folder: the file's path
 //   returns  0 (also when it was noted already) | -ENOENT (no folder) | negative errno
 [[nodiscard]] int state_note(const char* key, const char* text);
 // 1 | 0 | negative errno (no folder, or it cannot be asked: it may be noted, and it may not)
 [[nodiscard]] int state_noted(const char* key);
 [[nodiscard]] int state_forget(const char* key);  // 0 (also when it was not noted) | negative errno
+// Of the notes that this process has made or found and that stand, from memory: whether one has
+// that text; how many there are.
+[[nodiscard]] bool state_stands(const char* text);
+[[nodiscard]] std::size_t state_standing();
 // A key with a value, of at most 200 characters, in the place of what it had.
 [[nodiscard]] int state_put(const char* key, const char* value);  // 0 | as state_note
 [[nodiscard]] bool state_is(const char* key, const char* value);  // false in doubt

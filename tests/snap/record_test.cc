@@ -146,17 +146,22 @@ TEST_F(record_test, what_cannot_be_written_is_removed_or_noted_or_the_write_fail
     EXPECT_EQ(c.fill(0, 4096, 2), way == 2 ? -EIO : 0) << way << log.errors();
     EXPECT_TRUE(log.has("zorv0.snaps: rc=-5")) << way;
     kernel::fault_disarm_all();
+    const bool told =
+        proc("zorv/zorv0/bmp_trouble").find("folder: " + dir / "zorv0.snaps") != std::string::npos;
+    EXPECT_EQ(told, way == 1);
     if (way == 2) EXPECT_TRUE(eventually([&] { return c.fill(0, 4096, 2) == 0; }));
     EXPECT_EQ(std::filesystem::exists(dir / "zorv0.snaps"), way != 0);
     log.clear();
     c.close();
     unload();
+    EXPECT_EQ(kernel::state_standing(), told ? 1U : 0U);
     load();
     filter = add_filter(disk.path());
     EXPECT_EQ(start(filter), 0);
     EXPECT_EQ(add_snap({.files = dir / "a"}), a);
     EXPECT_FALSE(resumed(a)) << way;
     EXPECT_EQ(stop(a) | start(a), 0);
+    EXPECT_EQ(kernel::state_standing(), 0U);
   }
 }
 

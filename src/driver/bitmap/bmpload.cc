@@ -43,8 +43,8 @@ int is_noted(zorv_filter* f, u32 type) {
 
 // What keeps a file from being believed whatever it holds; null: nothing.
 const char* objection(zorv_filter* f, u32 type) {
-  if (!f->companion.ours) return "is not known to be about this disk";
   const int noted = is_noted(f, type);
+  if (!f->companion.ours) return "is not known to be about this disk";
   if (noted < 0) return "may be noted as outdated in the state folder, which can't be read";
   if (noted > 0) return "is noted as outdated in the state folder";
   return f->marks[type].sync_failed ? "may differ from what is on disk" : nullptr;

@@ -198,6 +198,10 @@ int zorv_companion_renew(zorv_filter* f) {
   }
   c.ours = true;
   c.notes = !is_zero(d.state);
+  {
+    marks_guard guard(f);
+    for (zorv_mark_state& m : f->marks) m.excused = false;  // the notes were about the old pair
+  }
   for (const zorv_note_key& key : old) {
     if (noted) (void)kernel::state_forget(key.text);
   }

@@ -40,7 +40,6 @@ bool zorv_marks_update(zorv_filter* f) {
     }
     if (hold.refused) refused |= 1U << kind;
   }
-  f->marks_excused.store((f->marks[0].excused ? 1U : 0U) | (f->marks[1].excused ? 2U : 0U));
   // A write that sees itself exposed must not miss that it is refused, nor the other way round.
   const u32 refused_before = f->marks_refused.exchange(refused);
   const u32 before = f->marks_exposed.exchange(exposed);

@@ -83,7 +83,6 @@ struct zorv_filter {
   // Bit per kind: writes have to wait (bitmap/marks.h), or to fail. Written under bmp_lock.
   std::atomic<u32> marks_exposed{0};
   std::atomic<u32> marks_refused{0};
-  std::atomic<u32> marks_excused{0};  // the state folder says that the bitmap's file is outdated
 
   zorv_cowthread cowthread;
   zorv_cowqueue cowqueue;

@@ -8,6 +8,7 @@
 
 #include "driver/core/log.h"
 #include "kernel/mem.h"
+#include "kernel/state.h"
 
 namespace zorv {
 namespace {
@@ -80,19 +81,20 @@ void print_snaps(const zorv_blkdev& d, page_text* out) {
   }
 }
 
-// What is wrong with the bitmap files, or was when the node was made: a line each.
+// What is wrong with the files of the bitmaps and the record, or was when the node was made: a line
+// each.
 void print_trouble(const zorv_blkdev& d, page_text* out) {
   const zorv_filter& f = d.f;
   if (const char* why = f.companion.why.load(); why != nullptr) {
     out->add("everything counted as changed: %s: %s\n", f.companion.fname, why);
   }
-  for (u32 type = 0; type < 2; ++type) {
-    const char* fname = type == ZORV_BMP_INCREMENTAL ? f.incr_bmp_fname : f.diff_bmp_fname;
-    if ((now(f.marks_excused) >> type & 1) != 0) {
-      out->add("outdated, cannot be marked, noted in the state folder: %s\n", fname);
+  const char* const files[] = {f.diff_bmp_fname, f.incr_bmp_fname, f.record.fname};
+  for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
+    if (kernel::state_stands(files[kind])) {
+      out->add("outdated, cannot be marked, noted in the state folder: %s\n", files[kind]);
     }
-    if ((now(f.marks_refused) >> type & 1) != 0) {
-      out->add("outdated, cannot be marked or noted, writes are refused: %s\n", fname);
+    if ((now(f.marks_refused) >> kind & 1) != 0) {
+      out->add("outdated, cannot be marked or noted, writes are refused: %s\n", files[kind]);
     }
   }
 }
