@@ -112,12 +112,12 @@ cow_names() {
   ln disk.img hard
   mkdir folder
   ln -s "$PWD" folder/up
-  for name in link hard folder/up/disk.img folder/../disk.img zorv0.incr; do
+  for name in link hard folder/up/disk.img folder/../disk.img zorv0.incr run/zorvd.lock run.log; do
     snap data s "$PWD/$name"
     refused z start s 2>/dev/null
     cmp disk.img before.img
     z del s >/dev/null
-    [ -e "$name" ] || fail "$name is gone"
+    [ -s "$name" ] || fail "$name is gone or empty"
   done
   snap data one
   z start one >/dev/null

@@ -24,6 +24,7 @@
 #include "host/log.h"
 #include "host/nbd/server.h"
 #include "host/unix_socket.h"
+#include "kernel/claim.h"
 #include "kernel/module.h"
 #include "kernel/printk.h"
 #include "kernel/state.h"
@@ -110,6 +111,17 @@ bool claim_run_dir(const std::string& dir, unique_fd* lock) {
     return fail("cannot write " + path + ": " + std::strerror(errno));
   }
   return true;
+}
+
+// What the daemon itself writes to is no disk, bitmap or COW file.
+struct own_files {
+  kernel::file_claim lock, output, log;
+};
+void claim_own(int fd, const char* what, kernel::file_claim* claim) {
+  struct stat st {};
+  kernel::file_id id;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || kernel::fd_identity(fd, &id) != 0) return;
+  (void)kernel::claim_file(id, what, claim);  // output and log may be one
 }
 
 // Bitmap files and disks stay open, so there may be many; the system's limit is the limit.
@@ -226,6 +238,10 @@ int serve(const daemon_options& given, const sigset_t& signals) {
   while (options.run_dir.size() > 1 && options.run_dir.back() == '/') options.run_dir.pop_back();
   unique_fd lock;
   if (!claim_run_dir(options.run_dir, &lock) || !set_parameters(options)) return 1;
+  own_files own;
+  claim_own(lock.get(), "zorvd's lock", &own.lock);
+  claim_own(STDOUT_FILENO, "zorvd's output", &own.output);
+  claim_own(STDERR_FILENO, "zorvd's log", &own.log);
   raise_file_limit();
   if (!open_state_dir(options.state_dir)) return 1;
   services all;

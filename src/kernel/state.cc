@@ -58,6 +58,16 @@ void stands(const char* key, std::string_view text) {
   }
 }
 
+// Whether the name is free or one of the folder's own links; what else stands there is not changed.
+//   returns  0 | -EEXIST | negative errno
+int check_own(int fd, const std::string& name) {
+  struct stat st;
+  if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? 0 : -errno;
+  }
+  return S_ISLNK(st.st_mode) ? 0 : -EEXIST;
+}
+
 int sync_fd(int fd) {
   for (;;) {
     if (::fsync(fd) == 0) return 0;
@@ -156,8 +166,10 @@ int state_note(const char* key, const char* text) {
   if (const int rc = fault_check(fault_site::state_write); rc != 0) return rc;
   const int fd = dir_fd();
   if (fd < 0) return -ENOENT;
+  int rc = check_own(fd, key);
+  if (rc != 0) return rc;
   if (::symlinkat(text, fd, key) != 0 && errno != EEXIST) return -errno;
-  const int rc = sync_fd(fd);
+  rc = sync_fd(fd);
   // The host may take the next sync for good although this one has lost the note: it is made anew.
   if (rc != 0) ::unlinkat(fd, key, 0);
   if (rc == 0) stands(key, text);
@@ -180,8 +192,10 @@ int state_forget(const char* key) {
   if (const int rc = fault_check(fault_site::state_write); rc != 0) return rc;
   const int fd = dir_fd();
   if (fd < 0) return -ENOENT;
+  int rc = check_own(fd, key);
+  if (rc != 0) return rc;
   if (::unlinkat(fd, key, 0) != 0 && errno != ENOENT) return -errno;
-  const int rc = sync_fd(fd);
+  rc = sync_fd(fd);
   if (rc != 0) return rc;
   folder& f = the_folder();
   const std::scoped_lock guard(f.lock);
@@ -208,6 +222,9 @@ int state_put(const char* key, const char* value) {
   const int fd = dir_fd();
   if (fd < 0) return -ENOENT;
   const std::string fresh = std::string(key) + ".new";
+  int rc = check_own(fd, fresh);
+  if (rc == 0) rc = check_own(fd, key);
+  if (rc != 0) return rc;
   if (::unlinkat(fd, fresh.c_str(), 0) != 0 && errno != ENOENT) return -errno;
   if (::symlinkat(value, fd, fresh.c_str()) != 0) return -errno;
   if (::renameat(fd, fresh.c_str(), fd, key) != 0) return -errno;
