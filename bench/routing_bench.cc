@@ -11,7 +11,7 @@
 #include "host/disk/memory.h"
 #include "kernel/chrdev.h"
 #include "kernel/printk.h"
-#include "kernel/uaccess.h"
+#include "support/own_user_space.h"
 
 namespace {
 
@@ -39,7 +39,7 @@ struct setup {
     filter = &zorv_blkdev_arr[0]->f;
   }
   static void command(kernel::u32 number, void* record) {
-    const kernel::user_space_scope scope(kernel::own_user_space());
+    const kernel::user_space_scope scope(zorv_test::own_user_space());
     if (kernel::chrdev_ioctl("zorv", number, reinterpret_cast<kernel::user_addr>(record)) != 0) {
       std::abort();
     }

@@ -39,11 +39,6 @@ void fault_arm(fault_site site, u64 nth, s64 times, int error) {
   set_armed(s, true);
 }
 
-void fault_disarm(fault_site site) {
-  spin_guard guard(&lock);
-  set_armed(at(site), false);
-}
-
 void fault_disarm_all() {
   spin_guard guard(&lock);
   for (fault_switch& s : switches) set_armed(&s, false);

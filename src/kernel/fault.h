@@ -32,7 +32,6 @@ enum class fault_site : u32 {
 // From the n-th call of that site (1 = the next one) on, `times` calls fail with -error.
 //   times  -1: until disarmed
 void fault_arm(fault_site site, u64 nth, s64 times, int error);
-void fault_disarm(fault_site site);
 void fault_disarm_all();
 // Calls of the site since it was last armed (armed with times 0, a switch only counts).
 u64 fault_calls(fault_site site);

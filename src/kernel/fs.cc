@@ -183,12 +183,6 @@ bool file_linked(file* f) {
   return ::fstat(f->fd, &st) == 0 && st.st_nlink > 0;
 }
 
-u64 file_allocated(const char* path) {
-  struct stat st;
-  if (::stat(path, &st) != 0) return 0;
-  return static_cast<u64>(st.st_blocks) * sector_size;
-}
-
 int fs_sync_parent(const char* path) {
   might_sleep("fs_sync_parent");
   if (const int rc = fault_check(fault_site::file_sync); rc != 0) return rc;

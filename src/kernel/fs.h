@@ -73,8 +73,6 @@ void dir_unlock(dentry* dir);
 [[nodiscard]] int vfs_mknod(dentry* dir, dentry* entry, u32 mode, devt dev);
 [[nodiscard]] int vfs_unlink(dentry* dir, dentry* entry);  // 0 | -ENOENT | the host's error
 
-// Names of the namespace for front ends: "zorv0", ... of "/dev/zorv".
-std::vector<std::string> namespace_list(std::string_view dir);
 // Device number of a namespace path, 0 when there is none.
 [[nodiscard]] devt namespace_find(std::string_view path);
 
@@ -133,7 +131,6 @@ struct file_id {
 // Removes the name as long as it leads to that very file; a link at its end is not followed.
 //   returns  0 | -ENOENT | -ESTALE (it leads to another file) | negative errno
 [[nodiscard]] int fs_unlink_file(const char* path, const file_id& id);
-[[nodiscard]] u64 file_allocated(const char* path);  // bytes the host has given it; 0 if missing
 // Syncs the directory that holds the path, so that a new name in it survives a power cut.
 [[nodiscard]] int fs_sync_parent(const char* path);
 

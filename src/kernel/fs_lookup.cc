@@ -280,18 +280,6 @@ int vfs_unlink(dentry* dir, dentry* entry) {
   return ::unlink(entry->d_path.c_str()) == 0 ? 0 : -errno;
 }
 
-std::vector<std::string> namespace_list(std::string_view dir) {
-  const std::string prefix = fs_normalise(dir) + '/';
-  std::vector<std::string> names;
-  auto& ns = the_namespace();
-  const std::scoped_lock guard(ns.lock);
-  for (auto it = ns.nodes.lower_bound(prefix); it != ns.nodes.end(); ++it) {
-    if (!it->first.starts_with(prefix)) break;
-    names.push_back(it->first.substr(prefix.size()));
-  }
-  return names;
-}
-
 devt namespace_find(std::string_view path) {
   auto& ns = the_namespace();
   const std::scoped_lock guard(ns.lock);

@@ -43,18 +43,6 @@ class list_of {
   [[nodiscard]] T* back() const { return empty() ? nullptr : head_.prev->owner; }
   void push_back(node* n) { n->insert_after(head_.prev); }
   void push_front(node* n) { n->insert_after(&head_); }
-  // Moves everything of other to the tail of this list.
-  void splice_back(list_of* other) {
-    if (other->empty()) return;
-    node* first = other->head_.next;
-    node* last = other->head_.prev;
-    other->head_.next = other->head_.prev = &other->head_;
-    first->prev = head_.prev;
-    head_.prev->next = first;
-    last->next = &head_;
-    head_.prev = last;
-  }
-
   // Neighbours of an element that is on this list, null at the ends.
   [[nodiscard]] T* next_of(const node& n) const {
     return n.next == &head_ ? nullptr : n.next->owner;

@@ -123,11 +123,6 @@ void wake_up_nr(wait_queue_head* q, u32 mode, int nr_exclusive) {
   parked.run();
 }
 
-void sema_init(semaphore* s, u32 count) {
-  spin_guard lock(&s->lock);
-  s->count = count;
-}
-
 void down(semaphore* s) {
   might_sleep("down");
   s->lock.lock();

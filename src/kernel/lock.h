@@ -30,11 +30,6 @@ class CAPABILITY("spinlock") spinlock_t {
 
 inline void spin_lock(spinlock_t* l) noexcept ACQUIRE(l) { l->lock(); }
 inline void spin_unlock(spinlock_t* l) noexcept RELEASE(l) { l->unlock(); }
-// Completions never run on top of a lock holder here, so these are the plain operations; the
-// names mark the locks that completion context takes.
-inline void spin_lock_irqsave(spinlock_t* l) noexcept ACQUIRE(l) { l->lock(); }
-inline void spin_unlock_irqrestore(spinlock_t* l) noexcept RELEASE(l) { l->unlock(); }
-
 class [[nodiscard]] SCOPED_CAPABILITY spin_guard {
  public:
   explicit spin_guard(spinlock_t* l) noexcept ACQUIRE(l) : l_(l) { l_->lock(); }
@@ -112,7 +107,6 @@ struct semaphore {
   u32 count GUARDED_BY(lock) = 1;
   wait_queue_head wait;
 };
-void sema_init(semaphore* s, u32 count);
 void down(semaphore* s);  // may sleep, uninterruptibly
 void up(semaphore* s);
 

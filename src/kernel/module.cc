@@ -41,10 +41,6 @@ int module_param_set(std::string_view name, std::string_view text) {
   return -ENOENT;
 }
 
-void module_params_reset() {
-  for (module_param* p = first; p != nullptr; p = p->next) *p->value = p->default_value;
-}
-
 void module_get() { references.fetch_add(1); }
 void module_put() { references.fetch_sub(1); }
 int module_refcount() { return references.load(); }

@@ -21,7 +21,6 @@ module_param* module_params();  // the first of all registered ones, linked by n
 // Parses a decimal integer into the parameter.
 //   returns  0 | -ENOENT (no such parameter) | -EINVAL (not a 32-bit decimal number)
 [[nodiscard]] int module_param_set(std::string_view name, std::string_view text);
-void module_params_reset();  // every parameter to its default
 
 // Every open node holds a reference; the host does not unload while there is one.
 void module_get();

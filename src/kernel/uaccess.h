@@ -32,9 +32,6 @@ class [[nodiscard]] user_space_scope {
   user_space* old_;
 };
 
-// This process's own memory, reached so that a wild address fails the copy.
-user_space* own_user_space();
-
 // Whether [addr, addr + n) can be a caller's range at all (below 2^47, no wrap).
 [[nodiscard]] bool access_ok(user_addr addr, std::size_t n);
 

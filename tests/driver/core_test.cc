@@ -132,10 +132,10 @@ TEST_F(log_test, long_messages_are_cut_and_stay_whole_among_many) {
 }
 
 struct load_test : ::testing::Test {
-  void SetUp() override { kernel::module_params_reset(); }
+  void SetUp() override { reset_parameters(); }
   void TearDown() override {
     kernel::fault_disarm_all();
-    kernel::module_params_reset();
+    reset_parameters();
     kernel::join_exited_threads();
   }
   static bool tree_exists() {

@@ -16,6 +16,7 @@
 #include "kernel/fs.h"
 #include "kernel/uaccess.h"
 #include "support/driver_fixture.h"
+#include "support/own_user_space.h"
 
 namespace zorv_test {
 
@@ -65,7 +66,6 @@ TEST_F(image_test, is_attached_listed_and_detached_by_name) {
   EXPECT_EQ(list[0].path, std::filesystem::canonical(dir / "vm.raw"));
   EXPECT_EQ(list[0].size_bytes, 1U << 20);
   EXPECT_TRUE(list[1].read_only);
-  EXPECT_EQ(kernel::namespace_list("/dev/image").size(), 2U);
   {
     const client c = open("vm");
     EXPECT_EQ(zorv::image_list()[0].openers, 1);
@@ -129,7 +129,6 @@ TEST_F(image_test, refusals_say_why_and_leave_nothing) {
   EXPECT_EQ(attach(written), 0) << error;
   EXPECT_EQ(zorv::image_detach("written", &error), 0);
   EXPECT_EQ(zorv::image_list().size(), 1U);
-  EXPECT_EQ(kernel::namespace_list("/dev/image").size(), 1U);
   // Whatever memory runs out at, the file can be attached afterwards.
   for (u64 n = 1; n < 100; ++n) {
     kernel::fault_arm(kernel::fault_site::alloc, n, 1, ENOMEM);
@@ -298,7 +297,7 @@ TEST_F(image_test, a_disk_that_does_not_answer_holds_up_no_other) {
 TEST_F(image_test, block_ioctls_are_answered) {
   ASSERT_EQ(attach(make("vm.raw", 1 << 20)), 0);
   const client c = open("vm");
-  const kernel::user_space_scope scope(kernel::own_user_space());
+  const kernel::user_space_scope scope(own_user_space());
   const auto ask = [&c](u32 command, void* to) {
     return c.bdev()->bd_disk->fops->ioctl(c.bdev(), 3, command, reinterpret_cast<u64>(to));
   };

@@ -102,6 +102,6 @@ TEST(module_param, takes_whole_decimal_numbers_only) {
   }
   EXPECT_EQ(tested_value, -12);
   EXPECT_EQ(module_param_set("kernel_tests", "1"), -ENOENT);
-  module_params_reset();
+  zorv_test::reset_parameters();
   EXPECT_EQ(tested_value, 7);
 }

@@ -15,6 +15,7 @@
 #include "kernel/procfs.h"
 #include "kernel/state.h"
 #include "kernel/uaccess.h"
+#include "support/own_user_space.h"
 
 namespace zorv_test {
 
@@ -164,9 +165,15 @@ bytes client::get(u64 offset, u64 len) {
 }
 int client::flush() { return start_write(0, {}, kernel::REQ_FLUSH)->wait(); }
 
+void reset_parameters() {
+  for (kernel::module_param* p = kernel::module_params(); p != nullptr; p = p->next) {
+    *p->value = p->default_value;
+  }
+}
+
 void driver_test::SetUp() {
   kernel::fault_disarm_all();
-  kernel::module_params_reset();
+  reset_parameters();
   ASSERT_EQ(kernel::state_set_dir((state / "zorv").c_str()), 0);
   load();
 }
@@ -185,7 +192,7 @@ void driver_test::unload() {
 }
 
 int driver_test::raw_command(u32 number, void* record) {
-  const kernel::user_space_scope scope(kernel::own_user_space());
+  const kernel::user_space_scope scope(own_user_space());
   const int rc = kernel::chrdev_ioctl("zorv", number, reinterpret_cast<kernel::user_addr>(record));
   if (confirms) zorv::zorv_handout_confirm(zorv::zorv_handout_last());
   return rc;
