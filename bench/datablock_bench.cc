@@ -15,6 +15,7 @@
 
 #include "driver/datablock/blkbmp.h"
 #include "driver/datablock/fragment.h"
+#include "driver/util/file.h"
 #include "host/disk/disk.h"
 #include "kernel/fs.h"
 #include "kernel/printk.h"
@@ -51,9 +52,10 @@ kernel::block_device* open_image(const std::string& name, const std::string& mak
       image_attach(path, name, access::read_only, &error) != 0) {
     return nullptr;
   }
-  kernel::block_device* bdev =
-      kernel::open_by_devnum(kernel::namespace_find("/dev/image/" + name), kernel::FMODE_READ);
-  return kernel::is_err(bdev) ? nullptr : bdev;
+  kernel::dentry* node = zorv_get_file_dentry(("/dev/image/" + name).c_str(), 1);
+  kernel::block_device* bdev = zorv_open_bdev(node->d_inode()->i_rdev, kernel::FMODE_READ);
+  kernel::dput(node);
+  return bdev;
 }
 
 void build_map(benchmark::State& state, const char* name, const char* maker) {

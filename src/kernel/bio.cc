@@ -104,8 +104,6 @@ u32 bio_add_page(bio* b, page* p, u32 len, u32 offset) {
   return len;
 }
 
-void bio_get(bio* b) { b->bi_cnt.fetch_add(1, std::memory_order_relaxed); }
-
 void bio_put(bio* b) {
   if (b->bi_cnt.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
   if (b->bi_destructor != nullptr) b->bi_destructor(b);

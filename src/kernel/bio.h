@@ -72,7 +72,6 @@ void bio_init(bio* b, bio_vec* vecs, u16 nr);
 [[nodiscard]] bio* bio_clone(const bio* b, gfp_t flags);
 // Appends a segment; returns len, or 0 when there is no room.
 u32 bio_add_page(bio* b, page* p, u32 len, u32 offset);
-void bio_get(bio* b);
 void bio_put(bio* b);  // the last reference runs bi_destructor (the pool's, unless replaced)
 // The destructor of bio_alloc's bios; a replacement calls the one it replaced.
 void bio_free(bio* b);

@@ -20,14 +20,10 @@ constexpr fmode_t FMODE_READ = 1;
 constexpr fmode_t FMODE_WRITE = 2;
 
 struct queue_limits {
-  u32 max_sectors = 2048;  // 512-byte units
-  u32 max_segments = bio_max_segments;
-  u32 max_segment_bytes = page_size;
   u32 logical_block_bytes = 512;
   u32 physical_block_bytes = 4096;
   u32 io_min_bytes = 4096;
   u32 io_opt_bytes = 0;
-  u32 alignment_bytes = 0;
 };
 
 using make_request_fn = int (*)(request_queue*, bio*);

@@ -157,8 +157,6 @@ int vfs_fsync(file* f) {
   return fs_is_recording() ? unsynced_fsync(f->fd) : host_fsync(f->fd);
 }
 
-void vfs_defer_sync(file* f) { f->sync = false; }
-
 int vfs_truncate(file* f, u64 bytes) {
   might_sleep("vfs_truncate");
   if (const int rc = fault_check(fault_site::file_write); rc != 0) return rc;

@@ -73,9 +73,6 @@ void dir_unlock(dentry* dir);
 [[nodiscard]] int vfs_mknod(dentry* dir, dentry* entry, u32 mode, devt dev);
 [[nodiscard]] int vfs_unlink(dentry* dir, dentry* entry);  // 0 | -ENOENT | the host's error
 
-// Device number of a namespace path, 0 when there is none.
-[[nodiscard]] devt namespace_find(std::string_view path);
-
 struct file;
 // An open host file, or an error value. A namespace path and a FIFO give -ENXIO.
 [[nodiscard]] file* filp_open(const char* path, u32 flags, u32 mode);
@@ -95,9 +92,6 @@ void vfs_begin_write(file_writes* w, file* f, const void* buffer, std::size_t by
 //   returns  0 | the negative errno of a write that failed, of as many bytes as *failed_bytes says
 [[nodiscard]] int vfs_end_writes(file_writes* w, file* f, std::size_t* failed_bytes);
 [[nodiscard]] int vfs_fsync(file* f);
-// From now on what is written to a file opened with FO_SYNC waits for a vfs_fsync as in any other:
-// for whoever writes much before a sync of it all. Before others use the file.
-void vfs_defer_sync(file* f);
 [[nodiscard]] int vfs_empty(file* f);  // its length becomes 0
 [[nodiscard]] u64 file_size(file* f);  // bytes, from its inode
 // Whether a name leads to the file still: what is written to one without goes with its last handle.

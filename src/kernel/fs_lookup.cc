@@ -280,11 +280,4 @@ int vfs_unlink(dentry* dir, dentry* entry) {
   return ::unlink(entry->d_path.c_str()) == 0 ? 0 : -errno;
 }
 
-devt namespace_find(std::string_view path) {
-  auto& ns = the_namespace();
-  const std::scoped_lock guard(ns.lock);
-  const auto it = ns.nodes.find(fs_normalise(path));
-  return it == ns.nodes.end() ? 0 : it->second.dev;
-}
-
 }  // namespace kernel

@@ -221,7 +221,7 @@ int forgetful_read(void* context, kernel::s64 start, u32 chunk_size, u8* bits, s
 
 TEST_F(maps, self_test_finds_a_reader_that_contradicts_itself) {
   image_disk disk(image);
-  void* context = ext2_reader_init(disk.bdev(), nullptr, zorv::fs_image::as_found);
+  void* context = ext2_reader_init(disk.bdev(), nullptr);
   ASSERT_NE(context, nullptr);
   EXPECT_EQ(zorv_blkbmp_test_reader(disk.bdev(), context, 1024, ext2_reader_read), 0);
   EXPECT_EQ(zorv_blkbmp_test_reader(disk.bdev(), context, 1024, forgetful_read), -EIO);

@@ -346,10 +346,9 @@ bool map_result::all_set() const {
   return std::all_of(chunks.begin(), chunks.end(), [](bool b) { return b; });
 }
 
-map_result build_map(kernel::block_device* bdev, u32 chunk_size, bool frozen) {
+map_result build_map(kernel::block_device* bdev, u32 chunk_size) {
   zorv::zorv_blkbmp map;
   zorv::zorv_blkbmp_init(&map);
-  map.frozen.store(frozen ? 1 : 0);
   map_result result{zorv::zorv_blkbmp_read(&map, bdev, static_cast<s32>(chunk_size)), {}};
   const u64 chunks = (bdev->bd_size_bytes + chunk_size - 1) / chunk_size;
   for (u64 c = 0; c < chunks; ++c) {

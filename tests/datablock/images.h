@@ -65,7 +65,7 @@ struct map_result {
   bit_vector chunks;
   [[nodiscard]] bool all_set() const;
 };
-map_result build_map(kernel::block_device* bdev, u32 chunk_size, bool frozen = false);
+map_result build_map(kernel::block_device* bdev, u32 chunk_size);
 
 // One bit per chunk of the device: some block of it is in use.
 bit_vector chunks_of(const fs_image& image, u64 device_bytes, u32 chunk_size);

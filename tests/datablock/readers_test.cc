@@ -83,7 +83,6 @@ struct doubt_case {
   const char* options;
   const char* spoil;  // shell command on $i
   const char* why;
-  bool trusted_when_frozen;
 };
 
 class doubtful_ext2 : public ::testing::TestWithParam<doubt_case> {};
@@ -101,35 +100,30 @@ TEST_P(doubtful_ext2, counts_as_wholly_allocated) {
   EXPECT_TRUE(map.all_set());
   EXPECT_EQ(log.count(c.why), 1) << log.errors();
   EXPECT_EQ(log.count("<3>ERROR"), 1) << log.errors();
-  const map_result frozen = build_map(disk.bdev(), 4096, true);
-  EXPECT_EQ(frozen.all_set(), !c.trusted_when_frozen);
-  if (c.trusted_when_frozen) {
-    EXPECT_EQ(difference(frozen.chunks, chunks_of(image, image.bytes, 4096)), "");
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     reasons, doubtful_ext2,
     ::testing::Values(doubt_case{"mounted", "-t ext2 -b 1024", "debugfs -w -R 'ssv state 0' $i",
-                                 "was not cleanly unmounted", true},
+                                 "was not cleanly unmounted"},
                       doubt_case{"journal", "-t ext3 -b 1024",
                                  "printf 'jo\\njw -b 333 /dev/zero\\njc\\n' | debugfs -w -f - $i",
-                                 "has a journal that must be replayed", true},
+                                 "has a journal that must be replayed"},
                       doubt_case{"errors", "-t ext2 -b 1024", "debugfs -w -R 'ssv state 3' $i",
-                                 "is marked as having errors", false},
+                                 "is marked as having errors"},
                       doubt_case{"clusters", "-t ext4 -b 1024 -O bigalloc -C 16384", "true",
-                                 "allocates clusters of blocks", false},
+                                 "allocates clusters of blocks"},
                       doubt_case{"unknown_incompat", "-t ext2 -b 1024",
                                  "debugfs -w -R 'feature FEATURE_I31' $i",
-                                 "has features that are not known here", false},
+                                 "has features that are not known here"},
                       doubt_case{"partitioned_later", "-t ext2 -b 1024",
                                  "printf '\\0\\0\\0\\0\\203\\0\\0\\0\\0\\10\\0\\0\\0\\10\\0\\0' |"
                                  "dd of=$i bs=1 seek=446 conv=notrunc;"
                                  "printf '\\125\\252' | dd of=$i bs=1 seek=510 conv=notrunc",
-                                 "shares the device with a partition table", false},
+                                 "shares the device with a partition table"},
                       doubt_case{"unknown_ro_compat", "-t ext2 -b 1024",
                                  "debugfs -w -R 'feature FEATURE_R31' $i",
-                                 "has features that are not known here", false}),
+                                 "has features that are not known here"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(ext2_reader, meta_block_groups_are_declined) {
@@ -158,27 +152,23 @@ TEST(reiserfs_reader, doubtful_states_count_as_wholly_allocated) {
   std::mt19937 random = seeded();
   const fs_image image = make_reiserfs(dir / "image", 100 * MiB, &random);
   image_disk disk(image);
-  const auto expect_doubt = [&](u64 at, const bytes& spoil, const char* why, bool frozen) {
+  const auto expect_doubt = [&](u64 at, const bytes& spoil, const char* why) {
     const bytes old = disk.disk().peek(at, spoil.size());
     disk.disk().poke(at, spoil);
     log_capture log;
-    EXPECT_TRUE(build_map(disk.bdev(), 4096, frozen).all_set()) << why;
+    EXPECT_TRUE(build_map(disk.bdev(), 4096).all_set()) << why;
     EXPECT_EQ(log.count(why), 1) << log.errors();
     disk.disk().poke(at, old);
-    EXPECT_FALSE(build_map(disk.bdev(), 4096, frozen).all_set());
+    EXPECT_FALSE(build_map(disk.bdev(), 4096).all_set());
   };
-  expect_doubt(65536 + 50, {2, 0}, "was not cleanly unmounted", false);
-  expect_doubt(65536 + 62, {1, 0}, "is marked as having errors", true);
+  expect_doubt(65536 + 50, {2, 0}, "was not cleanly unmounted");
+  expect_doubt(65536 + 62, {1, 0}, "is marked as having errors");
   // A transaction in the journal (which starts at block 18) that was never copied to its place.
   bytes transaction(4096);
   transaction[0] = 9;
   const char magic[] = "ReIsErLB";
   std::copy(magic, magic + 8, transaction.end() - 12);
-  expect_doubt(18 * 4096, transaction, "has a journal that must be replayed", true);
-  disk.disk().poke(65536 + 50, {2, 0});
-  EXPECT_EQ(
-      difference(build_map(disk.bdev(), 4096, true).chunks, chunks_of(image, image.bytes, 4096)),
-      "");
+  expect_doubt(18 * 4096, transaction, "has a journal that must be replayed");
 }
 
 // ---- XFS -----------------------------------------------------------------------------------
@@ -212,9 +202,6 @@ TEST(xfs_reader, log_decides_whether_the_map_is_trusted) {
     log_capture log;
     EXPECT_TRUE(build_map(disk.bdev(), 4096).all_set());
     EXPECT_EQ(log.count("was not cleanly unmounted"), 1) << log.errors();
-    EXPECT_EQ(
-        difference(build_map(disk.bdev(), 4096, true).chunks, chunks_of(image, image.bytes, 4096)),
-        "");
     disk.disk().poke(at, old);
     EXPECT_FALSE(build_map(disk.bdev(), 4096).all_set());
   };

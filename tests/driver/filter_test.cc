@@ -123,7 +123,7 @@ TEST_F(filter_test, start_stop_and_delete_follow_the_states) {
     EXPECT_TRUE(log.has("zorv_block_stop_device(): zorv(100, 0) is still being used."));
   }
   EXPECT_EQ(del(m), 0) << "a started node that nobody uses is stopped first";
-  EXPECT_EQ(kernel::namespace_find("/dev/zorv/zorv0"), 0U);
+  EXPECT_EQ(device_of("/dev/zorv/zorv0"), 0U);
   for (u32 number : {ZORV_START_NODE, ZORV_STOP_NODE, ZORV_DEL_NODE}) {
     for (u32 minor : {m, 4096U, 0xffffffffU}) EXPECT_EQ(node(number, minor), -EINVAL);
   }
@@ -141,7 +141,7 @@ TEST_F(filter_test, a_name_is_one_nodes) {
     EXPECT_TRUE(log.has("Node name zorv7 is already taken by zorv(100, 0)"));
     log.clear();
   }
-  EXPECT_EQ(kernel::namespace_find("/dev/zorv/zorv7"), kernel::mkdev(100, a));
+  EXPECT_EQ(device_of("/dev/zorv/zorv7"), kernel::mkdev(100, a));
   EXPECT_EQ(del(a), 0);
   EXPECT_EQ(add_filter(other.path(), {.name = "zorv7"}), a);
 }

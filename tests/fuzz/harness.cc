@@ -92,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
     undo.emplace_back(at, s.disk->disk().peek(at, patch.size()));
     s.disk->disk().poke(at, patch);
   }
-  compare(&s, zorv_test::build_map(s.disk->bdev(), chunk_size, (how & 8) != 0), chunk_size);
+  compare(&s, zorv_test::build_map(s.disk->bdev(), chunk_size), chunk_size);
   std::for_each(undo.rbegin(), undo.rend(),
                 [&s](const auto& u) { s.disk->disk().poke(u.first, u.second); });
   return 0;

@@ -21,7 +21,7 @@ std::string attached(const std::string& path, const std::string& name, std::size
   std::string text(room, '?');
   int rc = 0;
   {
-    const client c(kernel::open_by_devnum(kernel::namespace_find("/dev/image/" + name), 1));
+    const client c(kernel::open_by_devnum(device_of("/dev/image/" + name), 1));
     rc = kernel::bdev_identity(c.bdev(), text.data(), room);
   }
   EXPECT_EQ(zorv::image_detach(name, &error), 0) << error;

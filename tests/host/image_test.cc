@@ -43,7 +43,7 @@ class image_test : public ::testing::Test {
     return client(open_error(name, kernel::FMODE_READ | kernel::FMODE_WRITE));
   }
   static kernel::block_device* open_error(const std::string& name, kernel::fmode_t mode) {
-    return kernel::open_by_devnum(kernel::namespace_find("/dev/image/" + name), mode);
+    return kernel::open_by_devnum(device_of("/dev/image/" + name), mode);
   }
   static void drop_cache(const std::string& path) {
     const int fd = ::open(path.c_str(), O_RDONLY);
@@ -75,7 +75,7 @@ TEST_F(image_test, is_attached_listed_and_detached_by_name) {
   }
   EXPECT_EQ(zorv::image_detach("vm", &error), 0);
   EXPECT_EQ(zorv::image_detach("vm", &error), -ENOENT);
-  EXPECT_EQ(kernel::namespace_find("/dev/image/vm"), 0U);
+  EXPECT_EQ(device_of("/dev/image/vm"), 0U);
   EXPECT_EQ(attach(dir / "vm.raw"), 0) << error;
 }
 

@@ -171,6 +171,14 @@ void reset_parameters() {
   }
 }
 
+kernel::devt device_of(const std::string& path) {
+  kernel::dentry* node = zorv::zorv_get_file_dentry(path.c_str(), 1);
+  if (node == nullptr || kernel::is_err(node)) return 0;
+  const kernel::devt dev = node->d_inode()->i_rdev;
+  kernel::dput(node);
+  return dev;
+}
+
 void driver_test::SetUp() {
   kernel::fault_disarm_all();
   reset_parameters();

@@ -57,7 +57,8 @@ void write_file(const std::string& path, const bytes& content);
 // Runs until done() is true; fails the test after the limit.
 [[nodiscard]] bool eventually(const std::function<bool()>& done, int limit_ms = 10000);
 
-void reset_parameters();  // of the module, to their defaults
+void reset_parameters();                                        // of the module, to their defaults
+[[nodiscard]] kernel::devt device_of(const std::string& path);  // of a node; 0 if there is none
 
 // One request in flight; wait() gives its result. The buffer lives here.
 class pending_io {

@@ -54,7 +54,6 @@ void make_empty(zorv_blkbmp* b) {
     kernel::spin_guard guard(&b->lock);
     b->valid.store(0, std::memory_order_seq_cst);
     ++b->generation;
-    b->frozen.store(0, std::memory_order_relaxed);
   }
   // Whoever still saw the map as valid goes on using it: a look-up takes nanoseconds, an export
   // milliseconds.
@@ -130,14 +129,12 @@ int zorv_blkbmp_destroy(zorv_blkbmp* b) {
 
 int zorv_blkbmp_read(zorv_blkbmp* b, kernel::block_device* hdd, s32 chunk_size, map_build build) {
   u32 generation = 0;
-  fs_image image = fs_image::as_found;
   {
     kernel::spin_guard guard(&b->lock);
     generation = b->generation;
-    if (b->frozen.load(std::memory_order_relaxed) != 0) image = fs_image::frozen;
   }
   const devt dev = hdd->bd_dev;
-  const fs_reader_use reader(hdd, nullptr, image);
+  const fs_reader_use reader(hdd, nullptr);
   if (!reader) {
     zorv_log(1, "%s(): Cannot recognize file system on hdd(%d, %d). Datablocks will be disabled",
              __func__, kernel::major_of(dev), kernel::minor_of(dev));

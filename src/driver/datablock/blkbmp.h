@@ -35,18 +35,13 @@ struct zorv_blkbmp {
   u32 chunk_cnt = 0;
   s32 frag_cnt = 0;
   sa* frags = nullptr;
-  // 1: the file system on the device was itself frozen for this image, so what its allocation
-  // structures say on the disk is current, whatever its superblock says about unmounting. Holding
-  // requests back without freezing the file system does not count. Set by whoever starts the snap,
-  // after zorv_blkbmp_init and before zorv_blkbmp_read.
-  std::atomic<u32> frozen{0};
 
   kernel::spinlock_t lock;              // publishing and taking away
   u32 generation GUARDED_BY(lock) = 0;  // a build publishes only into the one it began in
   mutable std::atomic<u32> users{0};    // look-ups and exports under way
 };
 
-// Makes the map empty and forgets `frozen`; returns 0.
+// Makes the map empty; returns 0.
 int zorv_blkbmp_init(zorv_blkbmp* b);
 // Builds the map from the file system on the device, through buffers of its own, and publishes it
 // at the end. A map that was destroyed or initialised meanwhile stays as it is.

@@ -65,7 +65,7 @@ ext2_superblock parse_superblock(const u8* p) {
 }
 
 // Why the file system cannot be taken at its word, or null.
-const char* doubt_of(const ext2_reader& r, fs_image image) {
+const char* doubt_of(const ext2_reader& r) {
   const ext2_superblock& sb = r.sb;
   if ((sb.incompat & ~incompat_known) != 0 || (sb.ro_compat & ~ro_compat_known) != 0) {
     return (sb.ro_compat & ro_compat_bigalloc) != 0 ? "allocates clusters of blocks"
@@ -73,10 +73,8 @@ const char* doubt_of(const ext2_reader& r, fs_image image) {
   }
   if (!sb.csum_ok) return "has a superblock with a wrong checksum";
   if ((sb.state & state_errors) != 0) return "is marked as having errors";
-  if (image != fs_image::frozen) {
-    if ((sb.incompat & incompat_recover) != 0) return "has a journal that must be replayed";
-    if ((sb.state & state_clean) == 0) return "was not cleanly unmounted";
-  }
+  if ((sb.incompat & incompat_recover) != 0) return "has a journal that must be replayed";
+  if ((sb.state & state_clean) == 0) return "was not cleanly unmounted";
   if (!is_power_of_2(r.desc_bytes) || r.desc_bytes > r.block_size ||
       ((sb.incompat & incompat_64bit) != 0 ? sb.desc_size < 64
                                            : sb.desc_size > ext2_classic_desc_bytes)) {
@@ -154,7 +152,7 @@ bool load_tables(ext2_reader* r) {
 
 }  // namespace
 
-void* ext2_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image image) {
+void* ext2_reader_init(kernel::block_device* hdd, u32* fs_block_size) {
   const u32 major = kernel::major_of(hdd->bd_dev);
   const u32 minor = kernel::minor_of(hdd->bd_dev);
   u8 raw[superblock_bytes];
@@ -196,7 +194,7 @@ void* ext2_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image i
   }
   describe(r);
   if (r->block_size <= kernel::page_size) {
-    if (const char* why = doubt_of(*r, image); why != nullptr) {
+    if (const char* why = doubt_of(*r); why != nullptr) {
       fs_reader_log_doubt(__func__, "ext2/ext3 FS", hdd->bd_dev, why);
       r->in_doubt = true;
     }

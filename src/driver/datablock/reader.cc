@@ -14,9 +14,9 @@ const fs_reader fs_readers[fs_reader_cnt] = {
     {"XFS", xfs_reader_init, xfs_reader_read, xfs_reader_destroy},
 };
 
-fs_reader_use::fs_reader_use(kernel::block_device* hdd, u32* fs_block_size, fs_image image) {
+fs_reader_use::fs_reader_use(kernel::block_device* hdd, u32* fs_block_size) {
   for (const fs_reader& r : fs_readers) {
-    context_ = r.init(hdd, fs_block_size, image);
+    context_ = r.init(hdd, fs_block_size);
     if (context_ == nullptr) continue;
     reader_ = &r;
     return;

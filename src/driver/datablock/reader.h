@@ -16,16 +16,12 @@
 
 namespace zorv {
 
-// How the image came to be: as somebody left it, so that its superblock has to say whether it is
-// clean, or frozen together with its file system, which makes it current.
-enum class fs_image { as_found, frozen };
-
 struct fs_reader {
   const char* name;
   // The context, or null: not this file system, or one that cannot be used (logged).
   //   fs_block_size  when not null receives the file system's block size in bytes
   //   owner          the caller, until destroy
-  void* (*init)(kernel::block_device* hdd, u32* fs_block_size, fs_image image);
+  void* (*init)(kernel::block_device* hdd, u32* fs_block_size);
   // Zeroes the array and sets bit i when chunk start_chunk + i holds an allocated block.
   //   bits     (count + 7) / 8 bytes
   //   returns  0 | -EINVAL (context, chunk size; a broken tree) | -EIO, -ENOMEM (block reads)
@@ -33,15 +29,15 @@ struct fs_reader {
   int (*destroy)(void* context);  // null is accepted; 0
 };
 
-void* ext2_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image image);
+void* ext2_reader_init(kernel::block_device* hdd, u32* fs_block_size);
 int ext2_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s32 count);
 int ext2_reader_destroy(void* context);
 
-void* reiserfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image image);
+void* reiserfs_reader_init(kernel::block_device* hdd, u32* fs_block_size);
 int reiserfs_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s32 count);
 int reiserfs_reader_destroy(void* context);
 
-void* xfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image image);
+void* xfs_reader_init(kernel::block_device* hdd, u32* fs_block_size);
 int xfs_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s32 count);
 int xfs_reader_destroy(void* context);
 
@@ -53,7 +49,7 @@ extern const fs_reader fs_readers[fs_reader_cnt];
 class [[nodiscard]] fs_reader_use {
  public:
   // Tries the readers in their order; empty when none takes the device.
-  fs_reader_use(kernel::block_device* hdd, u32* fs_block_size, fs_image image);
+  fs_reader_use(kernel::block_device* hdd, u32* fs_block_size);
   ~fs_reader_use();
   fs_reader_use(const fs_reader_use&) = delete;
   fs_reader_use& operator=(const fs_reader_use&) = delete;

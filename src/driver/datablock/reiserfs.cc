@@ -50,7 +50,7 @@ struct reiserfs_reader {
   }
 };
 
-// What a frozen or a cleanly unmounted file system looks like: no transaction waits in its journal
+// What a cleanly unmounted file system looks like: no transaction waits in its journal
 // for being copied to its place. The journal's header names the place of the oldest one that may;
 // only a newer transaction than the last one copied counts.
 //   returns  1 something waits | 0 | the read's error
@@ -72,12 +72,12 @@ int journal_pending(reiserfs_reader* r) {
 }
 
 // Why the file system cannot be taken at its word, or null. Uses the block buffer.
-const char* doubt_of(reiserfs_reader* r, u16 fs_state, fs_image image) {
+const char* doubt_of(reiserfs_reader* r, u16 fs_state) {
   if (!is_power_of_2(r->block_size()) || r->block_size() < kernel::sector_size) {
     return "has an impossible block size";
   }
   if (r->block_size() > kernel::page_size) return nullptr;  // its first bitmap cannot be read
-  if (image != fs_image::frozen && r->umount_state() != state_valid) {
+  if (r->umount_state() != state_valid) {
     return "was not cleanly unmounted";
   }
   if (fs_state != 0) return "is marked as having errors";
@@ -88,12 +88,7 @@ const char* doubt_of(reiserfs_reader* r, u16 fs_state, fs_image image) {
   }
   if (const char* rival = fs_reader_rival(r->hdd, fs_kind::reiserfs); rival != nullptr)
     return rival;
-  // A freeze commits transactions to the journal and need not copy them to their places.
-  if (r->journal_dev() != 0) {
-    return image == fs_image::frozen && r->umount_state() != state_valid
-               ? "has its journal on another device"
-               : nullptr;
-  }
+  if (r->journal_dev() != 0) return nullptr;  // an unmount leaves nothing in it
   const int pending = journal_pending(r);
   if (pending < 0) return "has a journal that cannot be read";
   return pending == 0 ? nullptr : "has a journal that must be replayed";
@@ -160,7 +155,7 @@ void describe(const reiserfs_reader& r) {
 
 }  // namespace
 
-void* reiserfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image image) {
+void* reiserfs_reader_init(kernel::block_device* hdd, u32* fs_block_size) {
   const u32 major = kernel::major_of(hdd->bd_dev);
   const u32 minor = kernel::minor_of(hdd->bd_dev);
   auto* r = fs_reader_context(__func__, hdd, &reiserfs_reader::bitmap, superblock_read_bytes);
@@ -193,7 +188,7 @@ void* reiserfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_ima
   describe(*r);
   r->bits_per_bitmap = block_size * 8;
   r->first_bitmap_block = superblock_offset / block_size + 1;
-  if (const char* why = doubt_of(r, fs_state, image); why != nullptr) {
+  if (const char* why = doubt_of(r, fs_state); why != nullptr) {
     fs_reader_log_doubt(__func__, "ReiserFS", hdd->bd_dev, why);
     r->in_doubt = true;
   } else if (!verify_free_count(r)) {

@@ -275,7 +275,7 @@ int zorv_blkbmp_test(kernel::block_device* hdd) {
   u64 size = 0;
   if (!device_size(__func__, hdd, &size)) return -EINVAL;
   u32 block_size = 0;
-  const fs_reader_use reader(hdd, &block_size, fs_image::as_found);
+  const fs_reader_use reader(hdd, &block_size);
   if (!reader) {
     zorv_log(1, "%s(): Cannot recognize file system on hdd(%d, %d).", __func__, major, minor);
     return -EINVAL;

@@ -197,7 +197,7 @@ bool load_group(xfs_reader* r, u32 group) {
 }
 
 // Reads every group's headers and decides how far they can be trusted; false when not at all.
-bool load_groups(xfs_reader* r, fs_image image) {
+bool load_groups(xfs_reader* r) {
   const char* why = doubt_of_geometry(*r);
   if (why == nullptr) why = fs_reader_rival(r->hdd, fs_kind::xfs);
   if (why == nullptr) {
@@ -205,8 +205,7 @@ bool load_groups(xfs_reader* r, fs_image image) {
     for (u32 a = 0; a < r->ag_count(); ++a) {
       if (!load_group(r, a)) return false;
     }
-    // A freeze brings everything to its place and leaves the log as if it had to be replayed.
-    if (image != fs_image::frozen && !r->in_doubt && !xfs_log_is_clean(r)) {
+    if (!r->in_doubt && !xfs_log_is_clean(r)) {
       why = "was not cleanly unmounted (its log does not end in an unmount record)";
     }
   }
@@ -219,7 +218,7 @@ bool load_groups(xfs_reader* r, fs_image image) {
 
 }  // namespace
 
-void* xfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image image) {
+void* xfs_reader_init(kernel::block_device* hdd, u32* fs_block_size) {
   const u32 major = kernel::major_of(hdd->bd_dev);
   const u32 minor = kernel::minor_of(hdd->bd_dev);
   auto* r = fs_reader_context(__func__, hdd, &xfs_reader::block_buf, first_buffer_bytes);
@@ -252,7 +251,7 @@ void* xfs_reader_init(kernel::block_device* hdd, u32* fs_block_size, fs_image im
   zorv_log(2, "   sectsize=%d", r->sector_bytes());
   zorv_log(2, "   AG size=%d blocks", r->ag_blocks());
   zorv_log(2, "   AG count=%d", r->ag_count());
-  if (!load_groups(r, image)) return nullptr;
+  if (!load_groups(r)) return nullptr;
   fail.cancel();
   return r;
 }

@@ -207,10 +207,6 @@ int zorv_fread(zorv_file* file, u64 offset, void* buffer, int length) {
 
 int zorv_fsync(zorv_file* file) { return unusable(file) ? 0 : kernel::vfs_fsync(file->filp); }
 
-void zorv_fdefer_sync(zorv_file* file) {
-  if (!unusable(file)) kernel::vfs_defer_sync(file->filp);
-}
-
 int zorv_fempty(zorv_file* file) {
   const int rc = unusable(file) ? -EINVAL : kernel::vfs_empty(file->filp);
   if (rc != 0) zorv_log(LOG_ERROR, "%s(): Failed to empty a file: rc=%d", __func__, rc);

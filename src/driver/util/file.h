@@ -40,7 +40,6 @@ void zorv_fwrite_begin(kernel::file_writes* writes, zorv_file* file, u64 offset,
 [[nodiscard]] int zorv_fwrite_end(kernel::file_writes* writes, zorv_file* file);  // 0 | errno
 [[nodiscard]] int zorv_fread(zorv_file* file, u64 offset, void* buffer, int length);
 [[nodiscard]] int zorv_fsync(zorv_file* file);
-void zorv_fdefer_sync(zorv_file* file);          // kernel::vfs_defer_sync
 [[nodiscard]] int zorv_fempty(zorv_file* file);  // 0 | negative errno (logged)
 int zorv_ftruncate(const char* path);  // empties the file; always 0, an open failure is logged
 
