@@ -5,7 +5,7 @@
 set -eu
 build="g++ clang cmake ninja-build make pkg-config libaio-dev libcli11-dev nlohmann-json3-dev"
 demo="libnbd-bin python3-libnbd qemu-utils e2fsprogs"
-test="libgtest-dev libgmock-dev libnbd-dev fio xfsprogs reiserfsprogs procps mount util-linux"
+test="libgtest-dev libgmock-dev fio xfsprogs reiserfsprogs procps mount util-linux"
 case "${1:-test}" in
   build) want="$build" ;;
   demo) want="$build $demo" ;;

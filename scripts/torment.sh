@@ -409,7 +409,10 @@ running_snap_survives_a_crash() {
   snap data s
   z start s >/dev/null
   io data write:0:1048576:2 flush
+  io data write:2097152:14680064:4 2>/dev/null & # under way when the end comes
+  sleep 0.1
   crash run
+  wait $! || true
   again
   snap data s
   z resume s >/dev/null

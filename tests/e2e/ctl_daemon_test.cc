@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // zorvd as a service: how it starts, refuses to start, and ends.
 #include <fcntl.h>
-#include <libnbd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,11 +32,6 @@ void expect_refused(const std::vector<std::string>& args, int status, const std:
   }
 }
 
-struct nbd_closer {
-  void operator()(nbd_handle* h) const { nbd_close(h); }
-};
-using nbd_ptr = std::unique_ptr<nbd_handle, nbd_closer>;
-
 struct ctl_daemon : testing::Test {
   temp_dir dir;
   std::string image = dir / "disk.img";
@@ -47,13 +41,6 @@ struct ctl_daemon : testing::Test {
     d->must(
         {"add-filter", "disk", "--extent-size", "64K", "--bmp-dir", dir.path(), "--name", "data"});
     d->must({"start", "data"});
-  }
-  // Writes 512 bytes and stays connected.
-  static nbd_ptr write(const daemon_process& d, u64 offset) {
-    nbd_ptr nbd(nbd_create());
-    EXPECT_EQ(nbd_connect_uri(nbd.get(), d.uri("data").c_str()), 0) << nbd_get_error();
-    EXPECT_EQ(nbd_pwrite(nbd.get(), std::string(512, 'x').data(), 512, offset, 0), 0);
-    return nbd;
   }
   static std::string changed(daemon_process* d, const char* type) {
     return d->must({"bmp", "show", "data", type});
@@ -202,7 +189,8 @@ TEST_F(ctl_daemon, bitmaps_outlive_a_clean_end_and_not_a_crash) {
     EXPECT_EQ(changed(&d, "incr"), all) << "nothing is known at first";
     d.must({"bmp", "clear", "data", "incr"});
     d.must({"bmp", "clear", "data", "diff"});
-    const nbd_ptr client = write(d, 65536);
+    node_client client(d, "data");
+    EXPECT_EQ(client.write(65536, bytes(512, 1)), 0U);
     EXPECT_EQ(changed(&d, "incr"), one);
     EXPECT_EQ(d.end(SIGTERM), 0) << "with a client connected: " << d.log();
   }
@@ -212,7 +200,8 @@ TEST_F(ctl_daemon, bitmaps_outlive_a_clean_end_and_not_a_crash) {
     EXPECT_EQ(changed(&d, "incr"), one);
     EXPECT_EQ(changed(&d, "diff"), one);
     // With the node open nothing saves the bitmaps, and no old save may count.
-    const nbd_ptr client = write(d, 1 << 20);
+    node_client client(d, "data");
+    EXPECT_EQ(client.write(1 << 20, bytes(512, 1)), 0U);
     d.end(SIGKILL);
   }
   daemon_process d({"--disk", image});

@@ -98,11 +98,11 @@ class snap_file_system : public snap_e2e, public testing::WithParamInterface<fs_
   void write_differences(const bytes& before, const bytes& after) {
     constexpr u64 piece = 32 * KiB;
     const auto write_half = [&](u64 half) {
-      nbd_connection client(d->uri("disk"));
+      node_client client(*d, "disk");
       for (u64 at = half * piece; at < after.size(); at += 2 * piece) {
         if (std::memcmp(&after[at], &before[at], piece) == 0) continue;
         const auto from = after.begin() + static_cast<long>(at);
-        EXPECT_EQ(client.write(at, bytes(from, from + piece)), 0);
+        EXPECT_EQ(client.write(at, bytes(from, from + piece)), 0U);
       }
     };
     std::thread other(write_half, 1);
@@ -174,11 +174,11 @@ TEST_F(snap_e2e, free_space_is_not_copied_and_data_is) {
   serve(dir / "disk.raw");
   take_snap("snap");
   const u64 cow_file_at_start = info("snap").at("cow_data_allocated");
-  nbd_connection client(d->uri("disk"));
+  node_client client(*d, "disk");
   u64 free_chunks = 0;
   for (u64 c = 0; c < free_in_chunk.size(); ++c) {
     if (free_in_chunk[c] != chunk_blocks) continue;
-    EXPECT_EQ(client.write(c * chunk, bytes(chunk, 0x55)), 0);
+    EXPECT_EQ(client.write(c * chunk, bytes(chunk, 0x55)), 0U);
     ++free_chunks;
   }
   EXPECT_GT(free_chunks, 100U);
@@ -188,7 +188,7 @@ TEST_F(snap_e2e, free_space_is_not_copied_and_data_is) {
   data.resize(600);  // a part of it will do
   std::set<u64> data_chunks;
   for (const u64 b : data) {
-    EXPECT_EQ(client.write(b * block_bytes, bytes(block_bytes, 0xaa)), 0);
+    EXPECT_EQ(client.write(b * block_bytes, bytes(block_bytes, 0xaa)), 0U);
     data_chunks.insert(b / chunk_blocks);
   }
   EXPECT_EQ(copied("snap"), data_chunks.size() * chunk);

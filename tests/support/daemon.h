@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/driver_fixture.h"
+#include "support/nbd_client.h"
 
 namespace zorv_test {
 
@@ -57,6 +57,21 @@ class daemon_process {
   std::string run_dir_;
   pid_t pid_ = -1;
   bool serving_ = false;
+};
+
+// A client on a node's export.
+struct node_client : raw_client {
+  node_client(const daemon_process& d, const std::string& node)
+      : raw_client(d.run_dir() + "/nbd.sock") {
+    EXPECT_TRUE(enter(node)) << node;
+  }
+  answer read(u64 offset, u64 length) {
+    return call(wire::cmd_read, offset, static_cast<u32>(length));
+  }
+  // 0 or an errno.
+  u32 write(u64 offset, const bytes& data) {
+    return call(wire::cmd_write, offset, static_cast<u32>(data.size()), 0, data).error;
+  }
 };
 
 // A sparse file.
