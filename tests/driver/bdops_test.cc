@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Opening and closing nodes, commands of block devices.
+// Opening and closing nodes, commands of block devices, requests that cannot be served.
 #include "driver/block/block.h"
 #include "driver/core/log.h"
 #include "kernel/module.h"
@@ -68,4 +68,23 @@ TEST_F(bdops_test, device_commands_go_to_the_hdd) {
   EXPECT_EQ(command(ZORV_GET_INFO, &req), -EINVAL);
   EXPECT_TRUE(log.has("zorv_ioctl_get_info(): Snap device zorv(100, 0) is not attached to a"));
   zorv_blkdev_arr[m]->dev_type = ZORV_DEV_FILTER;
+}
+
+TEST_F(bdops_test, requests_that_cannot_be_served_end_with_their_error) {
+  const u32 m = add_started_filter(disk.path());
+  client c(m);
+  EXPECT_EQ(c.fill((1 << 20) - 4096, 8192, 1), -EIO) << "beyond the end";
+  kernel::fault_arm(kernel::fault_site::bio_write, 1, 1, EIO);
+  EXPECT_EQ(c.fill(0, 4096, 1), -EIO) << "an error of the HDD reaches the client";
+  kernel::fault_arm(kernel::fault_site::bio_read, 1, 1, EIO);
+  bytes out;
+  EXPECT_EQ(c.read(0, 4096, &out), -EIO);
+  EXPECT_EQ(c.fill(0, 4096, 1), 0);
+  // A raw submitter that does not open the node.
+  kernel::block_device* bdev = c.bdev();
+  c.close();
+  EXPECT_EQ(stop(m), 0);
+  EXPECT_EQ(pending_io(bdev, kernel::WRITE, 0, bytes(512)).wait(), -EIO);
+  EXPECT_TRUE(
+      log.has("zorv_make_request(): I/O request for zorv(100, 0), which is in STOPPED state."));
 }

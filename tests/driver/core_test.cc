@@ -5,6 +5,7 @@
 #include "driver/core/lock.h"
 #include "driver/core/log.h"
 #include "driver/core/module.h"
+#include "kernel/chrdev.h"
 #include "kernel/module.h"
 #include "kernel/procfs.h"
 #include "support/driver_fixture.h"
@@ -149,14 +150,15 @@ TEST_F(load_test, a_failed_step_leaves_nothing_behind_and_the_next_load_succeeds
   using site = kernel::fault_site;
   struct {
     site where;
-    int error, result;
-  } const table[] = {{site::chrdev_register, -EBUSY, -EBUSY},
-                     {site::blkdev_register, -EBUSY, -EBUSY},
-                     {site::thread_create, -EAGAIN, -EAGAIN}};
+    int error;
+    const char* said;
+  } const table[] = {{site::chrdev_register, EBUSY, "Failed to register character device: rc=-16."},
+                     {site::blkdev_register, EBUSY, "zorv_init(): rc=-16"},
+                     {site::thread_create, EAGAIN, "zorv_init(): rc=-11"}};
   for (const auto& row : table) {
-    kernel::fault_arm(row.where, 1, 1, -row.error);
-    EXPECT_EQ(zorv_init(), row.result);
-    EXPECT_TRUE(log.has("zorv_init(): rc=" + std::to_string(row.result)));
+    kernel::fault_arm(row.where, 1, 1, row.error);
+    EXPECT_EQ(zorv_init(), -row.error);
+    EXPECT_TRUE(log.has(row.said)) << log.errors();
     EXPECT_FALSE(tree_exists());
     EXPECT_EQ(zorv_debug_buffer.load(), nullptr);
     EXPECT_EQ(zorv_blk_registered, 0);
@@ -186,6 +188,9 @@ TEST_F(load_test, the_kernel_chooses_majors_and_the_parameter_shows_them) {
   ASSERT_EQ(zorv_init(), 0);
   EXPECT_GT(zorv_chr_major, 0);
   EXPECT_GT(zorv_blk_major, 0);
+  u32 major = 0;
+  EXPECT_NE(kernel::chrdev_find("zorv", &major), nullptr);
+  EXPECT_EQ(static_cast<int>(major), zorv_chr_major);
   std::string text;
   EXPECT_EQ(kernel::proc_read("zorv/blk_major", &text), 0);
   EXPECT_EQ(text, std::to_string(zorv_blk_major) + "\n");

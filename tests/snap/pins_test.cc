@@ -137,6 +137,7 @@ TEST_F(pins_test, nodes_come_and_go_beside_commands_and_requests) {
       EXPECT_EQ(command(ZORV_GET_INFO, &about), 0);
       std::string text;
       (void)kernel::proc_read("zorv/zorv1/hdd_name", &text);
+      EXPECT_TRUE(text.empty() || text == other.path() + "\n") << text;
       EXPECT_EQ(bmp(ZORV_SAVE_BMP, filter, ZORV_BMP_INCREMENTAL), 0);
     }
   });
