@@ -61,35 +61,32 @@ u64 number_after(const std::string& text, const std::string& key) {
   return at == std::string::npos ? 0 : std::strtoull(text.c_str() + at + key.size(), nullptr, 10);
 }
 
+// "7" or "7-9", as the tools write it.
+void set_free(const char* range, bit_vector* used) {
+  char* end = nullptr;
+  const u64 first = std::strtoull(range, &end, 10);
+  const u64 last = *end == '-' ? std::strtoull(end + 1, nullptr, 10) : first;
+  for (u64 b = first; b <= last; ++b) used->at(b) = false;
+}
+
 void put_be32(bytes* b, u64 at, u32 v) {
   for (int i = 0; i < 4; ++i) (*b)[at + static_cast<u64>(i)] = static_cast<u8>(v >> (24 - 8 * i));
-}
-u32 get_be32(const bytes& b, u64 at) {
-  return static_cast<u32>(b[at]) << 24 | static_cast<u32>(b[at + 1]) << 16 |
-         static_cast<u32>(b[at + 2]) << 8 | b[at + 3];
 }
 
 }  // namespace
 
 // ---- ext2 ----------------------------------------------------------------------------------
 
-bit_vector ext2_in_use(const std::string& path, u64* blocks) {
+bit_vector ext2_in_use(const std::string& path) {
   const std::string report = run("dumpe2fs '" + path + "'");
-  const u64 count = number_after(report, "Block count:");
-  if (blocks != nullptr) *blocks = count;
-  bit_vector used(count, true);
+  bit_vector used(number_after(report, "Block count:"), true);
   std::istringstream lines(report.substr(report.find("\nGroup 0:")));
   for (std::string line; std::getline(lines, line);) {
     const std::string key = "  Free blocks: ";
     if (line.rfind(key, 0) != 0) continue;
     std::replace(line.begin(), line.end(), ',', ' ');
     std::istringstream ranges(line.substr(key.size()));
-    for (std::string range; ranges >> range;) {
-      const std::size_t dash = range.find('-');
-      const u64 first = std::stoull(range);
-      const u64 last = dash == std::string::npos ? first : std::stoull(range.substr(dash + 1));
-      for (u64 b = first; b <= last; ++b) used.at(b) = false;
-    }
+    for (std::string range; ranges >> range;) set_free(range.c_str(), &used);
   }
   return used;
 }
@@ -133,10 +130,7 @@ bit_vector reiserfs_in_use(const std::string& path) {
   bit_vector used(count, true);
   const std::string key = "Free(";
   for (std::size_t at = report.find(key); at != std::string::npos; at = report.find(key, at + 1)) {
-    char* end = nullptr;
-    const u64 first = std::strtoull(report.c_str() + at + key.size(), &end, 10);
-    const u64 last = *end == '-' ? std::strtoull(end + 1, nullptr, 10) : first;
-    for (u64 b = first; b <= last; ++b) used.at(b) = false;
+    set_free(report.c_str() + at + key.size(), &used);
   }
   return used;
 }
@@ -148,9 +142,7 @@ fs_image make_reiserfs(const std::string& path, u64 bytes_total, std::mt19937* r
   run("mkreiserfs -q -f -f '" + path + "'");
   fs_image image{path, bytes_total, 4096, reiserfs_in_use(path)};
   constexpr u64 per_bitmap = 4096 * 8;
-  bytes count = read_at(path, 65536 + 4, 4);
-  u32 free_blocks = static_cast<u32>(count[0] | count[1] << 8 | count[2] << 16) |
-                    static_cast<u32>(count[3]) << 24;
+  u32 free_blocks = zorv::get_le32(read_at(path, 65536 + 4, 4).data());
   for (u64 i = 0; i * per_bitmap < image.in_use.size(); ++i) {
     const u64 place = (i == 0 ? 17 : i * per_bitmap) * 4096;
     bytes map = read_at(path, place, 4096);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/datablock/bits.h"
 #include "driver/datablock/blkbmp.h"
 #include "host/disk/memory.h"
 #include "support/driver_fixture.h"
@@ -17,6 +18,8 @@ namespace zorv_test {
 
 // Runs a shell command; its output. Fails the test when the command does.
 std::string run(const std::string& command);
+
+inline u32 get_be32(const bytes& b, u64 at) { return zorv::get_be32(b.data() + at); }
 
 // The bits of a volume in units of some size.
 using bit_vector = std::vector<bool>;
@@ -39,9 +42,7 @@ fs_image make_reiserfs(const std::string& path, u64 bytes, std::mt19937* random)
 fs_image make_xfs(const std::string& path, u64 bytes, u32 group_count, u32 block_size,
                   std::mt19937* random);
 // What the tool says of the image as it is now.
-bit_vector ext2_in_use(const std::string& path, u64* blocks = nullptr);
-bit_vector reiserfs_in_use(const std::string& path);
-bit_vector xfs_in_use(const std::string& path, u64 blocks, u32 blocks_per_group);
+bit_vector ext2_in_use(const std::string& path);
 
 // An image in a memory disk, opened for reading by the first use of bdev(). extra_bytes: the disk
 // goes on behind the image.
