@@ -18,6 +18,8 @@
 #include <thread>
 #include <utility>
 
+#include "kernel/text.h"
+
 namespace zorv {
 namespace {
 
@@ -81,11 +83,11 @@ class repetition {
   std::size_t sample_ = 0;
 };
 
-// FNV-1a of what is no digit.
+// Of what is no digit.
 std::uint64_t kind_of(std::string_view text) {
-  std::uint64_t hash = 0xcbf29ce484222325U;
+  std::uint64_t hash = kernel::fnv1a_seed;
   for (const char c : text) {
-    if (c < '0' || c > '9') hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3U;
+    if (c < '0' || c > '9') hash = kernel::fnv1a(hash, c);
   }
   return hash;
 }

@@ -16,11 +16,11 @@
 #include <mutex>
 #include <new>
 #include <string>
-#include <string_view>
 
 #include "kernel/fault.h"
 #include "kernel/random.h"
 #include "kernel/task.h"
+#include "kernel/text.h"
 
 namespace kernel {
 
@@ -56,6 +56,12 @@ void stands(const char* key, std::string_view text) {
   } catch (const std::bad_alloc&) {
     f.more_stand = true;
   }
+}
+
+void stands_no_more(const char* key) {
+  folder& f = the_folder();
+  const std::scoped_lock guard(f.lock);
+  f.standing.erase(key);
 }
 
 // Whether the name is free or one of the folder's own links; what else stands there is not changed.
@@ -109,11 +115,8 @@ int read_or_make_id(int fd, u8 (&id)[state_id_bytes]) {
     if (errno != ENOENT || attempt != 0) return -errno;
     u8 fresh[state_id_bytes];
     get_random_bytes(fresh, sizeof fresh);
-    for (std::size_t i = 0; i < state_id_bytes; ++i) {
-      std::snprintf(digits + 2 * i, 3, "%02x", fresh[i]);
-    }
     // Another daemon's may come first; then that one is read.
-    if (::symlinkat(digits, fd, id_name) != 0 && errno != EEXIST) return -errno;
+    if (::symlinkat(hex_text(fresh).text, fd, id_name) != 0 && errno != EEXIST) return -errno;
   }
 }
 
@@ -187,7 +190,7 @@ int state_noted(const char* key) {
   return 1;
 }
 
-int state_forget(const char* key) {
+int state_forget(const char* key, const char* outdated) {
   might_sleep("state_forget");
   if (const int rc = fault_check(fault_site::state_write); rc != 0) return rc;
   const int fd = dir_fd();
@@ -197,9 +200,11 @@ int state_forget(const char* key) {
   if (::unlinkat(fd, key, 0) != 0 && errno != ENOENT) return -errno;
   rc = sync_fd(fd);
   if (rc != 0) return rc;
-  folder& f = the_folder();
-  const std::scoped_lock guard(f.lock);
-  f.standing.erase(key);
+  if (outdated != nullptr) {
+    stands(key, outdated);
+  } else {
+    stands_no_more(key);
+  }
   return 0;
 }
 
@@ -228,15 +233,22 @@ int state_put(const char* key, const char* value) {
   if (::unlinkat(fd, fresh.c_str(), 0) != 0 && errno != ENOENT) return -errno;
   if (::symlinkat(value, fd, fresh.c_str()) != 0) return -errno;
   if (::renameat(fd, fresh.c_str(), fd, key) != 0) return -errno;
-  return sync_fd(fd);
+  rc = sync_fd(fd);
+  if (rc == 0) stands_no_more(key);
+  return rc;
 }
 
-bool state_is(const char* key, const char* value) {
-  might_sleep("state_is");
-  char found[256];
+int state_get(const char* key, char* value, std::size_t bytes) {
+  might_sleep("state_get");
   const int fd = dir_fd();
-  const ssize_t n = fd < 0 ? -1 : ::readlinkat(fd, key, found, sizeof found);
-  return n >= 0 && std::string_view(found, static_cast<std::size_t>(n)) == value;
+  if (fd < 0) return -ENOENT;
+  // Another process may have changed it and not come to its sync.
+  if (const int rc = sync_fd(fd); rc != 0) return rc;
+  const ssize_t n = ::readlinkat(fd, key, value, bytes);
+  if (n < 0) return errno == ENOENT ? 0 : -errno;
+  if (static_cast<std::size_t>(n) >= bytes) return -EOVERFLOW;
+  value[n] = '\0';
+  return static_cast<int>(n);
 }
 
 }  // namespace kernel

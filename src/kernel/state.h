@@ -25,13 +25,18 @@ void state_id(u8 (&id)[state_id_bytes]);
 [[nodiscard]] int state_note(const char* key, const char* text);
 // 1 | 0 | negative errno (no folder, or it cannot be asked: it may be noted, and it may not)
 [[nodiscard]] int state_noted(const char* key);
-[[nodiscard]] int state_forget(const char* key);  // 0 (also when it was not noted) | negative errno
+//   outdated  null, or the path of a file that has been believed for what the key said and may not
+//             be any more: as long as the key has no new value, it stands as a note of that text
+//   returns   0 (also when it was not noted) | negative errno
+[[nodiscard]] int state_forget(const char* key, const char* outdated = nullptr);
 // Of the notes that this process has made or found and that stand, from memory: whether one has
 // that text; how many there are.
 [[nodiscard]] bool state_stands(const char* text);
 [[nodiscard]] std::size_t state_standing();
 // A key with a value, of at most 200 characters, in the place of what it had.
 [[nodiscard]] int state_put(const char* key, const char* value);  // 0 | as state_note
-[[nodiscard]] bool state_is(const char* key, const char* value);  // false in doubt
+// Its value, NUL-terminated, as it is on stable storage.
+//   returns  its length | 0 (it has none) | as state_note (-EOVERFLOW: it does not fit)
+[[nodiscard]] int state_get(const char* key, char* value, std::size_t bytes);
 
 }  // namespace kernel

@@ -46,6 +46,13 @@ struct companion_test : driver_test {
 
 TEST_F(companion_test, a_bitmap_is_believed_for_its_disk_extents_and_state_folder_alone) {
   EXPECT_TRUE(after_add_again().empty());
+  fs::copy(dir.path(), dir / "copy");
+  EXPECT_EQ(del(0), 0);
+  add_filter(disk->path(), {.minor = 0, .bmp_dir = dir / "copy"});
+  EXPECT_EQ(changed(0, incr).size(), 16U) << "of a copy nobody knows from when it is";
+  EXPECT_EQ(del(0), 0);
+  add_filter(disk->path(), {.minor = 0});
+  EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
   const struct {
     u64 disk_bytes;
     u32 extent_size;

@@ -129,7 +129,7 @@ int write_stale(zorv_filter* f, u32 type) {
   return rc;
 }
 
-bool note_key(const zorv_filter* f, u32 type, zorv_note_key* key) {
+bool note_key(const zorv_filter* f, u32 type, zorv_state_key* key) {
   return zorv_companion_note_key(f, type == ZORV_BMP_INCREMENTAL ? "incr" : "diff", key);
 }
 
@@ -186,7 +186,7 @@ int zorv_block_excuse_bmp(zorv_filter* f, u32 type) {
     kernel::spin_guard guard(&f->bmp_lock);
     if (f->marks[type].excused) return 0;
   }
-  zorv_note_key key;
+  zorv_state_key key;
   const int rc = bmpfile::note_key(f, type, &key) ? kernel::state_note(key.text, fname) : -EIO;
   if (rc != 0) {
     zorv_log(LOG_ERROR, "%s(): It can't be noted that %s is outdated: rc=%d", __func__, fname, rc);

@@ -27,7 +27,7 @@ enum class missing { fail, create };
 // A sync that notes what its failure means.
 [[nodiscard]] int sync(zorv_filter* f, u32 type);
 // The key of a note about the bitmap's file.
-[[nodiscard]] bool note_key(const zorv_filter* f, u32 type, zorv_note_key* key);
+[[nodiscard]] bool note_key(const zorv_filter* f, u32 type, zorv_state_key* key);
 
 u32 crc_of(const u8* bits, u32 size);
 

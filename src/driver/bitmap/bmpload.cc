@@ -33,7 +33,7 @@ struct read_result {
 // Whether the state folder has a note about the file: 1, 0 or a negative errno. The note stays
 // until the next save is on disk, and as long as it does no mark has to be.
 int is_noted(zorv_filter* f, u32 type) {
-  zorv_note_key key;
+  zorv_state_key key;
   const int noted = bmpfile::note_key(f, type, &key) ? kernel::state_noted(key.text) : 0;
   if (noted <= 0) return noted;
   marks_guard guard(f);

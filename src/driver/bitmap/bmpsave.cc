@@ -148,7 +148,7 @@ bool still_the_same(save* s) {
 void forget_note(save* s) {
   zorv_filter* f = s->f;
   zorv_mark_state& m = f->marks[s->type];
-  zorv_note_key key;
+  zorv_state_key key;
   {
     marks_guard guard(f);
     if (!m.excused || s->bmp.dirty->load() != 0) return;

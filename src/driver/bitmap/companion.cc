@@ -7,6 +7,7 @@
 #include "kernel/mem.h"
 #include "kernel/random.h"
 #include "kernel/state.h"
+#include "kernel/text.h"
 
 namespace zorv {
 
@@ -44,9 +45,7 @@ void fill_present(const zorv_filter* f, companion_disk* d) {
   kernel::state_id(d->state);
   d->disk_bytes = f->dev_size;
   d->extent_bytes = f->extent_size;
-  if (kernel::bdev_identity(f->hdd_bdev, d->identity, sizeof d->identity) != 0) {
-    d->identity[0] = '\0';
-  }
+  copy_text(d->identity, f->disk_identity);
 }
 
 bool is_zero(const u8 (&id)[16]) {
@@ -84,37 +83,29 @@ const char* read_companion(zorv_filter* f, zorv_file* file) {
   return difference(d, now);
 }
 
-// The state folder's key for the disk. That two disks share one costs no more than what it says.
-struct disk_key {
-  char text[32];
-};
-disk_key key_of_disk(const zorv_filter* f) {
-  char identity[kernel::bdev_identity_bytes] = {};
-  (void)kernel::bdev_identity(f->hdd_bdev, identity, sizeof identity);
-  u64 hash = 0xcbf29ce484222325U;  // FNV-1a
-  for (const char* c = identity; *c != '\0'; ++c) {
-    hash = (hash ^ static_cast<u8>(*c)) * 0x100000001b3U;
-  }
-  disk_key key;
-  // A node says of itself what its disk says.
-  std::snprintf(key.text, sizeof key.text, "%s-%016llx", f->hdd_is_node ? "node" : "disk",
-                static_cast<unsigned long long>(hash));
-  return key;
-}
-
+// What the state folder says of the pair that stands for the disk: which it is, and in which file,
+// since of a copy nobody knows from when it is.
 struct pair_text {
-  char text[33];
+  char text[96];
 };
 pair_text text_of_pair(const zorv_companion& c) {
   pair_text pair;
-  for (int i = 0; i < 16; ++i) std::snprintf(pair.text + 2 * i, 3, "%02x", c.pair[i]);
+  const kernel::file_id id = c.claim.held() ? c.claim.id() : kernel::file_id{};
+  std::snprintf(pair.text, sizeof pair.text, "%s.%llu.%lld", kernel::hex_text(c.pair).text,
+                static_cast<unsigned long long>(id.ino), static_cast<long long>(id.birth_ns));
   return pair;
+}
+
+bool pair_stands(const zorv_filter* f) {
+  char said[sizeof(pair_text)] = {};
+  return kernel::state_get(zorv_disk_key(f).text, said, sizeof said) > 0 &&
+         std::strcmp(said, text_of_pair(f->companion).text) == 0;
 }
 
 // No pair stands for the disk from now on, until one is written anew.
 //   returns  0 | negative errno (logged)
 int retire_pairs(const zorv_filter* f) {
-  const int rc = kernel::state_forget(key_of_disk(f).text);
+  const int rc = kernel::state_forget(zorv_disk_key(f).text);
   if (rc == 0 || rc == -ENOENT) return 0;
   zorv_log(LOG_ERROR, "%s(): The state folder can't be changed: rc=%d", "zorv_companion_attach",
            rc);
@@ -154,7 +145,7 @@ int zorv_companion_attach(zorv_filter* f) {
       kernel::filp_close(filp);
     }
   }
-  if (why == nullptr && !kernel::state_is(key_of_disk(f).text, text_of_pair(c).text)) {
+  if (why == nullptr && !pair_stands(f)) {
     why = "other bitmap files have been in use for the disk since";
   }
   c.ours = why == nullptr;
@@ -175,7 +166,7 @@ int zorv_companion_renew(zorv_filter* f) {
     if (rc != 0) return rc == -EBUSY || rc == -EINVAL || rc == -ENOENT ? rc : -EIO;
   }
   // Notes about the pair as it was mean nothing from now on.
-  zorv_note_key old[2];
+  zorv_state_key old[2];
   const bool noted =
       zorv_companion_note_key(f, "incr", &old[0]) && zorv_companion_note_key(f, "diff", &old[1]);
   c.notes = false;
@@ -191,7 +182,7 @@ int zorv_companion_renew(zorv_filter* f) {
     zorv_log(LOG_ERROR, "%s(): Failed to write %s: rc=%d", __func__, c.fname, rc);
     return rc;
   }
-  rc = kernel::state_put(key_of_disk(f).text, text_of_pair(c).text);
+  rc = kernel::state_put(zorv_disk_key(f).text, text_of_pair(c).text);
   if (rc != 0 && rc != -ENOENT) {
     zorv_log(LOG_ERROR, "%s(): The state folder can't be changed: rc=%d", __func__, rc);
     return rc;
@@ -202,7 +193,7 @@ int zorv_companion_renew(zorv_filter* f) {
     marks_guard guard(f);
     for (zorv_mark_state& m : f->marks) m.excused = false;  // the notes were about the old pair
   }
-  for (const zorv_note_key& key : old) {
+  for (const zorv_state_key& key : old) {
     if (noted) (void)kernel::state_forget(key.text);
   }
   return 0;
@@ -240,12 +231,21 @@ void zorv_companion_detach(zorv_filter* f) {
   c.claim.reset();
 }
 
-bool zorv_companion_note_key(const zorv_filter* f, const char* suffix, zorv_note_key* key) {
+bool zorv_companion_note_key(const zorv_filter* f, const char* suffix, zorv_state_key* key) {
   if (!f->companion.notes) return false;
-  char* at = key->text;
-  for (const u8 byte : f->companion.pair) at += std::snprintf(at, 3, "%02x", byte);
-  std::snprintf(at, sizeof key->text - 32, ".%s", suffix);
+  std::snprintf(key->text, sizeof key->text, "%s.%s", kernel::hex_text(f->companion.pair).text,
+                suffix);
   return true;
+}
+
+zorv_state_key zorv_disk_key(const zorv_filter* f, const char* suffix) {
+  u64 hash = kernel::fnv1a_seed;
+  for (const char* c = f->disk_identity; *c != '\0'; ++c) hash = kernel::fnv1a(hash, *c);
+  zorv_state_key key;
+  // A node says of itself what its disk says.
+  std::snprintf(key.text, sizeof key.text, "%s-%016llx%s", f->hdd_is_node ? "node" : "disk",
+                static_cast<unsigned long long>(hash), suffix);
+  return key;
 }
 
 }  // namespace zorv

@@ -42,11 +42,16 @@ struct zorv_companion {
 //   returns  0 | negative errno (logged)
 [[nodiscard]] int zorv_companion_renew(zorv_filter* f);
 void zorv_companion_detach(zorv_filter* f);
-// The key of a note about one of the pair; false while notes cannot be about it.
-struct zorv_note_key {
+
+// Names in the state folder.
+struct zorv_state_key {
   char text[64];
 };
+// Of a note about one of the pair; false while notes cannot be about it.
 [[nodiscard]] bool zorv_companion_note_key(const zorv_filter* f, const char* suffix,
-                                           zorv_note_key* key);
+                                           zorv_state_key* key);
+// Of what stands for the disk: its bitmap files, or with a suffix something else. That two disks
+// share one costs no more than what it says.
+[[nodiscard]] zorv_state_key zorv_disk_key(const zorv_filter* f, const char* suffix = "");
 
 }  // namespace zorv

@@ -33,22 +33,25 @@ struct zorv_record {
   char fname[1024] = {};
 
   rzmutex mutex;              // file work
-  rzmutex note_mutex;         // notes about the file; inside mutex, taken alone by waiting writes
   zorv_file* file = nullptr;  // under mutex, as the next three; open and locked to the node's end
   kernel::file_claim claim;
   u64 seq = 0;
   bool name_synced = false;
-  u8 file_id[16] = {};  // names the file in a note; fixed before the first note is made
+
+  // The state folder's word on which file counts for the disk. Inside mutex, and taken alone by
+  // waiting writes.
+  rzmutex word_mutex;
+  u8 file_id[16] = {};  // random; another one whenever the file did not count before
+  bool named = false;   // the word is about this file
+  bool rival = false;   // it may be about another
 
   kernel::spinlock_t lock;
   zorv_record_entry* entries GUARDED_BY(lock) = nullptr;  // record_max, in the order of instants
   u32 count GUARDED_BY(lock) = 0;
-  u64 instants GUARDED_BY(lock) = 0;      // the last one given
-  u32 strikes GUARDED_BY(lock) = 0;       // times that entries were taken out
-  bool on_file GUARDED_BY(lock) = false;  // there is a file that may list something
-  bool ahead GUARDED_BY(lock) = false;    // the file may list what the entries do not
-  bool excused GUARDED_BY(lock) =
-      false;  // the state folder says that the file is not to be believed
+  u64 instants GUARDED_BY(lock) = 0;     // the last one given
+  u32 strikes GUARDED_BY(lock) = 0;      // times that entries were taken out
+  bool listed GUARDED_BY(lock) = false;  // a file that counts may list something
+  bool ahead GUARDED_BY(lock) = false;   // ... which the entries do not
   // Whether a write has to have the file changed before it goes. Changed under lock.
   std::atomic<bool> stale{false};
 };
@@ -69,6 +72,8 @@ void zorv_record_detach(zorv_filter* f);  // accepts a node that was never attac
 //   returns  null | why not
 [[nodiscard]] const char* zorv_record_resumed(zorv_filter* f, const u8 (&id)[snap_id_bytes],
                                               u64* instant);
+// Whether it is still listed.
+[[nodiscard]] bool zorv_record_lists(zorv_filter* f, const u8 (&id)[snap_id_bytes]);
 // The snap does not run any more; it has missed nothing as long as no write comes.
 //   locks    as above
 void zorv_record_stopped(zorv_filter* f, const u8 (&id)[snap_id_bytes]);
@@ -83,6 +88,8 @@ int zorv_record_save(zorv_filter* f);
 // after a write that could not have it changed.
 void zorv_record_restore(zorv_filter* f);
 
+// What of the list or the file has changed may make writes wait, or let them go.
+void zorv_record_update_stale(zorv_record* r) REQUIRES(r->lock);
 // A write has come while the record is stale: the mark thread sees to it, the write waits.
 //   locks    no spin lock
 void zorv_record_wanted(zorv_filter* f);
