@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Which snaps a resume believes, and in which order it puts them.
+#include "driver/snap/cowwork.h"
 #include "kernel/state.h"
 #include "snap/snap_fixture.h"
+#include "support/at_log_line.h"
 
 using namespace zorv;
 using namespace zorv_test;
@@ -136,6 +138,14 @@ TEST_F(record_test, a_held_write_that_a_stop_lets_go_is_missed) {
   EXPECT_EQ(held.wait(), 0);
   stopper.join();
   EXPECT_TRUE(!resumed(a) || shown(a, 0, disk_bytes) == pattern(0, disk_bytes));
+}
+
+TEST_F(record_test, a_snap_that_loses_a_newer_one_while_it_is_resumed_is_invalid) {
+  const u32 a = add_started_snap({.files = dir / "a"}), b = add_started_snap({.files = dir / "b"});
+  EXPECT_EQ(stop(a), 0);
+  at_log_line hook(line("zorv(100, %u) has missed nothing", a),
+                   [b] { zorv_snap_invalidate(zorv_blkdev_arr[b], "test"); });
+  EXPECT_FALSE(resumed(a));
 }
 
 TEST_F(record_test, resumed_snaps_stand_in_the_order_of_their_instants_before_those_of_this_life) {

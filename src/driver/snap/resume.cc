@@ -72,12 +72,22 @@ int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req) {
     rzwrite_guard routing(&s.filter->f.snap_rwlock);
     if (good) missed = zorv_record_resumed(&s.filter->f, s.life_id, &s.instant);
     good = good && missed == nullptr;
+    if (good) {
+      zorv_log(2, "%s(): zorv(%d, %d) has missed nothing", op, zorv_blk_major, snap->minor);
+    }
     put_in_order(&s.filter->f, snap);
     s.snap_valid.store(good ? req->snap_valid : 0);
     s.stop_pending.store(req->stop_pending);
     s.del_pending.store(req->del_pending);
     s.has_instant.store(1);
     snap->started.store(1);
+    // An invalidation strikes out first and then takes the started ones: if it has not seen this
+    // one started, it is seen here to have struck it out.
+    if (good && !zorv_record_lists(&s.filter->f, s.life_id)) {
+      missed = "has lost a newer snap";
+      good = false;
+      s.snap_valid.store(0);
+    }
   }
   if (missed != nullptr) {
     zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) %s", op, zorv_blk_major, snap->minor, missed);
