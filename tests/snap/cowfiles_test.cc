@@ -71,6 +71,16 @@ TEST_F(cowfiles_test, what_is_somebody_elses_is_neither_changed_nor_removed) {
     EXPECT_TRUE(read_file(dir / t.name) == before) << t.name;
   }
   ::close(other_program);
+  // A start that fails at the second file has neither made nor taken the first.
+  for (const bool there : {false, true}) {
+    auto req = snap_request({.files = dir / "kept"});
+    copy_text_n(req.cow_bmp_fname, sizeof(req.cow_bmp_fname), (dir / "theirs").c_str());
+    ASSERT_EQ(command(ZORV_ADD_SNAP_NODE, &req), 0);
+    if (there) write_file(dir / "kept.cow", precious);
+    EXPECT_EQ(start(static_cast<u32>(req.snap_minor)), -EBUSY);
+    EXPECT_EQ(std::filesystem::exists(dir / "kept.cow"), there);
+    if (there) EXPECT_EQ(start(snap_on(dir / "kept.cow")), 0) << log.errors();
+  }
   auto req = snap_request({});
   std::memcpy(req.cow_data_fname, req.cow_bmp_fname, sizeof(req.cow_data_fname));
   ASSERT_EQ(command(ZORV_ADD_SNAP_NODE, &req), 0);

@@ -8,6 +8,7 @@
 #include "driver/bitmap/bitmap.h"
 #include "driver/block/block.h"
 #include "driver/core/log.h"
+#include "driver/snap/cowfiles.h"
 #include "driver/snap/snap.h"
 
 namespace zorv {
@@ -147,6 +148,7 @@ int start_snap(zorv_blkdev* snap) {
         snap->s.snap_valid.store(0);
         rzwrite_guard files(&snap->s.file_lock);
         zorv_snap_close_files(snap);
+        zorv_cowfiles_undo(snap);
       }
     }
   }

@@ -111,6 +111,10 @@ struct zorv_snap {
   // claims say which files they were.
   kernel::file_claim data_claim;
   kernel::file_claim bmp_claim;
+  // What the start or resume under way has made and claimed: bits of a COW file's kind
+  // (cowfiles.cc).
+  u32 files_made = 0;
+  u32 files_claimed = 0;
   u8 life_id[snap_id_bytes] = {};  // of the last start, from it or from the files; under dev_mutex
   // Tasks that copy for the snap, and those of them that were left behind: a stop waits for the
   // others, and leaves the files open for these.

@@ -65,29 +65,54 @@ u64 contents_bytes(const zorv_snap& s, u32 which) {
   return which == seal_of_data ? s.cow_data_size : s.cow_bmp_size;
 }
 
+enum class when_missing { fail, make };
+
+struct cow_name {
+  u32 which;
+  const char* what;
+  const char* path;
+  kernel::file_claim* claim;
+  zorv_file** file;
+};
+cow_name data_of(zorv_snap& s) {
+  return {seal_of_data, "COW data", s.cow_data_fname, &s.data_claim, &s.cow_data_file};
+}
+cow_name bits_of(zorv_snap& s) {
+  return {seal_of_bits, "COW bitmap", s.cow_bmp_fname, &s.bmp_claim, &s.cow_bmp_file};
+}
+
+int open_claimed(const zorv_blkdev* snap, const cow_name& n, u32 flags, kernel::file_claim* claim,
+                 zorv_file** out) {
+  char owner[kernel::file_claim::owner_bytes];
+  std::snprintf(owner, sizeof owner, "zorv(%d, %u)'s %s file", zorv_blk_major, snap->minor, n.what);
+  return zorv_fopen_own(n.path, flags | kernel::FO_RDWR | kernel::FO_LARGEFILE, owner,
+                        file_lock::exclusive, claim, out);
+}
+
 // Opens one of the files as the snap's own. A claim from an earlier life stays on the file that it
 // was made for until another has been had.
-int open_own(const zorv_blkdev* snap, const char* path, u32 flags, const char* what,
-             kernel::file_claim* claim, zorv_file** out) {
-  char owner[kernel::file_claim::owner_bytes];
-  std::snprintf(owner, sizeof owner, "zorv(%d, %u)'s %s file", zorv_blk_major, snap->minor, what);
+int open_own(zorv_blkdev* snap, const cow_name& n, when_missing missing) {
   kernel::file_claim fresh;
   kernel::file_id there;
   const bool known =
-      claim->held() && kernel::path_identity(path, &there) == 0 && there == claim->id();
-  const int rc = zorv_fopen_own(path, flags | kernel::FO_RDWR | kernel::FO_LARGEFILE, owner,
-                                file_lock::exclusive, known ? claim : &fresh, out);
-  if (rc == 0 && fresh.held()) *claim = std::move(fresh);
-  if (rc == -ENOENT) zorv_log(LOG_ERROR, "%s(): There is no file %s", "zorv_fopen_own", path);
+      n.claim->held() && kernel::path_identity(n.path, &there) == 0 && there == n.claim->id();
+  int rc = open_claimed(snap, n, 0, known ? n.claim : &fresh, n.file);
+  if (rc == -ENOENT && missing == when_missing::make) {
+    rc = open_claimed(snap, n, kernel::FO_CREAT | kernel::FO_EXCL, &fresh, n.file);
+    if (rc == 0) snap->s.files_made |= n.which;
+  }
+  if (rc == 0 && fresh.held()) {
+    *n.claim = std::move(fresh);
+    snap->s.files_claimed |= n.which;
+  }
+  if (rc == -ENOENT) zorv_log(LOG_ERROR, "%s(): There is no file %s", "zorv_fopen_own", n.path);
   return rc == 0 || rc == -EINVAL || rc == -EBUSY || rc == -ENOMEM ? rc : -EIO;
 }
 
-int open_both(zorv_blkdev* snap, u32 flags) {
-  zorv_snap& s = snap->s;
-  const int rc =
-      open_own(snap, s.cow_data_fname, flags, "COW data", &s.data_claim, &s.cow_data_file);
-  if (rc != 0) return rc;
-  return open_own(snap, s.cow_bmp_fname, flags, "COW bitmap", &s.bmp_claim, &s.cow_bmp_file);
+int open_both(zorv_blkdev* snap, when_missing missing) {
+  snap->s.files_made = snap->s.files_claimed = 0;
+  const int rc = open_own(snap, data_of(snap->s), missing);
+  return rc != 0 ? rc : open_own(snap, bits_of(snap->s), missing);
 }
 
 bool same_path(const char (&a)[ZORV_PATH_LEN], const char (&b)[ZORV_PATH_LEN]) {
@@ -159,22 +184,20 @@ int sync_one(zorv_file* file) {
 }
 
 // Another daemon may have made a stopped snap's files its own by now; then they are locked.
-void unlink_one(zorv_blkdev* snap, const char* path, const char* what, kernel::file_claim* claim) {
+void unlink_one(zorv_blkdev* snap, const cow_name& n) {
   zorv_file* opened = nullptr;
   kernel::file_id there;
-  if (!claim->held() || (kernel::path_identity(path, &there) == 0 && there == claim->id())) {
-    char owner[kernel::file_claim::owner_bytes];
-    std::snprintf(owner, sizeof owner, "zorv(%d, %u)'s %s file", zorv_blk_major, snap->minor, what);
-    if (zorv_fopen_own(path, kernel::FO_RDWR, owner, file_lock::exclusive, claim, &opened) != 0) {
-      claim->reset();
+  if (!n.claim->held() || (kernel::path_identity(n.path, &there) == 0 && there == n.claim->id())) {
+    if (open_claimed(snap, n, 0, n.claim, &opened) != 0) {
+      n.claim->reset();
       return;  // not there, or somebody else's, which has been logged
     }
   }
   const zorv_file_ptr file(opened);  // locked until the name has gone
-  const int rc = kernel::fs_unlink_file(path, claim->id());
-  claim->reset();
+  const int rc = kernel::fs_unlink_file(n.path, n.claim->id());
+  n.claim->reset();
   if (rc == 0 || rc == -ENOENT) return;
-  zorv_log(LOG_ERROR, "%s(): Failed to unlink %s: rc=%d%s", "zorv_unlink", path, rc,
+  zorv_log(LOG_ERROR, "%s(): Failed to unlink %s: rc=%d%s", "zorv_unlink", n.path, rc,
            rc == -ESTALE ? " (it is another file now)" : "");
 }
 
@@ -186,7 +209,7 @@ int zorv_cowfiles_open_new(zorv_blkdev* snap) {
              start_op, zorv_blk_major, snap->minor);
     return -EINVAL;
   }
-  return open_both(snap, kernel::FO_CREAT);
+  return open_both(snap, when_missing::make);
 }
 
 int zorv_cowfiles_make(zorv_blkdev* snap) {
@@ -207,7 +230,19 @@ int zorv_cowfiles_make(zorv_blkdev* snap) {
   return 0;
 }
 
-int zorv_cowfiles_open_old(zorv_blkdev* snap) { return open_both(snap, 0); }
+int zorv_cowfiles_open_old(zorv_blkdev* snap) { return open_both(snap, when_missing::fail); }
+
+void zorv_cowfiles_undo(zorv_blkdev* snap) {
+  zorv_snap& s = snap->s;
+  for (const cow_name& n : {data_of(s), bits_of(s)}) {
+    if ((s.files_made & n.which) != 0) {
+      unlink_one(snap, n);
+    } else if ((s.files_claimed & n.which) != 0) {
+      n.claim->reset();
+    }
+  }
+  s.files_made = s.files_claimed = 0;
+}
 
 const char* zorv_cowfiles_check(zorv_blkdev* snap) {
   zorv_snap& s = snap->s;
@@ -245,8 +280,8 @@ bool zorv_cowfiles_whole(const zorv_snap& s) {
 }
 
 void zorv_cowfiles_unlink(zorv_blkdev* snap) {
-  unlink_one(snap, snap->s.cow_data_fname, "COW data", &snap->s.data_claim);
-  unlink_one(snap, snap->s.cow_bmp_fname, "COW bitmap", &snap->s.bmp_claim);
+  unlink_one(snap, data_of(snap->s));
+  unlink_one(snap, bits_of(snap->s));
 }
 
 }  // namespace zorv

@@ -20,6 +20,10 @@ namespace zorv {
 //   returns  0 | -EIO; logged; the files are void or of the new life
 [[nodiscard]] int zorv_cowfiles_make(zorv_blkdev* snap);
 
+// After a start or resume that has failed, once the files are closed: files that it has made go,
+// and claims that it has taken.
+void zorv_cowfiles_undo(zorv_blkdev* snap);
+
 // Opens both files for a resume, as they are.
 //   returns  0 | -EINVAL, -EBUSY, -EIO as above
 [[nodiscard]] int zorv_cowfiles_open_old(zorv_blkdev* snap);

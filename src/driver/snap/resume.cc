@@ -55,6 +55,7 @@ int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req) {
     const int rc = reopen_files(snap, &why);
     if (rc != 0) {
       zorv_snap_close_files(snap);
+      zorv_cowfiles_undo(snap);
       return rc;
     }
   }
