@@ -103,6 +103,18 @@ TEST_F(companion_test, one_daemon_and_no_other_file_stands_behind_the_names) {
   ::close(other);
 
   const bytes mine(600, 'm');
+  for (const char* suffix : {"incr", "diff", "disk"}) {
+    const std::string theirs = dir / "zorv9." + suffix;
+    write_file(theirs, mine);
+    add_started_filter(disk->path(), {.minor = 9});
+    EXPECT_EQ(client(9U).fill(0, 512, 1), 0);
+    EXPECT_EQ(bmp(ZORV_SAVE_BMP, 9, incr) != 0, suffix != std::string("diff"));
+    EXPECT_EQ(log.has(theirs + " holds something that is not ours"), true) << suffix;
+    (void)stop(9);
+    EXPECT_EQ(del(9), 0);
+    EXPECT_EQ(read_file(theirs), mine) << suffix;
+    fs::remove(theirs);
+  }
   write_file(dir / "mine", mine);
   fs::remove(file);
   fs::create_symlink(dir / "mine", file);

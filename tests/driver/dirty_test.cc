@@ -223,6 +223,22 @@ TEST_F(dirty_test, a_mark_is_tried_again_until_it_is_on_disk) {
   kernel::fault_disarm_all();
   kernel::turn_clock(60000);
   EXPECT_TRUE(eventually([&] { return is_stale(incr_file) && is_stale(diff_file); }));
+  // A note that is made while the save takes the last one back stands.
+  std::thread noting;
+  std::atomic<bool> noted{false};
+  {
+    at_log_line hook("Taking back the note about " + incr_file, [&] {
+      noting = std::thread([&] {
+        EXPECT_EQ(zorv_block_excuse_bmp(filter(), incr), 0);
+        noted = true;
+      });
+      (void)eventually([&] { return noted.load(); }, 100);
+    });
+    EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
+  }
+  noting.join();
+  EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
+  EXPECT_EQ(get_bmp(0, incr), bytes(2, 0xFF));
   EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
   EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
   EXPECT_EQ(get_bmp(0, incr), bytes(2, 0)) << "saved, so the note is gone";

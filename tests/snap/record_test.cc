@@ -248,6 +248,10 @@ TEST_F(record_test, a_list_is_believed_only_from_the_disk_and_where_it_was_writt
   restart();
   EXPECT_FALSE(resumed(a));
   // Where none can be made, no write is held up for it.
+  write_file(record, bytes(600, 'm'));
+  restart();
+  EXPECT_EQ(start(a) | stop(a) | write(0), 0) << log.errors();
+  EXPECT_EQ(read_file(record), bytes(600, 'm')) << "somebody else's";
   std::filesystem::remove(record);
   std::filesystem::create_directory(record);
   restart();

@@ -46,15 +46,17 @@ int open_file(zorv_filter* f, u32 type, u32 flags) {
   const int rc = zorv_fopen_own(zorv_bmp_of(f, type).fname, kernel::FO_RDWR | flags, owner,
                                 file_lock::none, &m.claim, &m.file);
   if (rc != 0) return rc == -EBUSY || rc == -EINVAL || rc == -ENOENT ? rc : -EIO;
+  m.foreign = zorv_fis_foreign(m.file, 0, bmpfile::prefix, bmpfile::prefix_bytes);
   // What it holds is not known; in doubt a load could take it.
   kernel::spin_guard guard(&f->bmp_lock);
-  m.maybe_current = m.maybe_current || kernel::file_size(m.file->filp) != 0;
+  m.maybe_current = m.maybe_current || (!m.foreign && kernel::file_size(m.file->filp) != 0);
   return 0;
 }
 
 // Makes the open file eight stale bytes, on disk.
 int stale_bytes(zorv_filter* f, u32 type) {
   zorv_mark_state& m = f->marks[type];
+  if (m.foreign) return -EEXIST;
   u8 head[bmpfile::prefix_bytes + 1];
   std::memcpy(head, bmpfile::prefix, bmpfile::prefix_bytes);
   head[bmpfile::dirty_offset] = 1;
@@ -73,7 +75,7 @@ int leave_file(zorv_filter* f, u32 type) {
     kernel::spin_guard guard(&f->bmp_lock);
     maybe_current = f->marks[type].maybe_current;
   }
-  const int rc = maybe_current ? stale_bytes(f, type) : 0;
+  const int rc = maybe_current && !f->marks[type].foreign ? stale_bytes(f, type) : 0;
   if (rc == 0) close_file(f, type);
   return rc;
 }
@@ -82,7 +84,7 @@ int leave_file(zorv_filter* f, u32 type) {
 int remove_file(zorv_filter* f, u32 type) {
   const zorv_mark_state& m = f->marks[type];
   const char* fname = zorv_bmp_of(f, type).fname;
-  if (m.file == nullptr) return -EBADF;
+  if (m.file == nullptr || m.foreign) return -EBADF;
   int rc = kernel::fs_unlink_file(fname, m.claim.id());
   if (rc == 0 || rc == -ENOENT) rc = kernel::fs_sync_parent(fname);
   if (rc == 0) zorv_marks_file_void(f, type);
@@ -160,7 +162,7 @@ int zorv_block_write_dirty_flag(zorv_filter* f, u32 type, int flag) {
     return -EINVAL;
   }
   int rc = bmpfile::follow_name(f, type, bmpfile::missing::fail);
-  if (rc == 0) return bmpfile::write_stale(f, type);
+  if (rc == 0 && !f->marks[type].foreign) return bmpfile::write_stale(f, type);
   if (rc == -ENOENT) rc = kernel::fs_sync_parent(fname);  // nothing to mark, once that is certain
   if (rc == -ENOENT) rc = 0;                              // not even a folder
   if (rc == 0) zorv_marks_file_void(f, type);
@@ -182,6 +184,7 @@ int zorv_block_void_bmp(zorv_filter* f, u32 type) {
 
 int zorv_block_excuse_bmp(zorv_filter* f, u32 type) {
   const char* fname = zorv_bmp_of(f, type).fname;
+  rzmutex_guard notes(&f->companion.note_mutex);  // no save is taking a note back
   {
     kernel::spin_guard guard(&f->bmp_lock);
     if (f->marks[type].excused) return 0;

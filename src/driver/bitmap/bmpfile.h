@@ -22,7 +22,8 @@ bool lives_on_node(const char* fname);
 enum class missing { fail, create };
 [[nodiscard]] int follow_name(zorv_filter* f, u32 type, missing what);
 
-// The open file becomes eight stale bytes. From a return with 0 on no load takes it for current.
+// The open file becomes eight stale bytes, unless it is somebody else's (-EEXIST). From a return
+// with 0 on no load takes it for current.
 [[nodiscard]] int write_stale(zorv_filter* f, u32 type);
 // A sync that notes what its failure means.
 [[nodiscard]] int sync(zorv_filter* f, u32 type);

@@ -71,7 +71,8 @@ int renew_companion(zorv_filter* f) {
   for (u32 type = 0; type < 2; ++type) {
     int rc = bmpfile::follow_name(f, type, bmpfile::missing::fail);
     if (rc == 0) rc = bmpfile::write_stale(f, type);
-    if (rc != 0 && rc != -ENOENT && rc != -EINVAL) return rc;  // none, or none that is ever opened
+    // None, or none that is ever opened or believed.
+    if (rc != 0 && rc != -ENOENT && rc != -EINVAL && rc != -EEXIST) return rc;
   }
   return zorv_companion_renew(f);
 }
@@ -149,11 +150,13 @@ void forget_note(save* s) {
   zorv_filter* f = s->f;
   zorv_mark_state& m = f->marks[s->type];
   zorv_state_key key;
+  rzmutex_guard notes(&f->companion.note_mutex);  // a new one is not made before the old has gone
   {
     marks_guard guard(f);
     if (!m.excused || s->bmp.dirty->load() != 0) return;
     m.excused = false;  // from here on a new bit waits for its mark again
   }
+  zorv_log(2, "%s(): Taking back the note about %s", op, s->bmp.fname);
   if (!bmpfile::note_key(f, s->type, &key)) return;
   if (const int rc = kernel::state_forget(key.text); rc != 0) {
     zorv_log(LOG_ERROR, "%s(): The note about %s can't be taken back: rc=%d", op, s->bmp.fname, rc);

@@ -70,6 +70,8 @@ const char* difference(const companion_disk& d, const companion_disk& now) {
 const char* read_companion(zorv_filter* f, zorv_file* file) {
   zorv_companion& c = f->companion;
   if (kernel::file_size(file->filp) == 0) return "it is new";
+  c.foreign = zorv_fis_foreign(file, 0, magic, sizeof magic);
+  if (c.foreign) return "it is something else";
   companion_disk d;
   companion_disk now;
   if (zorv_fread(file, 0, &d, record_bytes) != record_bytes || crc_of(d) != d.crc ||
@@ -164,8 +166,11 @@ int zorv_companion_renew(zorv_filter* f) {
   if (c.file == nullptr) {
     const int rc = open_locked(f, own_flags | kernel::FO_CREAT);
     if (rc != 0) return rc == -EBUSY || rc == -EINVAL || rc == -ENOENT ? rc : -EIO;
+    c.foreign = zorv_fis_foreign(c.file, 0, magic, sizeof magic);
   }
+  if (c.foreign) return -EEXIST;
   // Notes about the pair as it was mean nothing from now on.
+  rzmutex_guard notes(&f->companion.note_mutex);
   zorv_state_key old[2];
   const bool noted =
       zorv_companion_note_key(f, "incr", &old[0]) && zorv_companion_note_key(f, "diff", &old[1]);

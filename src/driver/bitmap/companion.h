@@ -10,6 +10,7 @@
 
 #include <atomic>
 
+#include "driver/core/lock.h"
 #include "driver/core/types.h"
 #include "driver/util/file.h"
 
@@ -22,11 +23,15 @@ struct zorv_companion {
   char fname[1024] = {};
   zorv_file* file = nullptr;
   kernel::file_claim claim;
-  u8 pair[16] = {};    // of this pair of bitmap files, new with every companion written
-  bool ours = false;   // the file on disk says what holds: bitmap files may be believed
-  bool notes = false;  // ... or at least our state folder and a pair that notes can be about
-  bool absent = true;  // there is none
-  bool lost = false;   // its name leads elsewhere, and what is there is not ours yet
+  u8 pair[16] = {};      // of this pair of bitmap files, new with every companion written
+  bool ours = false;     // the file on disk says what holds: bitmap files may be believed
+  bool notes = false;    // ... or at least our state folder and a pair that notes can be about
+  bool absent = true;    // there is none
+  bool lost = false;     // its name leads elsewhere, and what is there is not ours yet
+  bool foreign = false;  // what is there is somebody else's
+  // Notes about the pair are made and taken back, each with what marks[].excused says of it. Inside
+  // bmp_mutex; taken alone by waiting writes.
+  rzmutex note_mutex;
   std::atomic<const char*> why{nullptr};  // everything counted as changed when the node was made
 };
 

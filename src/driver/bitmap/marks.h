@@ -69,6 +69,7 @@ struct zorv_mark_state {
   zorv_file* file = nullptr;  // open from the node's creation, or the first save, to its end
   kernel::file_claim claim;   // held while open
   bool name_synced = false;   // the file's directory entry is on disk
+  bool foreign = false;       // it holds something else: never changed, nor believed
   bool sync_failed = false;   // the page cache may show what is not on disk
 };
 

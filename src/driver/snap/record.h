@@ -37,6 +37,7 @@ struct zorv_record {
   kernel::file_claim claim;
   u64 seq = 0;
   bool name_synced = false;
+  bool foreign = false;  // the open file holds something else: it is never changed
 
   // The state folder's word on which file counts for the disk. Inside mutex, and taken alone by
   // waiting writes.

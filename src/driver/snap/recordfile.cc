@@ -65,8 +65,12 @@ int open(zorv_filter* f, u32 flags) {
   char owner[kernel::file_claim::owner_bytes];
   std::snprintf(owner, sizeof owner, "zorv(%d, %u)'s record of its snaps", zorv_blk_major,
                 f->filter_minor);
-  return zorv_fopen_own(r.fname, flags | kernel::FO_RDWR | kernel::FO_LARGEFILE, owner,
-                        file_lock::exclusive, &r.claim, &r.file);
+  const int rc = zorv_fopen_own(r.fname, flags | kernel::FO_RDWR | kernel::FO_LARGEFILE, owner,
+                                file_lock::exclusive, &r.claim, &r.file);
+  if (rc != 0) return rc;
+  r.foreign = zorv_fis_foreign(r.file, 0, slot_magic, sizeof slot_magic) ||
+              zorv_fis_foreign(r.file, slot_stride, slot_magic, sizeof slot_magic);
+  return 0;
 }
 
 void close(zorv_record* r) {
@@ -169,7 +173,7 @@ int stand_in(zorv_filter* f, u32 strikes) {
 int leave_file(zorv_filter* f) {
   zorv_record& r = f->record;
   if (r.file == nullptr) return 0;
-  int rc = kernel::vfs_empty(r.file->filp);
+  int rc = r.foreign ? 0 : kernel::vfs_empty(r.file->filp);
   if (rc == 0) rc = zorv_fsync(r.file);
   if (rc != 0) rc = retire(f);
   if (rc != 0) return rc;
@@ -186,10 +190,11 @@ int write_slot(zorv_filter* f, slot_disk* d, u32* strikes) {
   if (!in_place(r)) {
     int rc = leave_file(f);
     if (rc == 0) rc = recordfile::open(f, kernel::FO_CREAT);
-    // Whatever it is, it says nothing of this node.
-    if (rc == 0 && kernel::file_size(r.file->filp) != 0) rc = kernel::vfs_empty(r.file->filp);
+    // Another node's says nothing of this one.
+    if (rc == 0 && !r.foreign) rc = kernel::vfs_empty(r.file->filp);
     if (rc != 0) return rc;
   }
+  if (r.foreign) return -EEXIST;
   {
     kernel::spin_guard guard(&r.lock);
     r.listed = true;
@@ -212,7 +217,7 @@ int write_slot(zorv_filter* f, slot_disk* d, u32* strikes) {
 // A file that cannot be written says nothing when it is gone.
 int remove_file(zorv_filter* f) {
   zorv_record& r = f->record;
-  if (!in_place(r)) return -ESTALE;
+  if (!in_place(r) || r.foreign) return -ESTALE;
   {
     rzmutex_guard guard(&r.word_mutex);
     if (r.rival) return -EBUSY;  // it is not this one that would be believed

@@ -213,6 +213,23 @@ int zorv_fempty(zorv_file* file) {
   return rc;
 }
 
+bool zorv_fis_foreign(zorv_file* file, u64 offset, const char* magic, int bytes) {
+  char found[16];
+  assert(bytes <= static_cast<int>(sizeof found));
+  const u64 size = kernel::file_size(file->filp);
+  if (size <= offset) return false;
+  if (size - offset < static_cast<u64>(bytes)) bytes = static_cast<int>(size - offset);
+  if (zorv_fread(file, offset, found, bytes) != bytes) return false;  // not known to be anything
+  const char zero[sizeof found] = {};
+  const auto is = [&](const char* what) {
+    return std::memcmp(found, what, static_cast<std::size_t>(bytes)) == 0;
+  };
+  if (is(magic) || is(zero)) return false;
+  zorv_log(LOG_ERROR, "%s(): %s holds something that is not ours. It stays as it is: move it away.",
+           "zorv_fopen_own", file->fname);
+  return true;
+}
+
 int zorv_ftruncate(const char* path) {
   zorv_file* file =
       zorv_fopen(path, kernel::FO_RDWR | kernel::FO_TRUNC | kernel::FO_LARGEFILE, 0600);

@@ -43,6 +43,10 @@ void zorv_fwrite_begin(kernel::file_writes* writes, zorv_file* file, u64 offset,
 [[nodiscard]] int zorv_fempty(zorv_file* file);  // 0 | negative errno (logged)
 int zorv_ftruncate(const char* path);  // empties the file; always 0, an open failure is logged
 
+// Whether what stands at the offset is neither the magic nor zero nor the file's end: somebody
+// else's file. A power cut leaves one of ours with its length, but without its contents.
+[[nodiscard]] bool zorv_fis_foreign(zorv_file* file, u64 offset, const char* magic, int bytes);
+
 struct zorv_file_closer {
   void operator()(zorv_file* f) const { zorv_fclose(f); }
 };
