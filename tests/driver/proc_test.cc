@@ -106,6 +106,7 @@ TEST_F(proc_test, a_snap_shows_its_own_fields_and_its_filters) {
   five.dev.s.chunk_size = 4096;
   five.dev.s.cow_bmp_size = 0xfffffff0U;
   five.dev.s.cow_data_size = 1ULL << 40;
+  five.dev.s.cowbmp.copied = 3000000000;
   copy_text_n(five.dev.s.cow_bmp_fname, ZORV_PATH_LEN, "/b");
   copy_text_n(five.dev.s.cow_data_fname, ZORV_PATH_LEN, "/d");
   EXPECT_EQ(proc("zorv/zorv0/snaps"), "5\n7\n");
@@ -128,8 +129,10 @@ TEST_F(proc_test, a_snap_shows_its_own_fields_and_its_filters) {
                                        {"cow_data_fname", "/d\n"},
                                        {"cow_bmp_size", "-16\n"},
                                        {"cow_data_size", "1099511627776\n"},
-                                       {"snap_valid", "1\n"}}));
-  for (const char* entry : {"filter_minor", "hdd_major", "hdd_minor", "hdd_name"}) {
+                                       {"snap_valid", "1\n"},
+                                       {"copied_chunks", "3000000000\n"},
+                                       {"copied_bytes", "12288000000000\n"}}));
+  for (const char* entry : {"filter_minor", "hdd_major", "hdd_minor", "hdd_name", "copied_bytes"}) {
     EXPECT_EQ(proc(std::string("zorv/zorv9/") + entry), "") << entry;
   }
   // A slot that emptied, or got a node of the other type, under a directory still there.

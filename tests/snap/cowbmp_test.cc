@@ -55,6 +55,7 @@ TEST_F(cowbmp_test, pages_come_with_their_first_bit_and_every_new_bit_is_in_the_
   want[0] = 0x09, want[1] = 0x02, want[4096] = 0x01;
   EXPECT_EQ(read_file(path), want);
   for (s32 bit : {0, 3, 9, 32768}) EXPECT_EQ(test(bit), 1) << bit;
+  EXPECT_EQ(map.copied, 4);
   for (s32 bit : {1, 8, 32767, 32769, 99999}) EXPECT_EQ(test(bit), 0) << bit;
 
   kernel::fault_arm(kernel::fault_site::file_write, 1, -1, EIO);
@@ -89,6 +90,7 @@ TEST_F(cowbmp_test, load_takes_length_and_bits_from_the_file) {
   EXPECT_EQ(test(7), 1);
   EXPECT_EQ(test(39992), 1);
   EXPECT_EQ(test(39991), 0);
+  EXPECT_EQ(map.copied, 2);
   EXPECT_EQ(test(40000), -EINVAL);
   content.assign(5000, 0);
   content[4097] = 1;

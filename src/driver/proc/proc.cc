@@ -136,6 +136,12 @@ void of_filter(const zorv_blkdev& d, page_text* out) {
   if (d.s.filter != nullptr) print(*d.s.filter, out);
 }
 
+// Chunks that a snap has copied, or nothing while it has not been started or resumed.
+void print_copied(const zorv_blkdev& d, page_text* out, u64 unit) {
+  const s64 chunks = d.s.cowbmp.copied.load(std::memory_order_relaxed);
+  if (chunks >= 0) out->add_long(chunks * static_cast<s64>(unit));
+}
+
 constexpr field snap_fields[] = {
     {"dev_type", [](const zorv_blkdev&, page_text* out) { out->add_text("snap"); }},
     {"minor", print_minor},
@@ -163,6 +169,9 @@ constexpr field snap_fields[] = {
                          page_text* out) { out->add_long(static_cast<s64>(d.s.cow_data_size)); }},
     {"snap_valid",
      [](const zorv_blkdev& d, page_text* out) { out->add_number(now(d.s.snap_valid)); }},
+    {"copied_chunks", [](const zorv_blkdev& d, page_text* out) { print_copied(d, out, 1); }},
+    {"copied_bytes",
+     [](const zorv_blkdev& d, page_text* out) { print_copied(d, out, d.s.chunk_size); }},
 };
 
 struct field_list {

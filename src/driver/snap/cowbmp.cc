@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "driver/snap/cowbmp.h"
 
-#include <atomic>
+#include <bit>
 
 #include "driver/core/log.h"
 #include "kernel/mem.h"
@@ -47,10 +47,11 @@ bool covers_locked(const zorv_cowbmp* b, s32 bit) REQUIRES_SHARED(b->lock) {
 
 // Sets the bit in its page; a bit that was clear is written through, with its whole byte as it
 // stands, so that the file keeps the bits set before it.
-int set_in_page(u8* page, s32 bit, zorv_file* file) {
+int set_in_page(zorv_cowbmp* b, u8* page, s32 bit, zorv_file* file) {
   const u8 mask = mask_of(bit);
   const u8 before = byte_of(page, bit).fetch_or(mask);
   if ((before & mask) != 0) return 0;
+  b->copied.fetch_add(1, std::memory_order_relaxed);
   const u8 byte = before | mask;
   if (zorv_fwrite(file, static_cast<u64>(bit) >> 3, &byte, 1) < 1) {
     zorv_log(LOG_ERROR, "%s(): Failed to update changed byte in file.", "zorv_cowbmp_set_bit");
@@ -69,11 +70,10 @@ int out_of_range(const char* op, s32 bit) {
   return -EINVAL;
 }
 
-bool all_zero(const u8* p, int bytes) {
-  for (int i = 0; i < bytes; ++i) {
-    if (p[i] != 0) return false;
-  }
-  return true;
+s64 set_bits(const u8* p, int bytes) {
+  s64 bits = 0;
+  for (int i = 0; i < bytes; ++i) bits += std::popcount(p[i]);
+  return bits;
 }
 
 // Fills the slots of a fresh table from the file; pages that hold no bit stay absent.
@@ -96,7 +96,9 @@ int read_pages_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) REQUIRES(
                length, file->fname, rc);
       return -EIO;
     }
-    if (!all_zero(spare.get(), length)) b->pages[i] = spare.release();
+    const s64 bits = set_bits(spare.get(), length);
+    if (bits != 0) b->pages[i] = spare.release();
+    b->copied.fetch_add(bits);
   }
   return 0;
 }
@@ -105,6 +107,7 @@ int load_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) REQUIRES(b->loc
   free_pages_locked(b);
   b->nbits = size_bytes * 8;
   b->npages = pages_for(b->nbits);
+  b->copied.store(0);
   b->pages = alloc_table(b->npages);
   if (b->pages == nullptr) {
     zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_cowbmp_load");
@@ -128,6 +131,7 @@ int zorv_cowbmp_init(zorv_cowbmp* b, u64 nbits) {
   b->nbits = nbits;
   b->npages = pages_for(nbits);
   b->pages = table;
+  b->copied.store(0);
   return 0;
 }
 
@@ -206,7 +210,7 @@ chunk_state zorv_cowbmp_state(zorv_cowbmp* b, s32 bit) {
 
 int zorv_cowbmp_set_bit(zorv_cowbmp* b, s32 bit, gfp_t flags, zorv_file* file) {
   return with_page(b, bit, flags, __func__,
-                   [bit, file](u8* page) { return set_in_page(page, bit, file); });
+                   [=](u8* page) { return set_in_page(b, page, bit, file); });
 }
 
 int zorv_cowbmp_begin_copy(zorv_cowbmp* b, s32 bit, gfp_t flags) {

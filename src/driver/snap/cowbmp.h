@@ -11,6 +11,8 @@
 // without that mark says that the disk may be overwritten.
 #pragma once
 
+#include <atomic>
+
 #include "driver/core/lock.h"
 #include "driver/core/types.h"
 #include "driver/util/file.h"
@@ -23,6 +25,9 @@ struct zorv_cowbmp {
   s32 npages GUARDED_BY(lock) = 0;
   // A slot is null (32768 clear bits) or 4096 bytes of bits and 4096 bytes of marks.
   u8** pages GUARDED_BY(lock) = nullptr;
+  // Set bits; read without the lock. What it was stays when the bitmap is destroyed; -1 before the
+  // first bitmap.
+  std::atomic<s64> copied{-1};
 };
 
 [[nodiscard]] int zorv_cowbmp_init(zorv_cowbmp* b, u64 nbits);  // 0 | -ENOMEM
