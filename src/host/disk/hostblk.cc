@@ -5,6 +5,9 @@
 // The host lets one holder have a device for itself: a mounted file system, a volume manager, swap,
 // or us. Where another has it, the device is brought in all the same and says so, because the
 // refusal, and its reason, are the driver's to give.
+//
+// A device may take its time over being opened and closed: nobody but who asks for that device
+// waits.
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -13,6 +16,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -45,23 +49,32 @@ struct layer_claim {
   kernel::file_claim claim;
 };
 
+enum class presence {
+  coming,  // whoever brings it in works on it alone
+  here,
+  leaving,  // nobody opens it any more; whoever closes it works on it alone
+};
+
 struct host_disk {
+  presence is = presence::coming;  // under the table's lock
   std::string path;
   devt dev = 0;
   int fd = -1;
   bool read_only = false;
   bool shared = false;  // somebody else holds it
-  s32 openers = 0;
+  s32 openers = 0;      // under the table's lock
   bool added = false;
   std::vector<std::shared_ptr<layer_claim>> layers;
   std::unique_ptr<file_engine> engine;
   gendisk* disk = nullptr;
 
-  ~host_disk();
+  void close();
 };
 
+// Held for a look or a change in memory only.
 struct host_table {
   std::mutex lock;
+  std::condition_variable settled;  // one has come or gone
   std::map<devt, std::unique_ptr<host_disk>> disks;
   std::map<std::pair<u64, u64>, std::weak_ptr<layer_claim>> layers;  // by file_id
 };
@@ -71,39 +84,56 @@ host_table& table() {
   return t;
 }
 
-// The disk behind an opened device, null when it went away between the look-up and the opening.
-host_disk* find_locked(const gendisk* disk, devt dev) {
-  const auto at = table().disks.find(dev);
-  return at != table().disks.end() && at->second->disk == disk ? at->second.get() : nullptr;
+// One that is leaving goes.
+void let_go(host_disk* h) {
+  h->close();
+  {
+    const std::lock_guard guard(table().lock);
+    table().disks.erase(h->dev);
+  }
+  table().settled.notify_all();
 }
 
-host_disk* find_locked(const block_device* bdev) {
-  return find_locked(bdev->bd_disk, bdev->bd_dev);
+// The disk of that number when it is neither coming nor leaving, or null.
+host_disk* wait_for(devt dev, std::unique_lock<std::mutex>& guard) {
+  host_disk* found = nullptr;
+  table().settled.wait(guard, [dev, &found] {
+    const auto at = table().disks.find(dev);
+    found = at != table().disks.end() ? at->second.get() : nullptr;
+    return found == nullptr || found->is == presence::here;
+  });
+  return found;
 }
 
 int host_open(block_device* bdev, fmode_t mode) {
-  const std::lock_guard guard(table().lock);
-  host_disk* h = find_locked(bdev);
-  if (h == nullptr) return -ENXIO;
-  if ((mode & kernel::FMODE_WRITE) != 0 && h->read_only) {
-    if (h->openers == 0) table().disks.erase(h->dev);
-    return -EROFS;
+  std::unique_lock guard(table().lock);
+  host_disk* h = wait_for(bdev->bd_dev, guard);
+  // It may have gone away between the look-up and the opening, and another have come.
+  if (h == nullptr || h->disk != bdev->bd_disk) return -ENXIO;
+  if ((mode & kernel::FMODE_WRITE) == 0 || !h->read_only) {
+    ++h->openers;
+    return 0;
   }
-  ++h->openers;
-  return 0;
+  if (h->openers != 0) return -EROFS;
+  h->is = presence::leaving;
+  guard.unlock();
+  let_go(h);
+  return -EROFS;
 }
+
+// While somebody has the device open, it stays.
+host_disk* opened(const gendisk* disk) { return static_cast<host_disk*>(disk->private_data); }
+host_disk* opened(const block_device* bdev) { return opened(bdev->bd_disk); }
 
 int host_release(gendisk* disk, fmode_t) {
-  const std::lock_guard guard(table().lock);
-  host_disk* h = find_locked(disk, kernel::mkdev(disk->major, disk->first_minor));
-  if (h != nullptr && --h->openers == 0) table().disks.erase(h->dev);
+  host_disk* h = opened(disk);
+  {
+    const std::lock_guard guard(table().lock);
+    if (--h->openers != 0) return 0;
+    h->is = presence::leaving;
+  }
+  let_go(h);
   return 0;
-}
-
-// While somebody has the device open, its entry stays.
-host_disk* opened(const block_device* bdev) {
-  const std::lock_guard guard(table().lock);
-  return find_locked(bdev);
 }
 
 int host_result(int rc) { return rc == 0 ? 0 : -errno; }
@@ -127,7 +157,6 @@ int set_value(int fd, u32 command, u64 argument) {
 // also change contents (discard, zero out) behind the back of the bitmaps.
 int host_ioctl(block_device* bdev, fmode_t, u32 command, u64 argument) {
   const host_disk* h = opened(bdev);
-  if (h == nullptr) return -ENXIO;
   switch (command) {
     case BLKROSET:
       return set_value<int>(h->fd, command, argument);
@@ -151,14 +180,10 @@ int host_ioctl(block_device* bdev, fmode_t, u32 command, u64 argument) {
   }
 }
 
-int host_flush_cache(block_device* bdev) {
-  host_disk* h = opened(bdev);
-  return h == nullptr ? -ENXIO : h->engine->sync();
-}
+int host_flush_cache(block_device* bdev) { return opened(bdev)->engine->sync(); }
 
 int host_invalidate(block_device* bdev) {
-  const host_disk* h = opened(bdev);
-  return h == nullptr ? -ENXIO : -::posix_fadvise(h->fd, 0, 0, POSIX_FADV_DONTNEED);
+  return -::posix_fadvise(opened(bdev)->fd, 0, 0, POSIX_FADV_DONTNEED);
 }
 
 // Whether a file system on the device is mounted where this process can see it.
@@ -193,7 +218,7 @@ const kernel::block_device_operations host_bdops = {
     .identity = host_identity,
 };
 
-host_disk::~host_disk() {
+void host_disk::close() {
   if (added) kernel::del_gendisk(disk);
   if (disk != nullptr) {
     if (disk->queue != nullptr) kernel::blk_cleanup_queue(disk->queue);
@@ -268,6 +293,7 @@ void take_limits(int fd, kernel::request_queue* q) {
 
 // What two of our disks have in common they share as partitions and volumes do, or one of them is
 // the other by another name and its writes would pass the other's filter.
+//   locks    the table's
 //   returns  "" | whose the layer is
 std::string take_layer(host_disk* h, const layer& l) {
   std::weak_ptr<layer_claim>& known = table().layers[{l.id.dev, l.id.ino}];
@@ -287,11 +313,14 @@ std::string take_layer(host_disk* h, const layer& l) {
 // Whoever works on the device without having it alone.
 std::string other_user(host_disk* h) {
   if (h->shared) return "an exclusive holder";
-  std::erase_if(table().layers, [](const auto& known) { return known.second.expired(); });
   std::vector<layer> layers = layers_below(h->dev);
   layers.push_back({device_as_file(h->dev), h->path});
-  for (const layer& l : layers) {
-    if (std::string who = take_layer(h, l); !who.empty()) return who;
+  {
+    const std::lock_guard guard(table().lock);
+    std::erase_if(table().layers, [](const auto& known) { return known.second.expired(); });
+    for (const layer& l : layers) {
+      if (std::string who = take_layer(h, l); !who.empty()) return who;
+    }
   }
   return writer_elsewhere(h->fd, h->path);
 }
@@ -326,30 +355,45 @@ int add_host_disk(host_disk* h) {
   return 0;
 }
 
-bool bring_in(devt dev) {
-  auto h = std::make_unique<host_disk>();
-  h->dev = dev;
-  h->path = node_of(dev);
+bool bring_in(host_disk* h) try {
+  h->path = node_of(h->dev);
   if (h->path.empty()) return false;
-  int rc = open_node(h.get());
-  if (rc == 0 && !is_device(h->fd, dev)) rc = -ENXIO;
-  if (rc == 0) rc = add_host_disk(h.get());
-  if (rc != 0) {
-    kernel::printk("<3>zorvd: %s cannot be used: %s\n", h->path.c_str(), std::strerror(-rc));
-    return false;
-  }
-  table().disks.emplace(dev, std::move(h));
-  return true;
+  int rc = open_node(h);
+  if (rc == 0 && !is_device(h->fd, h->dev)) rc = -ENXIO;
+  if (rc == 0) rc = add_host_disk(h);
+  if (rc == 0) return true;
+  kernel::printk("<3>zorvd: %s cannot be used: %s\n", h->path.c_str(), std::strerror(-rc));
+  return false;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+// A place in the table, taken; null when the disk is there already or memory is short.
+host_disk* take_place(devt dev, bool* there) try {
+  auto fresh = std::make_unique<host_disk>();
+  fresh->dev = dev;
+  std::unique_lock guard(table().lock);
+  *there = wait_for(dev, guard) != nullptr;
+  return *there ? nullptr : table().disks.emplace(dev, std::move(fresh)).first->second.get();
+} catch (const std::bad_alloc&) {
+  return nullptr;
 }
 
 bool probe(devt dev) {
-  const std::lock_guard guard(table().lock);
-  if (table().disks.count(dev) != 0) return true;
-  try {
-    return bring_in(dev);
-  } catch (const std::bad_alloc&) {
-    return false;
+  bool there = false;
+  host_disk* h = take_place(dev, &there);
+  if (h == nullptr) return there;
+  const bool usable = bring_in(h);
+  {
+    const std::lock_guard guard(table().lock);
+    h->is = usable ? presence::here : presence::leaving;
   }
+  if (usable) {
+    table().settled.notify_all();
+  } else {
+    let_go(h);
+  }
+  return usable;
 }
 
 }  // namespace

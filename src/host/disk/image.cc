@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Image files as disks. An image belongs to one daemon at a time: a lock over the whole file, of
 // the kind that virtual machine monitors respect too, is held from attach to detach.
+//
+// A file may take its time over being opened, looked at and closed; meanwhile its name and minor
+// are taken, and nobody else waits.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,7 +38,15 @@ namespace {
 
 constexpr std::size_t max_name_bytes = 127;
 
+// Under the table's lock.
+enum class presence {
+  coming,   // whoever attaches it works on it alone; name, path and minor do not change
+  here,     // found and listed
+  leaving,  // whoever detaches it works on it alone
+};
+
 struct image {
+  presence is = presence::coming;
   attached_disk info{};
   std::string node;  // "/dev/image/NAME"
   int fd = -1;
@@ -46,11 +57,11 @@ struct image {
   gendisk* disk = nullptr;
   std::atomic<s32> openers{0};  // -1: being detached, nobody opens it any more
 
-  ~image();
+  void close();
 };
 
 struct image_table {
-  std::mutex lock;  // held across attach and detach
+  std::mutex lock;  // held for a look or a change in memory only
   bool registered = false;
   std::vector<std::unique_ptr<image>> images;
 };
@@ -125,7 +136,7 @@ const kernel::block_device_operations image_bdops = {
     .identity = image_identity,
 };
 
-image::~image() {
+void image::close() {
   if (added) {
     zorv_unlink(node.c_str());
     kernel::del_gendisk(disk);
@@ -235,24 +246,14 @@ int add_image_disk(image* i, std::string* error) {
   return 0;
 }
 
-int attach_locked(const std::string& path, const std::string& name, access mode, std::string* error,
-                  std::string* used_name) {
+// Takes a name and a minor for it.
+//   locks    the table's
+int take_place_locked(std::unique_ptr<image> i, std::string* error) {
   image_table& t = table();
   if (!t.registered) {
     const int rc = kernel::register_blkdev(image_major, "image");
     if (rc != 0) return fail(error, rc, "The images' device major is taken.");
     t.registered = true;
-  }
-  const std::unique_ptr<char, decltype(&::free)> full(::realpath(path.c_str(), nullptr), ::free);
-  if (full == nullptr) return fail(error, -errno, path + ": " + errno_text(errno));
-  auto i = std::make_unique<image>();
-  i->info.path = full.get();
-  i->info.name = name.empty() ? default_name(i->info.path) : name;
-  i->info.read_only = mode == access::read_only;
-  if (!good_name(i->info.name)) {
-    return fail(error, -EINVAL,
-                "'" + i->info.name + "' is no good name for a disk: 1 to 127 bytes, no space, " +
-                    "no '/'.");
   }
   for (const auto& other : t.images) {
     if (other->info.name == i->info.name) {
@@ -261,13 +262,55 @@ int attach_locked(const std::string& path, const std::string& name, access mode,
           "A disk named " + i->info.name + " is attached already (" + other->info.path + ").");
     }
   }
-  i->node = "/dev/image/" + i->info.name;
   i->minor = lowest_free_minor();
-  if (const int rc = take_file(i.get(), error); rc != 0) return rc;
-  if (const int rc = add_image_disk(i.get(), error); rc != 0) return rc;
-  if (used_name != nullptr) *used_name = i->info.name;
   t.images.push_back(std::move(i));
   return 0;
+}
+
+void set_presence(image* i, presence is) {
+  const std::lock_guard guard(table().lock);
+  i->is = is;
+}
+
+// One that is coming or leaving goes.
+void let_go(image* i) {
+  i->close();
+  const std::lock_guard guard(table().lock);
+  std::erase_if(table().images, [i](const auto& other) { return other.get() == i; });
+}
+
+//   name     empty: the file's
+//   returns  the image in its place | null, and the code
+image* take_place(const std::string& path, const std::string& name, access mode, int* rc,
+                  std::string* error) {
+  const std::unique_ptr<char, decltype(&::free)> full(::realpath(path.c_str(), nullptr), ::free);
+  if (full == nullptr) {
+    *rc = fail(error, -errno, path + ": " + errno_text(errno));
+    return nullptr;
+  }
+  auto fresh = std::make_unique<image>();
+  fresh->info.path = full.get();
+  fresh->info.name = name.empty() ? default_name(fresh->info.path) : name;
+  fresh->info.read_only = mode == access::read_only;
+  fresh->node = "/dev/image/" + fresh->info.name;
+  if (!good_name(fresh->info.name)) {
+    *rc = fail(error, -EINVAL,
+               "'" + fresh->info.name + "' is no good name for a disk: 1 to 127 bytes, no space, " +
+                   "no '/'.");
+    return nullptr;
+  }
+  image* i = fresh.get();
+  const std::lock_guard guard(table().lock);
+  *rc = take_place_locked(std::move(fresh), error);
+  return *rc == 0 ? i : nullptr;
+}
+
+int fill_place(image* i, std::string* used_name, std::string* error) try {
+  if (used_name != nullptr) *used_name = i->info.name;
+  const int rc = take_file(i, error);
+  return rc != 0 ? rc : add_image_disk(i, error);
+} catch (const std::bad_alloc&) {
+  return -ENOMEM;
 }
 
 bool claim_for_detach(image* i) {
@@ -275,28 +318,46 @@ bool claim_for_detach(image* i) {
   return i->openers.compare_exchange_strong(free, -1, std::memory_order_acq_rel);
 }
 
+// The first that is here, fits and is not open, leaving from now on; or null.
+//   open  set when one fits but is open
+template <class Fits>
+image* begin_detach(Fits fits, bool* open) {
+  const std::lock_guard guard(table().lock);
+  for (const auto& i : table().images) {
+    if (i->is != presence::here || !fits(*i)) continue;
+    if (claim_for_detach(i.get())) {
+      i->is = presence::leaving;
+      return i.get();
+    }
+    *open = true;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 int image_attach(const std::string& path, const std::string& name, access mode, std::string* error,
-                 std::string* used_name) {
-  const std::lock_guard guard(table().lock);
-  try {
-    return attach_locked(path, name, mode, error, used_name);
-  } catch (const std::bad_alloc&) {
-    return -ENOMEM;
+                 std::string* used_name) try {
+  int rc = 0;
+  image* i = take_place(path, name, mode, &rc, error);
+  if (i == nullptr) return rc;
+  rc = fill_place(i, used_name, error);
+  if (rc != 0) {
+    let_go(i);
+    return rc;
   }
+  set_presence(i, presence::here);
+  return 0;
+} catch (const std::bad_alloc&) {
+  return -ENOMEM;
 }
 
 int image_detach(const std::string& name, std::string* error) {
-  image_table& t = table();
-  const std::lock_guard guard(t.lock);
-  const auto at = std::find_if(t.images.begin(), t.images.end(),
-                               [&](const auto& i) { return i->info.name == name; });
-  if (at == t.images.end()) return fail(error, -ENOENT, "No disk named " + name + " is attached.");
-  if (!claim_for_detach(at->get())) {
-    return fail(error, -EBUSY, name + " is in use by a node or a client.");
-  }
-  t.images.erase(at);
+  bool open = false;
+  image* i = begin_detach([&name](const image& one) { return one.info.name == name; }, &open);
+  if (open) return fail(error, -EBUSY, name + " is in use by a node or a client.");
+  if (i == nullptr) return fail(error, -ENOENT, "No disk named " + name + " is attached.");
+  let_go(i);
   return 0;
 }
 
@@ -305,6 +366,7 @@ std::vector<attached_disk> image_list() {
   const std::lock_guard guard(t.lock);
   std::vector<attached_disk> list;
   for (const auto& i : t.images) {
+    if (i->is != presence::here) continue;
     list.push_back(i->info);
     list.back().openers = i->openers.load(std::memory_order_relaxed);
   }
@@ -313,8 +375,9 @@ std::vector<attached_disk> image_list() {
 
 void image_detach_all() {
   image_table& t = table();
+  bool open = false;
+  while (image* i = begin_detach([](const image&) { return true; }, &open)) let_go(i);
   const std::lock_guard guard(t.lock);
-  std::erase_if(t.images, [](const auto& i) { return claim_for_detach(i.get()); });
   if (t.images.empty() && t.registered) {
     kernel::unregister_blkdev(image_major, "image");
     t.registered = false;
