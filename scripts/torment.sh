@@ -526,6 +526,40 @@ slow_neighbour() {
   rules
   wait %2 %3 %4 %5 %6 %7 2>/dev/null || true
 }
+stuck_image() {
+  clean_disk
+  image stuck 16M
+  image other 16M
+  rules "hold stuck.img"
+  z --limit 0 attach "$PWD/stuck.img" >/dev/null &
+  sleep 0.3
+  within 2 z attach "$PWD/other.img" >/dev/null
+  within 2 z detach other >/dev/null
+  within 2 z disks | grep -q disk
+  rules
+  wait $!
+  z detach stuck >/dev/null
+}
+stuck_end() {
+  clean_disk
+  for why in "asked to end" "takes too long"; do
+    io data write:1048576:65536:2
+    rules "hold zorv0.incr"
+    z --limit 0 bmp save data incr >/dev/null 2>&1 &
+    sleep 0.3
+    if [ "$why" = "asked to end" ]; then # a second time, before its limit
+      kill "${daemons[run]}"
+      sleep 2.2
+    fi
+    within 4 refused end run
+    grep -q "$why.*ended while" run.log || fail "it does not say what it waited for"
+    rules
+    serve run --disk "$PWD/disk.img,name=disk" --stop-limit 1
+    filter disk data
+    changed data 1048576
+    z bmp clear data incr >/dev/null
+  done
+}
 busy_folder() {
   clean_disk
   image other 16M
@@ -607,6 +641,8 @@ unread_answer||a control client that does not read holds up the end for seconds 
 abandoned_test||a self-test ends with its client
 stopped_daemon||zorvctl does not wait for ever for a daemon that does not answer
 slow_neighbour||a disk with slow syncs holds up no other disk
+stuck_image||an image that hangs when it is attached holds up no other disk
+stuck_end||an end that hangs in a file is cut short in time or by a second signal, and loses nothing
 busy_folder||a folder with slow syncs holds up no other node's commands
 hang_up||SIGHUP saves and ends, SIGUSR1 does nothing
 files_of_deleted||what is deleted with a node is said, and nothing else goes

@@ -20,6 +20,7 @@
 #include "driver/core/module.h"
 #include "host/control/server.h"
 #include "host/disk/disk.h"
+#include "host/end_watch.h"
 #include "host/fs_stack.h"
 #include "host/log.h"
 #include "host/nbd/server.h"
@@ -174,7 +175,8 @@ class services {
  public:
   bool start(const daemon_options& options);
   // 0, or the error of the step that could not be completed.
-  [[nodiscard]] int stop();
+  //   watch  is told of each step; null when none of it has served anybody yet
+  [[nodiscard]] int stop(end_watch* watch);
 
  private:
   bool loaded_ = false;
@@ -204,12 +206,18 @@ bool services::start(const daemon_options& options) {
   return true;
 }
 
-int services::stop() {
+int services::stop(end_watch* watch) {
+  const auto step = [watch](const char* what) {
+    if (watch != nullptr) watch->step(what);
+  };
   control_.announce_stop();
+  step("closing NBD connections");
   nbd_.stop();
+  step("ending commands");
   control_.stop();
   int rc = 0;
   if (loaded_) {
+    step("saving and removing nodes");
     if (kernel::module_refcount() != 0) host_log(log_level::error, "a node is still open");
     rc = zorv_cleanup();
     watch_fs_stack(nullptr);
@@ -220,6 +228,7 @@ int services::stop() {
                                    std::to_string(notes) + ", noted in the state folder");
     if (rc == 0) rc = -EIO;
   }
+  step("detaching disks");
   image_detach_all();
   for (const attached_disk& disk : image_list()) {
     host_log(log_level::error, "/dev/image/" + disk.name + " is still open");
@@ -245,17 +254,19 @@ int serve(const daemon_options& given, const sigset_t& signals) {
   raise_file_limit();
   if (!open_state_dir(options.state_dir)) return 1;
   services all;
-  const bool serving = all.start(options);
-  if (serving) {
-    host_log(log_level::info, "serving " + options.run_dir);
-    int signal = 0;
-    while (sigwait(&signals, &signal) != 0) {
-    }
-    host_log(log_level::info, std::string("SIG") + ::sigabbrev_np(signal) + ": stopping");
+  if (!all.start(options)) {
+    (void)all.stop(nullptr);
+    return 1;
   }
-  const int rc = all.stop();
-  if (serving && rc == 0) host_log(log_level::info, "stopped");
-  return serving && rc == 0 ? 0 : 1;
+  host_log(log_level::info, "serving " + options.run_dir);
+  int signal = 0;
+  while (sigwait(&signals, &signal) != 0) {
+  }
+  host_log(log_level::info, std::string("SIG") + ::sigabbrev_np(signal) + ": stopping");
+  end_watch watch(signals, std::chrono::seconds(options.stop_limit_s));
+  const int rc = all.stop(&watch);
+  if (rc == 0) host_log(log_level::info, "stopped");
+  return rc == 0 ? 0 : 1;
 }
 
 }  // namespace

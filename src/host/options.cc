@@ -75,6 +75,11 @@ parse_result parse_options(int argc, const char* const* argv, daemon_options* ou
   app.add_option("--state-dir", out->state_dir, "directory of what must outlive a reboot")
       ->type_name("DIR")
       ->capture_default_str();
+  app.add_option("--stop-limit", out->stop_limit_s,
+                 "seconds after which an end that hangs in a file or a disk is cut short")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1U, 1000000U))
+      ->capture_default_str();
   std::vector<std::string> disks;
   app.add_option("--disk", disks, "attach an image file as /dev/image/NAME; may be repeated")
       ->type_name("IMAGE[,name=N][,read-only]")

@@ -16,7 +16,8 @@ struct disk_option {
 
 struct daemon_options {
   std::string run_dir;
-  std::string state_dir;  // empty: none could be chosen
+  std::string state_dir;        // empty: none could be chosen
+  unsigned stop_limit_s = 240;  // of the daemon's end, after which it ends as it is
   std::vector<disk_option> disks;
   std::vector<std::pair<std::string, std::string>> parameters;  // name, value
 };

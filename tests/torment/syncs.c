@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Preloaded into a zorvd: syncs of named files fail or take their time, as a file of rules says.
+// Preloaded into a zorvd: syncs and opens of named files fail or take their time, as a file of
+// rules says.
 //
-//   ZORV_SYNCS names that file. It is read at each sync; one rule per line:
+//   ZORV_SYNCS names that file. It is read at each sync or open; one rule per line:
 //     fail PART ERRNO [N]      syncs of a file with PART in its path fail; or the N-th from now on
 //     slow PART MILLISECONDS   they are that much later
+//     hold PART                opens and syncs hang while the rule stands
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -26,15 +30,35 @@ static int count_for(FILE* rules) {
   return ++count;
 }
 
+static FILE* open_rules(void) {
+  const char* rules = getenv("ZORV_SYNCS");
+  return rules == NULL ? NULL : fopen(rules, "re");
+}
+
+static void wait_while_held(const char* path) {
+  for (int held = 1; held;) {
+    FILE* in = open_rules();
+    char line[512];
+    held = 0;
+    while (in != NULL && !held && fgets(line, sizeof line, in) != NULL) {
+      char part[256];
+      held = sscanf(line, "hold %255s", part) == 1 && strstr(path, part) != NULL;
+    }
+    if (in != NULL) fclose(in);
+    const struct timespec moment = {0, 50000000L};
+    if (held) nanosleep(&moment, NULL);
+  }
+}
+
 // 0, or the errno to fail with.
 static int rule_for(int fd) {
-  const char* rules = getenv("ZORV_SYNCS");
-  FILE* in = rules == NULL ? NULL : fopen(rules, "re");
   char link[64], path[4096], line[512];
-  if (in == NULL) return 0;
   snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
   ssize_t length = readlink(link, path, sizeof path - 1);
   path[length < 0 ? 0 : length] = '\0';
+  wait_while_held(path);
+  FILE* in = open_rules();
+  if (in == NULL) return 0;
   int error = 0;
   while (error == 0 && fgets(line, sizeof line, in) != NULL) {
     char verb[8], part[256];
@@ -59,3 +83,13 @@ static int synced(int fd, const char* name) {
 
 int fsync(int fd) { return synced(fd, "fsync"); }
 int fdatasync(int fd) { return synced(fd, "fdatasync"); }
+
+int open(const char* path, int flags, ...) {
+  int (*next)(const char*, int, ...) = (int (*)(const char*, int, ...))dlsym(RTLD_NEXT, "open");
+  va_list args;
+  va_start(args, flags);
+  const unsigned mode = va_arg(args, unsigned);  // nonsense where there is none, and unused then
+  va_end(args);
+  wait_while_held(path);
+  return next(path, flags, mode);
+}
