@@ -10,85 +10,43 @@ using namespace zorv_test;
 
 namespace {
 
-using texts = std::vector<std::pair<std::string, std::string>>;
-
 struct proc_test : driver_test {
   memory_disk disk{"p0", 1000000000};
 
-  // Name and text of every entry of a directory, in its order; all of them must be 0444.
-  static texts show(const std::string& directory) {
-    std::vector<kernel::proc_listing> list;
-    EXPECT_EQ(kernel::proc_list(directory, &list), 0) << directory;
-    texts out;
-    for (const auto& e : list) {
-      EXPECT_EQ(e.mode, 0444U) << e.name;
-      out.emplace_back(e.name, proc(directory + "/" + e.name));
-    }
-    return out;
-  }
   static bool there(const std::string& path) {
     std::vector<kernel::proc_listing> list;
     return kernel::proc_list(path, &list) == 0;
   }
 };
 
-// A snap's record in a slot of the table and its directory, without the files of a real one.
-struct snap_record {
-  zorv_blkdev dev;
-
-  snap_record(u32 minor, zorv_blkdev* filter) {
-    dev.dev_type = ZORV_DEV_SNAP;
-    dev.minor = dev.s.snap_minor = minor;
-    dev.s.filter = filter;
-    dev.state = node_state::live;
-    EXPECT_EQ(zorv_proc_add_device(&dev), 0);
-    const table_write_guard guard;
-    zorv_blkdev_arr[minor] = &dev;
-    if (filter == nullptr) return;
-    rzwrite_guard link(&filter->f.snaps_lock);
-    filter->f.snaps.push_back(&dev.s.snap_link);
-  }
-  ~snap_record() {
-    zorv_proc_del_device(&dev);
-    dev.s.snap_link.unlink();
-    const table_write_guard guard;
-    zorv_blkdev_arr[dev.minor] = nullptr;
-  }
-};
-
-zorv_blkdev* record_of(u32 minor) {
-  const table_read_guard guard;
-  return zorv_blkdev_find(minor);
-}
-
 }  // namespace
 
 TEST_F(proc_test, a_filter_shows_every_field) {
   const u32 m = add_filter(disk.path(), {.minor = 3, .name = "data", .uuid = "U"});
   kernel::block_device* hdd = disk.bdev();
-  EXPECT_EQ(show("zorv/zorv3"),
-            (texts{{"dev_type", "filter\n"},
-                   {"minor", "3\n"},
-                   {"uuid", "U\n"},
-                   {"name", "data\n"},
-                   {"dev_name", "/dev/zorv/data\n"},
-                   {"started", "0\n"},
-                   {"use_cnt", "0\n"},
-                   {"hdd_major", std::to_string(kernel::major_of(hdd->bd_dev)) + "\n"},
-                   {"hdd_minor", std::to_string(kernel::minor_of(hdd->bd_dev)) + "\n"},
-                   {"hdd_name", disk.path() + "\n"},
-                   {"snap_minor", ""},
-                   {"extent_size", "65536\n"},
-                   {"extent_cnt", "15259\n"},
-                   {"dev_size", "1000000000\n"},
-                   {"bmp_dir", dir.path() + "\n"},
-                   {"incr_bmp_size", "1908\n"},
-                   {"incr_bmp_dirty", proc("zorv/zorv3/incr_bmp_dirty")},
-                   {"diff_bmp_size", "1908\n"},
-                   {"diff_bmp_dirty", proc("zorv/zorv3/diff_bmp_dirty")},
-                   {"bmp_trouble", ""},
-                   {"cowqueue_len", "0\n"},
-                   {"snaps", ""}}));
+  EXPECT_EQ(proc_texts("zorv/zorv3"),
+            (text_list{{"dev_type", "filter\n"},
+                       {"minor", "3\n"},
+                       {"uuid", "U\n"},
+                       {"name", "data\n"},
+                       {"dev_name", "/dev/zorv/data\n"},
+                       {"started", "0\n"},
+                       {"use_cnt", "0\n"},
+                       {"hdd_major", std::to_string(kernel::major_of(hdd->bd_dev)) + "\n"},
+                       {"hdd_minor", std::to_string(kernel::minor_of(hdd->bd_dev)) + "\n"},
+                       {"hdd_name", disk.path() + "\n"},
+                       {"snap_minor", ""},
+                       {"extent_size", "65536\n"},
+                       {"extent_cnt", "15259\n"},
+                       {"dev_size", "1000000000\n"},
+                       {"bmp_dir", dir.path() + "\n"},
+                       {"incr_bmp_size", "1908\n"},
+                       {"incr_bmp_dirty", proc("zorv/zorv3/incr_bmp_dirty")},
+                       {"diff_bmp_size", "1908\n"},
+                       {"diff_bmp_dirty", proc("zorv/zorv3/diff_bmp_dirty")},
+                       {"bmp_trouble", ""},
+                       {"cowqueue_len", "0\n"},
+                       {"snaps", ""}}));
   EXPECT_EQ(start(m), 0);
   {
     const client c(m);
@@ -96,56 +54,6 @@ TEST_F(proc_test, a_filter_shows_every_field) {
   }
   EXPECT_EQ(del(m), 0);
   EXPECT_FALSE(there("zorv/zorv3"));
-}
-
-TEST_F(proc_test, a_snap_shows_its_own_fields_and_its_filters) {
-  add_filter(disk.path());
-  zorv_blkdev* filter = record_of(0);
-  snap_record five(5, filter), seven(7, filter), lone(9, nullptr);
-  five.dev.started = five.dev.s.stop_pending = five.dev.s.del_pending = five.dev.s.snap_valid = 1;
-  five.dev.s.chunk_size = 4096;
-  five.dev.s.cow_bmp_size = 0xfffffff0U;
-  five.dev.s.cow_data_size = 1ULL << 40;
-  five.dev.s.cowbmp.copied = 3000000000;
-  copy_text_n(five.dev.s.cow_bmp_fname, ZORV_PATH_LEN, "/b");
-  copy_text_n(five.dev.s.cow_data_fname, ZORV_PATH_LEN, "/d");
-  EXPECT_EQ(proc("zorv/zorv0/snaps"), "5\n7\n");
-  EXPECT_EQ(proc("zorv/zorv0/snap_minor"), "5\n7\n");
-  EXPECT_EQ(show("zorv/zorv5"), (texts{{"dev_type", "snap\n"},
-                                       {"minor", "5\n"},
-                                       {"uuid", "\n"},
-                                       {"name", "\n"},
-                                       {"dev_name", "\n"},
-                                       {"started", "1\n"},
-                                       {"stop_pending", "1\n"},
-                                       {"del_pending", "1\n"},
-                                       {"use_cnt", "0\n"},
-                                       {"filter_minor", "0\n"},
-                                       {"hdd_major", proc("zorv/zorv0/hdd_major")},
-                                       {"hdd_minor", proc("zorv/zorv0/hdd_minor")},
-                                       {"hdd_name", disk.path() + "\n"},
-                                       {"chunk_size", "4096\n"},
-                                       {"cow_bmp_fname", "/b\n"},
-                                       {"cow_data_fname", "/d\n"},
-                                       {"cow_bmp_size", "-16\n"},
-                                       {"cow_data_size", "1099511627776\n"},
-                                       {"snap_valid", "1\n"},
-                                       {"copied_chunks", "3000000000\n"},
-                                       {"copied_bytes", "12288000000000\n"}}));
-  for (const char* entry : {"filter_minor", "hdd_major", "hdd_minor", "hdd_name", "copied_bytes"}) {
-    EXPECT_EQ(proc(std::string("zorv/zorv9/") + entry), "") << entry;
-  }
-  // A slot that emptied, or got a node of the other type, under a directory still there.
-  {
-    const table_write_guard guard;
-    zorv_blkdev_arr[9] = nullptr;
-  }
-  EXPECT_EQ(proc("zorv/zorv9/minor"), "");
-  {
-    const table_write_guard guard;
-    zorv_blkdev_arr[9] = filter;
-  }
-  EXPECT_EQ(proc("zorv/zorv9/snap_valid"), "");
 }
 
 TEST_F(proc_test, the_log_level_is_read_and_written) {
@@ -187,7 +95,7 @@ TEST_F(proc_test, the_log_level_is_read_and_written) {
 
 TEST_F(proc_test, a_directory_that_cannot_be_completed_is_not_there) {
   add_filter(disk.path());
-  zorv_blkdev* dev = record_of(0);
+  zorv_blkdev* dev = zorv_blkdev_arr[0];
   zorv_proc_del_device(dev);
   for (u64 nth = 1; nth <= 23; nth++) {
     kernel::fault_arm(kernel::fault_site::proc_create, nth, 1, ENOMEM);

@@ -76,20 +76,6 @@ TEST(sleeping_deathtest, is_a_bug_under_a_spin_lock_and_in_completion_context) {
       "BUG: bio_endio called");
 }
 
-// A hand-over between two tasks: a lost wake-up hangs it.
-TEST(wait_queue, no_wake_up_is_lost) {
-  wait_queue_head q;
-  std::atomic<int> turn{0};
-  in_threads(2, [&](unsigned me) {
-    for (int i = 0; i < 5000; ++i) {
-      wait_event(&q, [&] { return turn.load() % 2 == static_cast<int>(me); });
-      turn.fetch_add(1);
-      wake_up(&q);
-    }
-  });
-  EXPECT_EQ(turn.load(), 10000);
-}
-
 TEST(wait_queue, wakes_all_plain_waiters_and_as_many_exclusive_ones_as_asked) {
   wait_queue_head q;
   std::atomic<u32> sleeping{0}, woken_plain{0}, woken_exclusive{0};
@@ -150,21 +136,6 @@ TEST(clock, sleepers_notice_when_it_is_turned) {
   EXPECT_TRUE(timed_out.load());
   EXPECT_GE(jiffies() - before, 600001U);
   EXPECT_LT(jiffies() - before, 700000U);
-}
-
-TEST(clock, a_woken_sleeper_learns_what_is_left) {
-  set_current_state(TASK_UNINTERRUPTIBLE);
-  EXPECT_EQ(schedule_timeout(0), 0);
-  EXPECT_EQ(current()->state.load(), TASK_RUNNING);
-  wait_queue_head q;
-  std::atomic<bool> flag{false};
-  std::thread waker([&] {
-    flag.store(true);
-    wake_up(&q);
-  });
-  EXPECT_TRUE(wait_event_timeout(
-      &q, [&] { return flag.load(); }, 3600 * HZ));
-  waker.join();
 }
 
 TEST(time_compare, survives_the_wrap) {

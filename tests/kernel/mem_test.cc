@@ -72,22 +72,6 @@ TEST_F(pool_test, the_reserve_lasts_when_memory_does_not) {
   for (int i = 1; i < 4; ++i) mempool_free(pool, objects[i]);
 }
 
-// More takers than there are objects: a lost wake-up would leave one waiting for ever.
-TEST_F(pool_test, everybody_who_waits_is_served) {
-  fault_arm(fault_site::alloc, 1, -1, ENOMEM);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 6; ++t) {
-    threads.emplace_back([this] {
-      for (int i = 0; i < 500; ++i) {
-        void* a = mempool_alloc(pool, GFP_NOIO);
-        std::memset(a, i, 48);
-        mempool_free(pool, a);
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-}
-
 namespace {
 int tested_value;
 module_param tested_param("kernel_tests_value", &tested_value, 7, "for this test");

@@ -68,18 +68,6 @@ TEST_F(cowbmp_test, pages_come_with_their_first_bit_and_every_new_bit_is_in_the_
   EXPECT_EQ(set(70000), 0);
 }
 
-TEST_F(cowbmp_test, a_bit_beyond_the_bitmap_or_after_its_end_reads_as_set_and_is_not_written) {
-  open(100);
-  EXPECT_NE(test(100), 0);
-  EXPECT_NE(test(-1), 0);
-  EXPECT_EQ(set(100), -EINVAL);
-  EXPECT_EQ(zorv_cowbmp_destroy(&map), 0);
-  EXPECT_EQ(zorv_cowbmp_destroy(&map), 0);
-  EXPECT_EQ(test(5), -EINVAL);
-  EXPECT_TRUE(log.has("zorv_cowbmp_test_bit(): Uninitialized COW bitmap."));
-  EXPECT_EQ(set(5), -EINVAL);
-}
-
 TEST_F(cowbmp_test, load_takes_length_and_bits_from_the_file) {
   bytes content(5000);
   content[0] = 0x80, content[4999] = 0x01;

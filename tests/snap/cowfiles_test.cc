@@ -13,7 +13,6 @@ namespace {
 
 struct cowfiles_test : snap_test {
   cowfiles_test() : snap_test(2 * MiB) {}
-  bool valid(u32 snap) { return proc("zorv/zorv" + std::to_string(snap) + "/snap_valid") == "1\n"; }
   // A snap whose COW data file has another name; the bitmap file is its own.
   u32 snap_on(const std::string& data) {
     auto req = snap_request({});

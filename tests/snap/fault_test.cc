@@ -12,7 +12,6 @@ namespace {
 
 struct fault_test : snap_test {
   fault_test() : snap_test(2 * MiB) {}
-  bool valid(u32 snap) { return proc("zorv/zorv" + std::to_string(snap) + "/snap_valid") == "1\n"; }
   void expect_right_or_invalid(u32 snap, const bytes& want) {
     bytes out;
     const int rc = client(snap).read(0, disk_bytes, &out);

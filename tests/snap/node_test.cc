@@ -70,6 +70,37 @@ TEST_F(node_test, a_snap_that_cannot_be_is_refused_and_leaves_nothing) {
   EXPECT_EQ(add_snap(), 1U);
 }
 
+TEST_F(node_test, a_snap_shows_its_own_fields_and_its_filters) {
+  add_started_snap({.minor = 5, .name = "old", .uuid = "U", .files = dir / "s"});
+  EXPECT_EQ(client(filter).fill(0, 512, 1), 0);
+  const u32 newer = add_started_snap({.minor = 7});
+  EXPECT_EQ(stop(newer), 0);
+  EXPECT_EQ(proc("zorv/zorv0/snaps"), "5\n7\n");
+  EXPECT_EQ(proc("zorv/zorv0/snap_minor"), "5\n7\n");
+  EXPECT_EQ(proc("zorv/zorv7/stop_pending"), "1\n");
+  EXPECT_EQ(proc_texts("zorv/zorv5"), (text_list{{"dev_type", "snap\n"},
+                                                 {"minor", "5\n"},
+                                                 {"uuid", "U\n"},
+                                                 {"name", "old\n"},
+                                                 {"dev_name", "/dev/zorv/old\n"},
+                                                 {"started", "1\n"},
+                                                 {"stop_pending", "0\n"},
+                                                 {"del_pending", "0\n"},
+                                                 {"use_cnt", "0\n"},
+                                                 {"filter_minor", "0\n"},
+                                                 {"hdd_major", proc("zorv/zorv0/hdd_major")},
+                                                 {"hdd_minor", proc("zorv/zorv0/hdd_minor")},
+                                                 {"hdd_name", disk.path() + "\n"},
+                                                 {"chunk_size", "65536\n"},
+                                                 {"cow_bmp_fname", dir / "s.bmp" + "\n"},
+                                                 {"cow_data_fname", dir / "s.cow" + "\n"},
+                                                 {"cow_bmp_size", "16\n"},
+                                                 {"cow_data_size", "8388608\n"},
+                                                 {"snap_valid", "1\n"},
+                                                 {"copied_chunks", "1\n"},
+                                                 {"copied_bytes", "65536\n"}}));
+}
+
 TEST_F(node_test, chunks_grow_with_the_volume_until_their_numbers_fit) {
   struct {
     u64 size;

@@ -13,7 +13,6 @@ namespace {
 
 struct record_test : snap_test {
   record_test() : snap_test(2 * MiB) {}
-  bool valid(u32 snap) { return proc("zorv/zorv" + std::to_string(snap) + "/snap_valid") == "1\n"; }
   int write(u64 offset = MiB, u8 value = 9) { return client(filter).fill(offset, 4096, value); }
   // What a resume comes to; the snap is started afterwards.
   bool resumed(u32 snap) {

@@ -73,6 +73,9 @@ class snap_test : public driver_test {
     zorv_resume_snap_req req{minor, valid, stop_pending, del_pending};
     return command(ZORV_RESUME_SNAP, &req);
   }
+  static bool valid(u32 snap) {
+    return proc("zorv/zorv" + std::to_string(snap) + "/snap_valid") == "1\n";
+  }
   // Everything from level 2 on is logged.
   void log_detail() { EXPECT_EQ(kernel::proc_write("zorv/debug", "2"), 1); }
   // The lines that begin with cow_chunks' trace, without their task.

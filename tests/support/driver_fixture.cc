@@ -267,5 +267,15 @@ std::string driver_test::proc(const std::string& path) {
   EXPECT_EQ(kernel::proc_read(path, &out), 0) << path;
   return out;
 }
+driver_test::text_list driver_test::proc_texts(const std::string& directory) {
+  std::vector<kernel::proc_listing> list;
+  EXPECT_EQ(kernel::proc_list(directory, &list), 0) << directory;
+  text_list out;
+  for (const auto& e : list) {
+    EXPECT_EQ(e.mode, 0444U) << e.name;
+    out.emplace_back(e.name, proc(directory + "/" + e.name));
+  }
+  return out;
+}
 
 }  // namespace zorv_test

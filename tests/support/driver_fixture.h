@@ -146,6 +146,9 @@ class driver_test : public ::testing::Test {
 
   // A text below /proc, "zorv/zorv0/started".
   static std::string proc(const std::string& path);
+  // Name and text of every entry of a directory, in its order; all of them must be 0444.
+  using text_list = std::vector<std::pair<std::string, std::string>>;
+  static text_list proc_texts(const std::string& directory);
 
   // Loads a driver again after unload() with the same disks and files.
   void unload();
