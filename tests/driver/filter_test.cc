@@ -159,20 +159,3 @@ TEST_F(filter_test, failing_the_nth_call_of_creation_leaves_no_trace) {
   }
   EXPECT_EQ(add_filter(disk.path()), 0U);
 }
-
-TEST_F(filter_test, unload_takes_every_node_down_and_keeps_the_bitmaps) {
-  memory_disk other{"d1", 1 << 20};
-  const u32 m = add_started_filter(disk.path());
-  add_filter(other.path());
-  {
-    client c(m);
-    EXPECT_EQ(c.fill(0, 4096, 5), 0);
-  }
-  unload();
-  EXPECT_EQ(disk.bdev()->bd_openers.load(), 0);
-  EXPECT_TRUE(log.has("zorv_cleanup(): The driver is being unloaded."));
-  load();
-  add_filter(disk.path());
-  EXPECT_EQ(changed(0, ZORV_BMP_INCREMENTAL), std::vector<u32>{0});
-  unload();
-}

@@ -9,17 +9,12 @@ using nlohmann::json;
 
 namespace {
 
-struct ctl_bitmap : testing::Test {
-  temp_dir dir;
-  std::unique_ptr<daemon_process> d;
-
+struct ctl_bitmap : with_daemon {
   void SetUp() override {
     make_image(dir / "disk.img", 10 * 65536 + 512);
-    d = std::make_unique<daemon_process>(std::vector<std::string>{"--disk", dir / "disk.img"});
-    ASSERT_TRUE(d->serving()) << d->log();
-    d->must({"add-filter", "disk", "--extent-size", "64K", "--bmp-dir", dir.path()});
+    serve(dir / "disk.img");
+    add_filter("disk");
   }
-  void TearDown() override { EXPECT_EQ(d->end(SIGTERM), 0) << d->log(); }
 
   bytes incr() {
     d->must({"bmp", "get", "zorv0", "incr", "-o", dir / "now"});

@@ -10,20 +10,15 @@ using testing::HasSubstr;
 
 namespace {
 
-struct ctl_node : testing::Test {
-  temp_dir dir;
+struct ctl_node : with_daemon {
   std::string image = dir / "disk.img";
-  std::unique_ptr<daemon_process> d;
 
   void SetUp() override {
     make_image(image, 1000000);
-    d = std::make_unique<daemon_process>(std::vector<std::string>{"--disk", image + ",name=disk"});
-    ASSERT_TRUE(d->serving()) << d->log();
+    serve(image);
   }
-  void TearDown() override { EXPECT_EQ(d->end(SIGTERM), 0) << d->log(); }
   json add(const std::string& name, const std::string& device = "disk") {
-    return d->ctl_json(
-        {"add-filter", device, "--extent-size", "64K", "--bmp-dir", dir.path(), "--name", name});
+    return add_filter(device, {"--name", name});
   }
 };
 

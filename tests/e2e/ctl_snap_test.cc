@@ -14,23 +14,14 @@ using testing::HasSubstr;
 
 namespace {
 
-struct ctl_snap : testing::Test {
-  temp_dir dir;
-  std::unique_ptr<daemon_process> d;
-
+struct ctl_snap : with_daemon {
   void SetUp() override {
     make_image(dir / "disk.img", 8 << 20);
     ASSERT_EQ(::mkdir((dir / "cow").c_str(), 0700), 0);
   }
-  void TearDown() override {
-    if (d) EXPECT_EQ(d->end(SIGTERM), 0) << d->log();
-  }
   void serve() {
-    d = std::make_unique<daemon_process>(std::vector<std::string>{"--disk", dir / "disk.img"});
-    ASSERT_TRUE(d->serving()) << d->log();
-    d->must(
-        {"add-filter", "disk", "--extent-size", "64K", "--bmp-dir", dir.path(), "--name", "data"});
-    d->must({"start", "data"});
+    with_daemon::serve(dir / "disk.img");
+    add_started("disk", "data");
   }
   json add(const std::string& name) {
     std::vector<std::string> args = {"add-snap", "data",      "--chunk-size",

@@ -4,20 +4,16 @@
 
 namespace zorv_test {
 
-class nbd_clients : public ::testing::Test {
+class nbd_clients : public with_daemon {
  protected:
   static constexpr u64 image_bytes = 64U << 20;
 
   void SetUp() override {
     make_image(dir / "vm.raw", image_bytes);
-    daemon = std::make_unique<daemon_process>(std::vector<std::string>{"--disk", dir / "vm.raw"});
-    ASSERT_TRUE(daemon->serving()) << daemon->log();
-    daemon->must({"add-filter", "/dev/image/vm", "--extent-size", "64K", "--bmp-dir", dir.path(),
-                  "--name", "vm"});
-    for (const char* type : {"incr", "diff"}) daemon->must({"bmp", "clear", "vm", type});
-    daemon->must({"start", "vm"});
+    serve(dir / "vm.raw");
+    add_started("disk", "vm");
+    for (const char* type : {"incr", "diff"}) d->must({"bmp", "clear", "vm", type});
   }
-  void TearDown() override { EXPECT_EQ(daemon->end(SIGTERM), 0) << daemon->log(); }
 
   // What it prints; fails the test unless it succeeds.
   static std::string run(const std::vector<std::string>& argv) {
@@ -25,10 +21,7 @@ class nbd_clients : public ::testing::Test {
     EXPECT_EQ(r.status, 0) << argv[0] << ": " << r.err << r.out;
     return r.out;
   }
-  std::string uri() { return daemon->uri("vm"); }
-
-  temp_dir dir;
-  std::unique_ptr<daemon_process> daemon;
+  std::string uri() { return d->uri("vm"); }
 };
 
 TEST_F(nbd_clients, describe_and_map_the_export) {
@@ -39,12 +32,12 @@ TEST_F(nbd_clients, describe_and_map_the_export) {
   for (const char* can : {"can_multi_conn", "can_flush", "can_fua", "can_zero", "can_df"}) {
     EXPECT_EQ(e[can], true) << can;
   }
-  EXPECT_NE(run({"nbdinfo", "--list", daemon->uri("")}).find("export=\"vm\""), std::string::npos);
+  EXPECT_NE(run({"nbdinfo", "--list", d->uri("")}).find("export=\"vm\""), std::string::npos);
   const auto map = nlohmann::json::parse(run({"qemu-img", "map", "--output=json", uri()}));
   ASSERT_EQ(map.size(), 1U);
   EXPECT_EQ(map[0]["length"], image_bytes);
   EXPECT_EQ(map[0]["data"], true);
-  EXPECT_NE(run_program({"nbdinfo", daemon->uri("nobody")}).status, 0);
+  EXPECT_NE(run_program({"nbdinfo", d->uri("nobody")}).status, 0);
 }
 
 TEST_F(nbd_clients, every_kind_of_write_is_tracked_where_it_went) {
@@ -57,7 +50,7 @@ TEST_F(nbd_clients, every_kind_of_write_is_tracked_where_it_went) {
   }
   argv.push_back(uri());
   run(argv);
-  const auto shown = daemon->ctl_json({"bmp", "show", "vm", "incr"});
+  const auto shown = d->ctl_json({"bmp", "show", "vm", "incr"});
   std::vector<std::pair<u64, u64>> ranges;
   for (const auto& r : shown["ranges"]) ranges.emplace_back(r["offset"], r["length"]);
   const u64 k64 = 65536, m = 1 << 20;

@@ -107,16 +107,6 @@ TEST_F(nbd_test, another_node_under_the_number_is_not_the_export) {
   EXPECT_EQ(c.outcome(wire::opt_go, go_data("disk")), wire::rep_err_unknown);
 }
 
-TEST_F(nbd_test, the_disks_block_sizes_are_offered) {
-  offered[0].min_block_bytes = 4096;
-  offered[0].preferred_block_bytes = 65536;
-  raw_client c(options.socket_path);
-  c.greet();
-  const auto infos = c.haggle(wire::opt_info, go_data("disk"));
-  ASSERT_EQ(infos.size(), 3U);
-  EXPECT_EQ(infos[1].data, packed().be16(3).be32(4096).be32(65536).be32(32 * MiB));
-}
-
 TEST_F(driver_test, exports_have_the_block_sizes_of_their_disk) {
   zorv::memory_disk disk("disk", MiB);
   kernel::queue_limits& limits = disk.disk()->queue->limits;

@@ -97,6 +97,12 @@ TEST_F(nbd_test, exports_are_listed_described_and_one_filter_is_the_default) {
   EXPECT_EQ(i[2].data, packed().be16(1).text("disk"));
   EXPECT_EQ(i[3].data, packed().be16(2).text("a memory disk"));
 
+  offered[0].min_block_bytes = 4096;
+  offered[0].preferred_block_bytes = 65536;
+  EXPECT_EQ(c.haggle(wire::opt_info, go_data("disk"))[1].data,
+            packed().be16(3).be32(4096).be32(65536).be32(32 * MiB));
+  offered[0].min_block_bytes = 512;
+  offered[0].preferred_block_bytes = 4096;
   offered.push_back({"other", "", disk.dev(), disk_bytes, true, true});
   EXPECT_EQ(c.outcome(wire::opt_go, go_data("")), wire::rep_err_unknown);
   offered.back().default_candidate = false;

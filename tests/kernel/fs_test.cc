@@ -7,6 +7,7 @@
 #include <sys/sysmacros.h>
 
 #include <filesystem>
+#include <random>
 
 #include "kernel/fault.h"
 #include "kernel/fs_internal.h"
@@ -190,4 +191,71 @@ TEST(fs, writes_at_once_all_reach_the_file) {
     const bool kept = zorv_test::read_file(path)[0] == 0xcc;
     EXPECT_EQ(kept, (flags & FO_SYNC) != 0);
   }
+}
+
+TEST(power_cut, leaves_what_was_synced_of_a_file) {
+  const u32 seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  temp_dir dir;
+  const std::string path = dir / "file";
+  put_file(path, bytes(9000, 0x55));
+  const auto apply = [](bytes* to, u64 at, const bytes& data) {
+    to->resize(std::max<std::size_t>(to->size(), at + data.size()));
+    std::copy(data.begin(), data.end(), to->begin() + static_cast<long>(at));
+  };
+  for (int round = 0; round < 40; round++) {
+    bytes durable = zorv_test::read_file(path), now = durable;
+    fault_record_unsynced_begin();
+    {
+      open_file plain(path, FO_RDWR), synced(path, FO_RDWR | FO_SYNC);
+      for (int step = 0; step < 25; step++) {
+        const u32 what = random() % 8;
+        const u64 at = random() % 20000;
+        const bytes data(random() % 6000 + 1, static_cast<u8>(random()));
+        if (what == 0) {
+          EXPECT_EQ(vfs_fsync(plain.f), 0);
+          durable = now;
+        } else if (what == 1) {
+          open_file(path, FO_RDWR | FO_TRUNC);
+          now.clear();
+        } else {
+          (what < 4 ? synced : plain).write(at, data);
+          apply(&now, at, data);
+          if (what < 4) apply(&durable, at, data);
+        }
+      }
+      EXPECT_EQ(zorv_test::read_file(path), now);
+      fault_power_cut();
+    }
+    fault_record_unsynced_end();
+    ASSERT_EQ(zorv_test::read_file(path), durable) << "round " << round;
+  }
+}
+
+TEST(power_cut, leaves_the_names_that_their_directory_had) {
+  temp_dir dir;
+  put_file(dir / "old", bytes(5000, 1));
+  put_file(dir / "older", {2});
+  fault_record_unsynced_begin();
+  put_file(dir / "kept", {3});
+  EXPECT_EQ(remove_name(dir / "older"), 0);
+  fault_arm(fault_site::file_sync, 1, 1, EIO);
+  EXPECT_EQ(fs_sync_parent((dir / "kept").c_str()), -EIO);
+  EXPECT_EQ(fs_sync_parent((dir / "kept").c_str()), 0);
+  put_file(dir / "new", {4});
+  {
+    open_file f(dir / "new", FO_RDWR);
+    EXPECT_EQ(vfs_fsync(f.f), 0) << "the file is synced, its name is not";
+  }
+  EXPECT_EQ(remove_name(dir / "old"), 0);
+  put_file(dir / "old", {9});
+  fault_power_cut();
+  fault_record_unsynced_end();
+
+  EXPECT_FALSE(std::filesystem::exists(dir / "new"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "older"));
+  EXPECT_EQ(zorv_test::read_file(dir / "old"), bytes(5000, 1));
+  ASSERT_TRUE(std::filesystem::exists(dir / "kept"));
+  EXPECT_EQ(zorv_test::read_file(dir / "kept"), bytes{}) << "its contents were not synced";
 }

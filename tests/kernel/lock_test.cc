@@ -76,6 +76,20 @@ TEST(sleeping_deathtest, is_a_bug_under_a_spin_lock_and_in_completion_context) {
       "BUG: bio_endio called");
 }
 
+// A hand-over between two tasks: a lost wake-up hangs it.
+TEST(wait_queue, no_wake_up_is_lost) {
+  wait_queue_head q;
+  std::atomic<int> turn{0};
+  in_threads(2, [&](unsigned me) {
+    for (int i = 0; i < 5000; ++i) {
+      wait_event(&q, [&] { return turn.load() % 2 == static_cast<int>(me); });
+      turn.fetch_add(1);
+      wake_up(&q);
+    }
+  });
+  EXPECT_EQ(turn.load(), 10000);
+}
+
 TEST(wait_queue, wakes_all_plain_waiters_and_as_many_exclusive_ones_as_asked) {
   wait_queue_head q;
   std::atomic<u32> sleeping{0}, woken_plain{0}, woken_exclusive{0};

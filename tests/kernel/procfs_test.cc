@@ -9,18 +9,10 @@ using namespace kernel;
 
 namespace {
 
-std::string written;
-
 int show_name(char* page, char**, s64, int, int* eof, void* data) {
   const auto* e = static_cast<proc_dir_entry*>(data);
   *eof = 1;
   return std::snprintf(page, page_size, "%s/%s\n", e->parent->name.c_str(), e->name.c_str());
-}
-
-int take_text(file*, user_addr buffer, u64 count, void*) {
-  written.assign(count, '\0');
-  if (copy_from_user(written.data(), buffer, count + 1) == 0) return -EIO;  // beyond the text
-  return copy_from_user(written.data(), buffer, count) == 0 ? static_cast<int>(count) : -EFAULT;
 }
 
 proc_dir_entry* add(const char* name, u32 mode, proc_dir_entry* dir) {
@@ -28,7 +20,6 @@ proc_dir_entry* add(const char* name, u32 mode, proc_dir_entry* dir) {
   if (e == nullptr) return nullptr;
   e->data = e;
   e->read_proc = show_name;
-  e->write_proc = take_text;
   return e;
 }
 

@@ -117,6 +117,7 @@ TEST_F(pins_test, nodes_on_nodes_go_upper_first_and_one_in_use_keeps_only_itself
     EXPECT_EQ(other.bdev()->bd_openers.load(), 1);
   }
   EXPECT_EQ(zorv_cleanup(), 0);
+  EXPECT_TRUE(log.has("zorv_cleanup(): The driver is being unloaded."));
   EXPECT_EQ(other.bdev()->bd_openers.load(), 0);
   loaded = false;
 }

@@ -135,6 +135,24 @@ std::string daemon_process::must(std::vector<std::string> args) {
   return r.out;
 }
 
+void with_daemon::serve(const std::string& image) {
+  std::vector<std::string> args;
+  if (!image.empty()) args = {"--disk", image + ",name=disk"};
+  d = std::make_unique<daemon_process>(args, dir / "run");
+  ASSERT_TRUE(d->serving()) << d->log();
+}
+nlohmann::json with_daemon::add_filter(const std::string& disk, std::vector<std::string> more) {
+  more.insert(more.begin(), {"add-filter", disk, "--extent-size", "64K", "--bmp-dir", dir.path()});
+  return d->ctl_json(more);
+}
+void with_daemon::add_started(const std::string& disk, const std::string& name) {
+  add_filter(disk, {"--name", name});
+  d->must({"start", name});
+}
+void with_daemon::TearDown() {
+  if (d != nullptr && d->pid() > 0) EXPECT_EQ(d->end(SIGTERM), 0) << d->log();
+}
+
 void make_image(const std::string& path, u64 size_bytes) {
   write_file(path, {});
   EXPECT_EQ(::truncate(path.c_str(), static_cast<off_t>(size_bytes)), 0);

@@ -74,6 +74,20 @@ struct node_client : raw_client {
   }
 };
 
+// A test with a daemon in `dir`/run, which ends well.
+struct with_daemon : ::testing::Test {
+  // With the image as the disk "disk"; none without a path.
+  void serve(const std::string& image);
+  // `zorvctl add-filter` with its bitmap files in `dir`, and more arguments.
+  nlohmann::json add_filter(const std::string& disk, std::vector<std::string> more = {});
+  // The same under that name, and started.
+  void add_started(const std::string& disk, const std::string& name);
+  void TearDown() override;
+
+  temp_dir dir;
+  std::unique_ptr<daemon_process> d;
+};
+
 // A sparse file.
 void make_image(const std::string& path, u64 size_bytes);
 

@@ -66,7 +66,6 @@ struct memory_disk::entry_points {
   }
   static void unplug(request_queue* q) {
     auto* self = static_cast<memory_disk*>(q->queuedata);
-    self->unplugs_.fetch_add(1);
     for (bio* b = kernel::blk_take_plugged(q); b != nullptr;) {
       bio* next = b->bi_next;
       self->dispatch(b);

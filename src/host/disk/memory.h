@@ -67,7 +67,6 @@ class memory_disk {
   [[nodiscard]] kernel::u64 reads() const { return reads_.load(); }
   [[nodiscard]] kernel::u64 writes() const { return writes_.load(); }
   [[nodiscard]] kernel::u64 flushes() const { return flushes_.load(); }
-  [[nodiscard]] kernel::u64 unplugs() const { return unplugs_.load(); }
   void record(bool on);  // from now on every bio is remembered; starts with none
   [[nodiscard]] std::vector<request> recorded();
 
@@ -123,7 +122,7 @@ class memory_disk {
   std::atomic<bool> recording_{false};
   std::atomic<bool> mounted_{false};
   std::atomic<int> ioctl_result_{0};
-  std::atomic<kernel::u64> reads_{0}, writes_{0}, flushes_{0}, unplugs_{0};
+  std::atomic<kernel::u64> reads_{0}, writes_{0}, flushes_{0};
 
   std::mutex lock_;  // everything below; never held across bio_endio
   std::string identity_;
