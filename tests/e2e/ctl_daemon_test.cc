@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // zorvd as a service: how it starts, refuses to start, and ends.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "host/unix_socket.h"
 #include "support/daemon.h"
 #include "zorv/client.h"
 
 using namespace zorv_test;
-using zorv::unique_fd;
 
 namespace {
 
@@ -117,30 +114,6 @@ TEST_F(ctl_daemon, what_others_put_into_its_directory_stays) {
   write_file(d.control(), content);
   EXPECT_EQ(d.end(SIGTERM), 0);
   EXPECT_EQ(read_file(d.control()), content);
-}
-
-TEST_F(ctl_daemon, nobody_waits_for_a_log_that_nobody_reads) {
-  const std::string pipe = dir / "pipe";
-  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-  const unique_fd reader(::open(pipe.c_str(), O_RDWR | O_NONBLOCK));
-  daemon_process d({"zorv_debug=2"}, "", pipe);
-  ASSERT_TRUE(d.serving());
-  zorv_handle* z = zorv_open(d.control().c_str());
-  const auto say_much = [z] {
-    zorv_device_list_req req{.dev_type = ZORV_DEV_FILTER};
-    for (int i = 0; i < 8000; ++i) ASSERT_EQ(zorv_ioctl(z, ZORV_GET_DEVICE_LIST, &req), 0);
-  };
-  say_much();
-  std::string log;
-  EXPECT_TRUE(eventually([&] {
-    char text[4096];
-    const ssize_t n = ::read(reader.get(), text, sizeof text);
-    if (n > 0) log.append(text, static_cast<std::size_t>(n));
-    return log.find(" messages lost: ") != std::string::npos;
-  }));
-  say_much();
-  zorv_close(z);
-  EXPECT_EQ(d.end(SIGTERM), 0);
 }
 
 TEST_F(ctl_daemon, a_closed_log_is_no_disk) {

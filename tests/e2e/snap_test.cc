@@ -2,8 +2,6 @@
 // Snapshots as their users meet them: under readers, over a file system whose free space costs
 // nothing, with COW files that cannot be written.
 #include <gmock/gmock.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -112,46 +110,13 @@ TEST_F(snap_trouble, a_snap_is_not_stopped_under_its_reader) {
   EXPECT_TRUE(d->ctl_json({"list", "snap"}).empty());
 }
 
-// A file system that is too small for the copies, mounted for this test and gone with it; or,
-// where nothing can be mounted, a file size that the daemon may not exceed.
-class small_space {
- public:
-  explicit small_space(const temp_dir& dir) : at_(dir / "small") {
-    std::filesystem::create_directory(at_);
-    make_image(dir / "small.img", 3 * MiB);
-    const std::string image = dir / "small.img";
-    mounted_ =
-        run_program({"mke2fs", "-q", "-F", "-t", "ext4", "-O", "^has_journal", image}).status ==
-            0 &&
-        ::unshare(CLONE_NEWNS) == 0 &&
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-        run_program({"mount", "-o", "loop", image, at_}).status == 0;
-    std::printf("full by %s\n", mounted_ ? "a small ext4" : "RLIMIT_FSIZE");
-  }
-  ~small_space() {
-    if (mounted_) ::umount2(at_.c_str(), MNT_DETACH);
-  }
-  [[nodiscard]] const std::string& path() const { return at_; }
-  // From now on the copies of the last chunks do not fit.
-  void fill(pid_t daemon, u64 limit_bytes) const {
-    if (mounted_) return;
-    const rlimit limit{limit_bytes, limit_bytes};
-    EXPECT_EQ(::prlimit(daemon, RLIMIT_FSIZE, &limit, nullptr), 0);
-  }
-
- private:
-  const std::string at_;
-  bool mounted_ = false;
-};
-
-TEST_F(snap_trouble, a_full_cow_file_system_costs_the_snapshot_and_nothing_else) {
-  ASSERT_EQ(d->end(SIGTERM), 0);
-  const small_space small(dir);
-  serve(dir / "disk.raw");
+TEST_F(snap_trouble, a_cow_file_that_cannot_grow_costs_the_snapshot_and_nothing_else) {
   take_snap("old");
-  take_snap("full", small.path());
-  // With a limit to the file size, only the end of the last chunk is beyond it.
-  small.fill(d->pid(), disk_bytes - 4 * KiB);
+  take_snap("full");
+  // Only the end of the last chunk is beyond it.
+  const rlimit largest{disk_bytes - 4 * KiB, RLIM_INFINITY};
+  rlimit before{};
+  ASSERT_EQ(::prlimit(d->pid(), RLIMIT_FSIZE, &largest, &before), 0);
   overwrite(0, disk_bytes - 8 * KiB, 1);
   expect_invalid("full");
   expect_invalid("old");
@@ -160,6 +125,7 @@ TEST_F(snap_trouble, a_full_cow_file_system_costs_the_snapshot_and_nothing_else)
   EXPECT_TRUE(show("disk") == now);
   d->must({"del", "old"});
   d->must({"del", "full"});
+  ASSERT_EQ(::prlimit(d->pid(), RLIMIT_FSIZE, &before, nullptr), 0);
   take_snap("fresh");
   overwrite(0, MiB, 2);
   EXPECT_TRUE(show("fresh") == now);

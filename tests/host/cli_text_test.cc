@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/bitmap_file.h"
-#include "cli/ranges.h"
+#include "cli/cli.h"
 #include "cli/text.h"
 #include "host/options.h"
 
@@ -26,17 +26,6 @@ TEST(cli_text, sizes) {
   EXPECT_EQ(show_size(1024), "1K");
   EXPECT_EQ(show_size(1536), "1.5K");
   EXPECT_EQ(show_size(1ULL << 40), "1T");
-}
-
-TEST(cli_text, ranges_are_merged_and_cut_at_the_end_of_the_disk) {
-  using ranges = std::vector<byte_range>;
-  constexpr std::uint64_t k = 1024;
-  const unsigned char bits[] = {0x81, 0x01, 0x00, 0xfc};
-  // 26 bits cover the disk: bits 24 and 25 are clear, what is behind them does not count.
-  EXPECT_EQ(set_ranges(bits, k, 26 * k), (ranges{{0, k}, {7 * k, 2 * k}}));
-  EXPECT_EQ(set_ranges(bits, k, 27 * k - 1), (ranges{{0, k}, {7 * k, 2 * k}, {26 * k, k - 1}}));
-  EXPECT_EQ(set_ranges(bits, k, 100 * k), (ranges{{0, k}, {7 * k, 2 * k}, {26 * k, 6 * k}}));
-  EXPECT_EQ(set_ranges({}, k, 100 * k), ranges{});
 }
 
 TEST(cli_text, encodings) {

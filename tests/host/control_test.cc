@@ -269,20 +269,6 @@ TEST_F(control_test, memory_comes_back_and_everybody_has_a_share) {
   EXPECT_EQ(small.reply(&text).result, 0);
 }
 
-TEST_F(control_test, the_end_waits_a_while_for_a_client_that_does_not_read) {
-  options.stop_grace_ms = 50;
-  memory_disk large{"large", 16ULL << 30};
-  serve();
-  add_filter(large.path(), {.extent_size = 4096});
-  raw_peer deaf(options.socket_path);
-  take(&deaf, 0, 1 << 19, 1 << 19);
-  EXPECT_TRUE(eventually([this] { return info(0).incr_bmp_clear != 0; }));
-  const auto begin = std::chrono::steady_clock::now();
-  server.stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
-  EXPECT_NE(info(0).incr_bmp_full, 0U) << "what it did not read is merged back";
-}
-
 TEST_F(control_test, a_command_sees_that_nobody_waits_for_it) {
   serve();
   zorv_device_list_req list{.dev_type = ZORV_DEV_FILTER};

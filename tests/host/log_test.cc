@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "host/log.h"
 
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "support/driver_fixture.h"
 
 using namespace zorv;
 
@@ -23,4 +26,21 @@ TEST(host_log, errors_that_repeat_are_counted) {
   EXPECT_EQ(count(" is bad\n"), 51) << log.substr(0, 500);
   EXPECT_EQ(count(" seen\n"), 1000);
   EXPECT_EQ(count("950 more messages held back that were like: <3>ERROR: write(): sector 0"), 1);
+}
+
+TEST(host_log, nobody_waits_for_a_log_that_nobody_reads_and_what_is_lost_is_counted) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_NONBLOCK), 0);
+  ASSERT_EQ(::fcntl(ends[1], F_SETFL, 0), 0);  // its writer waits
+  ASSERT_EQ(::dup2(ends[1], STDERR_FILENO), STDERR_FILENO);
+  host_log_start();
+  for (int i = 0; i < 20000; ++i)
+    host_log_sink(("<6>0007: " + std::string(99, 'x') + "\n").c_str());
+  std::string log;
+  EXPECT_TRUE(zorv_test::eventually([&] {
+    char text[4096];
+    const ssize_t n = ::read(ends[0], text, sizeof text);
+    if (n > 0) log.append(text, static_cast<std::size_t>(n));
+    return log.find(" messages lost: ") != std::string::npos;
+  }));
 }

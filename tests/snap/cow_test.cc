@@ -183,6 +183,29 @@ TEST_F(cow_test, the_last_chunk_may_reach_beyond_the_end_of_the_disk) {
   }
 }
 
+// Each page of the COW bitmap holds 32768 chunks and comes with its first bit.
+TEST_F(cow_test, chunks_of_every_page_of_the_bitmap_are_copied_and_resumed) {
+  memory_disk large("large", 400 * MiB);
+  const std::vector<u64> places{0, 36 * KiB, 128 * MiB - 4096, 128 * MiB, 400 * MiB - 4096};
+  for (const u64 at : places) large.poke(at, pattern(at, 4096));
+  filter = add_started_filter(large.path());
+  const u32 snap = add_started_snap({.chunk_size = 4096, .files = dir / "l"});
+  {
+    client c(filter);
+    for (const u64 at : places) EXPECT_EQ(c.fill(at, 4096, 9), 0);
+  }
+  bytes bits(400 * MiB / 4096 / 8);
+  for (const u64 at : places) bits[at / 4096 / 8] |= static_cast<u8>(1 << at / 4096 % 8);
+  EXPECT_EQ(cow_contents(dir / "l.bmp"), bits);
+  for (const bool again : {false, true}) {
+    if (again) EXPECT_EQ(stop(snap) | resume(snap), 0);
+    for (const u64 at : places) EXPECT_EQ(shown(snap, at, 4096), pattern(at, 4096)) << at;
+    EXPECT_EQ(proc(line("zorv/zorv%u/copied_chunks", snap)), "5\n");
+    EXPECT_EQ(shown(snap, 200 * MiB, 4096), bytes(4096)) << "of a page without a bit";
+  }
+  EXPECT_EQ(del(snap) | del(filter), 0);
+}
+
 TEST_F(cow_test, reads_of_a_snap_are_served_from_where_its_data_is) {
   const u32 snap = add_started_snap({.files = dir / "s"});
   client c(filter);

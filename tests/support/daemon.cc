@@ -77,19 +77,16 @@ program_result run_program(const std::vector<std::string>& argv, const std::stri
   return result;
 }
 
-daemon_process::daemon_process(std::vector<std::string> args, std::string run_dir,
-                               const std::string& log_name)
+daemon_process::daemon_process(std::vector<std::string> args, std::string run_dir)
     : run_dir_(run_dir.empty() ? dir_ / "run" : std::move(run_dir)) {
   static const temp_dir state;  // outlives every daemon of the test
   args.insert(args.begin(), {ZORVD_PATH, "--run-dir", run_dir_, "--state-dir", state.path()});
-  pid_ = spawn(args, "/dev/null", dir_ / "out", log_name.empty() ? dir_ / "err" : log_name);
+  pid_ = spawn(args, "/dev/null", dir_ / "out", dir_ / "err");
   const bool known = eventually([&] {
     siginfo_t ended{};
     ::waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT);
     if (ended.si_pid != 0) return true;
-    serving_ = log_name.empty() ? log().find("zorvd: serving ") != std::string::npos
-                                : ::access(control().c_str(), F_OK) == 0;
-    return serving_;
+    return serving_ = log().find("zorvd: serving ") != std::string::npos;
   });
   EXPECT_TRUE(known) << "zorvd neither serves nor ends";
 }

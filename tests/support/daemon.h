@@ -22,10 +22,8 @@ program_result run_program(const std::vector<std::string>& argv, const std::stri
 
 class daemon_process {
  public:
-  // Starts `zorvd --run-dir DIR ARGS` and waits until it serves or has ended. Its standard error is
-  // a file, or what is there under the name log.
-  explicit daemon_process(std::vector<std::string> args = {}, std::string run_dir = "",
-                          const std::string& log = "");
+  // Starts `zorvd --run-dir DIR ARGS` and waits until it serves or has ended.
+  explicit daemon_process(std::vector<std::string> args = {}, std::string run_dir = "");
   ~daemon_process();
   daemon_process(const daemon_process&) = delete;
   daemon_process& operator=(const daemon_process&) = delete;
