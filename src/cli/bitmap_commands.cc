@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // The change bitmaps of a filter.
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -44,23 +43,6 @@ json head(const zorv_info_req& info, const bitmap_args& args) {
   return {{"minor", info.minor}, {"type", args.type}};
 }
 
-// Signals that would end this process wait until the bitmap is safe.
-class signals_later {
- public:
-  signals_later() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, signal);
-    sigprocmask(SIG_BLOCK, &set, &old_);
-  }
-  ~signals_later() { sigprocmask(SIG_SETMASK, &old_, nullptr); }
-  signals_later(const signals_later&) = delete;
-  signals_later& operator=(const signals_later&) = delete;
-
- private:
-  sigset_t old_{};
-};
-
 // Bits that only this process and the daemon's hand-out have.
 class taken_bitmap {
  public:
@@ -97,7 +79,6 @@ answer get(session& s, const bitmap_args& args, std::uint32_t number, bool as_js
   result.document["size"] = bits.size();
   std::optional<bitmap_sink> sink;
   if (!as_json || !args.file.empty()) sink.emplace(args.file);
-  const signals_later guard;
   std::optional<taken_bitmap> taken;
   if (takes) {
     taken.emplace(&s, &req);
@@ -178,8 +159,7 @@ void add_get(CLI::App* bmp, invocation* inv, const char* name, std::uint32_t num
   auto args = add(bmp, inv, name, help, &command, [number, inv](session& s, const bitmap_args& a) {
     return get(s, a, number, inv->as_json);
   });
-  command->add_option("-o,--output", args->file, "write to FILE; default: standard output")
-      ->type_name("FILE");
+  add_output_option(command, &args->file);
 }
 
 void add_put(CLI::App* bmp, invocation* inv, const char* name, std::uint32_t number,

@@ -10,7 +10,10 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <limits>
 #include <string_view>
+
+#include "cli/bitmap_file.h"
 
 namespace zorv::cli {
 namespace {
@@ -50,10 +53,35 @@ int report(const invocation& inv, const failure& e) {
   return e.exit_status;
 }
 
+// Throws unless what was printed to standard output has arrived there, on disk if it must be.
+void finish_output(bool durable, const std::function<std::string()>& undelivered) {
+  std::cout << std::flush;
+  int number = 0;
+  if (!std::cout) {
+    number = errno != 0 ? errno : EIO;
+  } else if (durable) {
+    number = sync_output(STDOUT_FILENO);
+  }
+  if (number == 0) return;
+  std::cout.setstate(std::ios::badbit);  // the error goes elsewhere
+  throw failure(status_refused, number,
+                "cannot write to standard output" + (undelivered ? undelivered() : ""));
+}
+
 // Help goes to standard output whatever --json says: it is what was asked for.
 int report_parse(const CLI::App& app, invocation inv, const CLI::ParseError& e, int argc,
                  const char* const* argv) {
-  if (e.get_exit_code() == 0) return app.exit(e);
+  if (e.get_exit_code() == 0) {
+    inv.as_json = false;
+    errno = 0;
+    app.exit(e);
+    try {
+      finish_output(false, {});
+    } catch (const failure& unread) {
+      return report(inv, unread);
+    }
+    return status_done;
+  }
   for (int i = 1; i < argc; ++i) inv.as_json = inv.as_json || std::strcmp(argv[i], "--json") == 0;
   report(inv, failure(status_usage, 0, e.what()));
   if (!inv.as_json) std::cerr << "Try zorvctl --help.\n";
@@ -77,12 +105,8 @@ int run_action(const invocation& inv) {
     session s(inv.socket, inv.limit_s * 1000);
     const answer result = inv.action(s);
     errno = 0;
-    std::cout << (inv.as_json ? dump(result.document) : result.text) << std::flush;
-    if (!std::cout) {
-      const int number = errno != 0 ? errno : EIO;
-      const std::string rest = result.undelivered ? result.undelivered() : "";
-      throw failure(status_refused, number, "cannot write to standard output" + rest);
-    }
+    std::cout << (inv.as_json ? dump(result.document) : result.text);
+    finish_output(result.delivered != nullptr, result.undelivered);
     return deliver(inv, result);
   } catch (const failure& e) {
     return report(inv, e);
@@ -135,24 +159,24 @@ CLI::App* add_command(CLI::App* parent, invocation* inv, const std::string& name
 }
 
 // The arguments with ":N" where NODE belongs for each "--minor N" of a command on a node. Of the
-// commands that make nodes it is an option.
+// commands that make nodes it is an option. Behind "--" nothing is one.
 std::vector<std::string> arguments(int argc, const char* const* argv) {
   std::vector<std::string> all(argv, argv + argc);
-  const auto word_from = [&all](std::size_t at) {
-    for (; at < all.size() && all[at].rfind('-', 0) == 0; ++at) {
+  const auto end = static_cast<std::size_t>(std::find(all.begin(), all.end(), "--") - all.begin());
+  const auto word_from = [&all, end](std::size_t at) {
+    for (; at < end && all[at].rfind('-', 0) == 0; ++at) {
       if (all[at] == "--socket" || all[at] == "--limit") ++at;
     }
-    return std::min(at, all.size());
+    return std::min(at, end);
   };
   std::size_t place = word_from(1);
-  if (place == all.size() || all[place].rfind("add-", 0) == 0) return all;
+  if (place == end || all[place].rfind("add-", 0) == 0) return all;
   if (all[place] == "bmp" || all[place] == "datablock") place = word_from(place + 1);
-  for (std::size_t i = place + 1; i < all.size(); ++i) {
-    static constexpr std::string_view option = "--minor";
-    if (all[i].rfind(option, 0) != 0) continue;
-    std::string node = ":" + all[i].substr(std::min(all[i].size(), option.size() + 1));
-    const bool apart = all[i] == option && i + 1 < all.size();
-    if (apart) node += all[i + 1];
+  for (std::size_t i = place + 1; i < end; ++i) {
+    static constexpr std::string_view option = "--minor=";
+    const bool apart = all[i] == option.substr(0, option.size() - 1) && i + 1 < end;
+    if (!apart && all[i].rfind(option, 0) != 0) continue;
+    const std::string node = ":" + (apart ? all[i + 1] : all[i].substr(option.size()));
     all.erase(all.begin() + static_cast<long>(i),
               all.begin() + static_cast<long>(i + (apart ? 2 : 1)));
     all.insert(all.begin() + static_cast<long>(place) + 1, node);
@@ -174,6 +198,7 @@ int run(int argc, const char* const* argv) {
   app.add_option("--limit", inv.limit_s,
                  "seconds that a zorvd which does not answer is waited for, 0: without end")
       ->type_name("SECONDS")
+      ->check(CLI::Range(0U, std::numeric_limits<unsigned>::max() / 1000))
       ->capture_default_str();
   app.add_flag("--json", inv.as_json, "answer with one JSON document, errors too");
   app.require_subcommand(1);

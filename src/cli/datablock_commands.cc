@@ -110,8 +110,7 @@ void add_datablock_commands(CLI::App* app, invocation* inv) {
   CLI::App* command = nullptr;
   auto args = add(datablock, inv, "get", "read the map as a bitmap", &command,
                   [inv](session& s, const map_args& a) { return get(s, a, inv->as_json); });
-  command->add_option("-o,--output", args->file, "write to FILE; default: standard output")
-      ->type_name("FILE");
+  add_output_option(command, &args->file);
   add(datablock, inv, "show", "list the ranges that hold data: offset and length in bytes",
       &command, show);
   auto device = std::make_shared<std::string>();

@@ -1,13 +1,23 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Change bitmaps through zorvctl: raw, as ranges, and never lost on the way out.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <fstream>
+#include <thread>
+
+#include "host/unix_socket.h"
 #include "support/daemon.h"
 
 using namespace zorv_test;
 using nlohmann::json;
 
 namespace {
+
+bytes bytes_of(const std::string& text) { return {text.begin(), text.end()}; }
 
 struct ctl_bitmap : with_daemon {
   void SetUp() override {
@@ -68,38 +78,76 @@ TEST_F(ctl_bitmap, ranges_end_with_the_disk) {
 
 TEST_F(ctl_bitmap, what_is_taken_arrives_or_is_put_back) {
   const bytes bits = {0x21, 0x01};
-  set_incr(bits);
-  const program_result out = d->ctl({"bmp", "get-clear", "zorv0", "incr"});
-  EXPECT_EQ(bytes(out.out.begin(), out.out.end()), bits);
-  EXPECT_EQ(incr(), (bytes{0, 0}));
-
-  // A file that is there is replaced whole, with its mode, or not at all.
-  set_incr(bits);
   write_file(dir / "kept", {1, 2, 3});
   ASSERT_EQ(::chmod((dir / "kept").c_str(), 0640), 0);
-  EXPECT_EQ(d->ctl({"bmp", "get-clear", "nobody", "incr", "-o", dir / "kept"}).status, 1);
+  const std::string link = dir / "link";
+  ASSERT_EQ(::symlink("kept", link.c_str()), 0);
+  // In the folder, with syncs of files named "synced" failing.
+  write_file(dir / "rules", bytes_of("fail synced 5\n"));
+  const auto take = [&](const std::string& how) {
+    set_incr(bits);
+    return run_program({"sh", "-c",
+                        "cd " + dir.path() + "; export LD_PRELOAD=" SYNCS_PATH " ZORV_SYNCS=" +
+                            (dir / "rules") + "; exec " ZORVCTL_PATH " --socket " + d->control() +
+                            " bmp get-clear zorv0 incr " + how});
+  };
+  for (const char* none : {"-o none/x", "-o disk.img"}) {
+    SCOPED_TRACE(none);
+    EXPECT_EQ(take(none).status, 1);
+    EXPECT_EQ(incr(), bits) << "nothing is taken that cannot be put anywhere";
+  }
   EXPECT_EQ(read_file(dir / "kept"), (bytes{1, 2, 3}));
-  d->must({"bmp", "get-clear", "zorv0", "incr", "-o", dir / "kept"});
-  EXPECT_EQ(read_file(dir / "kept"), bits);
-  struct stat st {};
-  ASSERT_EQ(::stat((dir / "kept").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0640U);
-
-  set_incr(bits);
-  EXPECT_EQ(d->ctl({"bmp", "get-clear", "zorv0", "incr", "-o", dir / "none/x"}).status, 1);
-  EXPECT_EQ(incr(), bits) << "nothing is taken that cannot be put anywhere";
-  const program_result full = d->ctl({"bmp", "get-clear", "zorv0", "incr", "-o", "/dev/full"});
-  EXPECT_EQ(full.status, 1);
-  EXPECT_NE(full.err.find("merged back"), std::string::npos) << full.err;
-  EXPECT_EQ(incr(), bits);
-  const std::string json_into = std::string(ZORVCTL_PATH) + " --socket " + d->control() +
-                                " --json bmp get-clear zorv0 incr >";
-  for (const char* output : {"/dev/full", "&-"}) {
-    const program_result r = run_program({"sh", "-c", json_into + output});
+  for (const char* full : {"-o /dev/full", "--json >/dev/full", "--json >&-", ">synced",
+                           "--json >synced", "-o synced.link"}) {
+    SCOPED_TRACE(full);
+    ::symlink("synced", (dir / "synced.link").c_str());
+    const program_result r = take(full);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("merged back"), std::string::npos) << r.err;
     EXPECT_EQ(incr(), bits);
   }
+  const struct {
+    const char* how;
+    const char* file;
+  } outputs[] = {{">out", "out"},
+                 {"-o - >out2", "out2"},
+                 {"-o /dev/stdout >out3", "out3"},
+                 {"-o link", "kept"},
+                 {"-o kept", "kept"}};
+  for (const auto& to : outputs) {
+    SCOPED_TRACE(to.how);
+    EXPECT_EQ(take(to.how).status, 0);
+    EXPECT_EQ(read_file(dir / to.file), bits);
+    EXPECT_EQ(incr(), (bytes{0, 0}));
+  }
+  struct stat st {};
+  ASSERT_EQ(::lstat(link.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  ASSERT_EQ(::stat((dir / "kept").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640U) << "replaced whole, with its mode";
+  set_incr(bits);
   EXPECT_EQ(d->ctl_json({"bmp", "get-clear", "zorv0", "incr"}).at("data"), "IQE=");
   EXPECT_EQ(incr(), (bytes{0, 0}));
+}
+
+TEST_F(ctl_bitmap, a_reader_that_does_not_read_holds_nobody) {
+  make_image(dir / "large.img", 8ULL << 30);
+  d->must({"attach", dir / "large.img"});
+  d->must({"add-filter", "large", "--extent-size", "4K", "--bmp-dir", dir.path()});
+  const std::string pipe = dir / "pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  const zorv::unique_fd reader(::open(pipe.c_str(), O_RDWR | O_NONBLOCK));
+  program_result ended{};
+  std::thread taker([&] {
+    ended = run_program({"sh", "-c",
+                         "echo $$ >" + (dir / "pid") + "; exec " ZORVCTL_PATH " --socket " +
+                             d->control() + " bmp get-clear zorv1 incr -o " + pipe});
+  });
+  int arrived = 0;
+  EXPECT_TRUE(eventually([&] { return ::ioctl(reader.get(), FIONREAD, &arrived), arrived > 0; }));
+  std::ifstream(dir / "pid") >> arrived;
+  ::kill(arrived, SIGTERM);
+  taker.join();
+  EXPECT_EQ(ended.status, 128 + SIGTERM);
+  EXPECT_TRUE(eventually([&] { return d->ctl_json({"info", "zorv1"}).at("incr_bmp_full") == 1; }));
 }

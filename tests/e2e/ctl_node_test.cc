@@ -83,6 +83,9 @@ TEST_F(ctl_node, refusals_have_a_reason_and_a_status) {
       {{"resume", "data"}, 1, EINVAL, "is not a snap device"},
       {{"datablock", "show", "data", "--extent-size", "64K"}, 1, EINVAL, "is not a snap device"},
       {{"bmp", "show", "data", "both"}, 2, 0, "both"},
+      {{"info", "--minor10"}, 2, 0, "NODE is required"},
+      {{"info", "--", "--minor=0"}, 1, ENOENT, "no node named --minor=0"},
+      {{"--limit", "4294968", "list"}, 2, 0, "--limit"},
       {{"detach", "disk"}, 1, EBUSY, "in use"},
       {{"detach", "none"}, 1, ENOENT, "none"},
       {{"attach", image, "--name", "again"}, 1, EBUSY, "in use here already, as disk /dev/image/"},
@@ -170,4 +173,5 @@ TEST_F(ctl_node, every_command_has_help) {
     EXPECT_EQ(one.status, 0);
     EXPECT_THAT(one.out, HasSubstr(std::string("Usage: zorvctl ") + command));
   }
+  EXPECT_EQ(run_program({"sh", "-c", ZORVCTL_PATH " --help >/dev/full"}).status, 1);
 }
