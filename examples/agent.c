@@ -39,8 +39,10 @@ static int back_up(const struct zorv_info_req* node, const unsigned char* bitmap
 
 static int one_node(zorv_handle* z, uint32_t minor) {
   struct zorv_info_req node = {.minor = minor};
-  if (zorv_ioctl(z, ZORV_GET_INFO, &node) != 0) return fail(z, "info");
-  if (node.started == 0 || node.incr_bmp_clear != 0) return 0;
+  if (zorv_ioctl(z, ZORV_GET_INFO, &node) != 0) {
+    return errno == EINVAL ? 0 : fail(z, "info"); /* it has gone meanwhile */
+  }
+  if (node.dev_type != ZORV_DEV_FILTER || node.started == 0 || node.incr_bmp_clear != 0) return 0;
   unsigned char* bitmap = malloc(node.incr_bmp_size);
   if (bitmap == NULL) return fail(z, "memory");
 
@@ -70,10 +72,16 @@ int main(int argc, char** argv) {
     fprintf(stderr, "agent: no zorvd: %s\n", strerror(errno));
     return 1;
   }
+  /* The status tree has every node; ZORV_GET_DEVICE_LIST ends at ZORV_LIST_LEN of them. */
   int rc = 0;
-  struct zorv_device_list_req list = {.dev_type = ZORV_DEV_FILTER};
-  if (zorv_ioctl(z, ZORV_GET_DEVICE_LIST, &list) != 0) rc = fail(z, "list");
-  for (uint32_t i = 0; rc == 0 && i < list.count; ++i) rc = one_node(z, list.minors[i]);
+  struct zorv_proc_entry* nodes = NULL;
+  size_t count = 0;
+  if (zorv_proc_list(z, "zorv", &nodes, &count) != 0) rc = fail(z, "list");
+  for (size_t i = 0; rc == 0 && i < count; ++i) {
+    uint32_t minor;
+    if (sscanf(nodes[i].name, "zorv%" SCNu32, &minor) == 1) rc = one_node(z, minor);
+  }
+  free(nodes);
   zorv_close(z);
   return rc == 0 ? 0 : 1;
 }

@@ -31,6 +31,8 @@ typedef struct zorv_handle zorv_handle;
 /* Connects to the daemon; path NULL: zorv_default_socket(). Null on failure: ENOENT or
  * ECONNREFUSED when no daemon serves the path, EACCES, ENAMETOOLONG, ENOMEM. */
 zorv_handle* zorv_open(const char* path);
+/* The same with a limit from the beginning (see zorv_set_limit); ETIMEDOUT. */
+zorv_handle* zorv_open_within(const char* path, unsigned milliseconds);
 void zorv_close(zorv_handle* handle); /* NULL is accepted */
 
 /* Where a daemon of this user listens by default: $ZORV_SOCKET, or control.sock in
@@ -62,6 +64,11 @@ int zorv_put_back(zorv_handle* handle, uint64_t taken);
 /* The daemon's reason for this handle's last failure, one line, "" when there is none. Good until
  * the next call with the handle. */
 const char* zorv_last_error(zorv_handle* handle);
+
+/* The error that the daemon logged while it carried out this handle's last command although the
+ * command succeeded: a bitmap in place that could not be saved, a snapshot resumed that is not
+ * valid. "" as a rule. Good until the next call with the handle. */
+const char* zorv_last_remark(zorv_handle* handle);
 
 /* "ZORV_START_NODE", or NULL for a number that is no command. */
 const char* zorv_command_name(uint32_t command);

@@ -53,8 +53,9 @@ struct zorv_ctl_reply {
   uint32_t record_bytes;  /* 0: the record was not written */
   uint32_t buffer_offset; /* where in the buffer the bytes belong */
   uint32_t buffer_bytes;
-  uint32_t text_bytes; /* on failure: the reason in one line, without newline */
-  uint32_t handout;    /* with ZORV_CTL_HOLD: what the bits are called on this connection, or 0 */
+  uint32_t
+      text_bytes; /* the last error that was logged for the command, in one line, without newline */
+  uint32_t handout; /* with ZORV_CTL_HOLD: what the bits are called on this connection, or 0 */
 };
 
 ZORV_ABI_SIZE(zorv_ctl_request, 48);

@@ -103,6 +103,19 @@ answer get(session& s, const bitmap_args& args, std::uint32_t number, bool as_js
   return result;
 }
 
+// What the driver did may still have gone wrong in the bitmap's file.
+answer done_to(const zorv_bmp_req& req, const bitmap_args& args, const char* done,
+               const std::string& remark) {
+  answer result{{{"minor", req.minor}, {"type", args.type}},
+                std::string(done) + " " + args.type + " of " + args.node};
+  if (!remark.empty()) {
+    result.document["remark"] = remark;
+    result.text += ", but " + remark;
+  }
+  result.text += "\n";
+  return result;
+}
+
 answer put(session& s, const bitmap_args& args, std::uint32_t number, const char* done) {
   const zorv_info_req info = filter_info(s, args.node);
   const std::uint32_t type = type_codes.at(args.type);
@@ -113,7 +126,7 @@ answer put(session& s, const bitmap_args& args, std::uint32_t number, const char
     req = range_req(info.minor, type, &bits);
   }
   s.command(number, &req);
-  return {head(info, args), std::string(done) + " " + args.type + " of " + args.node + "\n"};
+  return done_to({req.minor, req.type}, args, done, s.remark());
 }
 
 answer plain(session& s, const bitmap_args& args, std::uint32_t number, const char* done) {
@@ -121,8 +134,15 @@ answer plain(session& s, const bitmap_args& args, std::uint32_t number, const ch
   req.minor = find_node(s, args.node);
   req.type = type_codes.at(args.type);
   s.command(number, &req);
-  return {{{"minor", req.minor}, {"type", args.type}},
-          std::string(done) + " " + args.type + " of " + args.node + "\n"};
+  const std::string remark = s.remark();
+  if (number == ZORV_LOAD_BMP && !remark.empty()) {
+    const zorv_info_req info = node_info(s, req.minor);
+    const bool incr = req.type == ZORV_BMP_INCREMENTAL;
+    if ((incr ? info.incr_bmp_full : info.diff_bmp_full) != 0) {
+      throw failure(status_refused, 0, remark + " Everything counts as changed.");
+    }
+  }
+  return done_to(req, args, done, remark);
 }
 
 answer show(session& s, const bitmap_args& args) {

@@ -90,10 +90,9 @@ int report_parse(const CLI::App& app, invocation inv, const CLI::ParseError& e, 
 
 // What is wrong after the answer was printed is no second document.
 int deliver(invocation inv, const answer& printed) {
-  if (!printed.delivered) return status_done;
   try {
-    printed.delivered();
-    return status_done;
+    if (printed.delivered) printed.delivered();
+    return printed.ends_with;
   } catch (const failure& e) {
     inv.as_json = false;
     return report(inv, e);
@@ -124,11 +123,10 @@ session::session(const std::string& socket, unsigned limit_ms) {
   } else if (zorv_default_socket(path, sizeof path) != 0) {
     throw failure(status_no_daemon, errno, "the default socket's path is too long");
   }
-  handle_.reset(zorv_open(path));
+  handle_.reset(zorv_open_within(path, limit_ms));
   if (handle_ == nullptr) {
     throw failure(status_no_daemon, errno, std::string("no zorvd answers on ") + path);
   }
-  zorv_set_limit(handle_.get(), limit_ms);
 }
 
 void session::check(long result, const char* what) const {

@@ -45,6 +45,8 @@ class session {
   [[nodiscard]] int try_command(std::uint32_t number, Record* record) {
     return zorv_ioctl(handle_.get(), number, record) == 0 ? 0 : errno;
   }
+  // What went wrong although the last command succeeded, or "".
+  [[nodiscard]] std::string remark() const { return zorv_last_remark(handle_.get()); }
   // Throws for a negative result, with the daemon's reason.
   void check(long result, const char* what) const;
   [[nodiscard]] zorv_handle* handle() const { return handle_.get(); }
@@ -60,6 +62,7 @@ class session {
 struct answer {
   json document = json::object();
   std::string text;
+  status ends_with = status_done;
   // What is left to do when it is printed, or cannot be: the latter's sentence is part of the
   // reason.
   std::function<void()> delivered = {};

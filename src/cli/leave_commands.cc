@@ -63,6 +63,19 @@ std::vector<std::string> awaited(session& s, const zorv_info_req& snap) {
   return names;
 }
 
+bool exists(const std::string& file) {
+  struct stat st {};
+  return ::lstat(file.c_str(), &st) == 0;
+}
+
+// What a filter keeps in its bitmap directory; of a snap nothing.
+std::vector<std::string> bitmap_files(const zorv_info_req& node) {
+  const std::string incr = field(node.incr_bmp_fname);
+  if (node.dev_type != ZORV_DEV_FILTER) return {};
+  const std::string stem = incr.substr(0, incr.rfind('.'));
+  return {incr, field(node.diff_bmp_fname), stem + ".disk", stem + ".snaps"};
+}
+
 // The COW files that go with a node: its own, a filter's snaps'. Those that are there.
 std::vector<std::string> cow_files(session& s, const zorv_info_req& node) {
   const bool filter = node.dev_type == ZORV_DEV_FILTER;
@@ -70,24 +83,35 @@ std::vector<std::string> cow_files(session& s, const zorv_info_req& node) {
   for (const zorv_info_req& snap :
        filter ? snaps_of(s, node.minor) : std::vector<zorv_info_req>{node}) {
     for (const std::string& file : {field(snap.cow_bmp_fname), field(snap.cow_data_fname)}) {
-      struct stat st {};
-      if (::lstat(file.c_str(), &st) == 0) files.push_back(file);
+      if (exists(file)) files.push_back(file);
     }
   }
   return files;
+}
+
+// A node whose bitmaps cannot be saved is stopped all the same, which the error does not say.
+void carry_out(session& s, const zorv_info_req& node, std::uint32_t number) {
+  zorv_node_req req{node.minor};
+  try {
+    s.command(number, &req);
+  } catch (const failure& e) {
+    const auto now = e.exit_status == status_refused ? still(s, node) : std::nullopt;
+    if (!now || node.started == 0 || now->started != 0) throw;
+    throw failure(e.exit_status, e.number, "stopped " + field(node.name) + ", but " + e.what());
+  }
 }
 
 // Carries out the command and, if that was asked for, waits until it is done should it be
 // postponed. A postponed deletion can be had as soon as the snap has stopped.
 //   text  empty when it is done
 answer leave(session& s, const leave_args& args, const zorv_info_req& node, std::uint32_t number) {
-  zorv_node_req req{node.minor};
-  s.command(number, &req);
+  carry_out(s, node, number);
   const bool del = number == ZORV_DEL_NODE;
   std::optional<zorv_info_req> now = still(s, node);
   const auto done = [&] { return !now || (!del && now->started == 0); };
   while (args.wait && !done()) {
     if (now->started == 0) {
+      zorv_node_req req{node.minor};
       const int error = s.try_command(number, &req);
       if (error != 0 && error != EINVAL) s.check(-1, zorv_command_name(number));  // EINVAL: gone
     } else {
@@ -132,16 +156,18 @@ answer del(session& s, const leave_args& args) {
   const zorv_info_req node = node_info(s, args.node);
   const std::vector<std::string> files = cow_files(s, node);
   ask(args, node, files);
+  if (!still(s, node)) {
+    throw failure(status_refused, ENOENT, field(node.name) + " has gone; nothing was deleted");
+  }
   answer result = leave(s, args, node, ZORV_DEL_NODE);
   if (!result.text.empty()) return result;
   std::vector<std::string> kept;
   std::vector<std::string> deleted;
   for (const std::string& file : files) {
-    struct stat st {};
-    (::lstat(file.c_str(), &st) == 0 ? kept : deleted).push_back(file);
+    (exists(file) ? kept : deleted).push_back(file);
   }
-  if (node.dev_type == ZORV_DEV_FILTER) {
-    kept.insert(kept.end(), {field(node.incr_bmp_fname), field(node.diff_bmp_fname)});
+  for (const std::string& file : bitmap_files(node)) {
+    if (exists(file)) kept.push_back(file);
   }
   result.document["deleted_files"] = deleted;
   result.document["kept_files"] = kept;

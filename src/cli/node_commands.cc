@@ -116,10 +116,30 @@ answer add_snap(session& s, const new_node& given) {
                 {"cow_data_fname", field(req.cow_data_fname)}});
 }
 
+// A snapshot can be running and show nothing; the command that brought it there succeeds.
+//   expected  whether it is to be valid
+answer running(session& s, std::uint32_t minor, bool expected, std::string text, json document) {
+  const std::string why = s.remark();
+  const zorv_info_req now = node_info(s, minor);
+  answer result{std::move(document), std::move(text)};
+  if (now.dev_type == ZORV_DEV_SNAP) {
+    result.document["snap_valid"] = now.snap_valid;
+    result.document["stop_pending"] = now.stop_pending;
+    result.document["del_pending"] = now.del_pending;
+    if (expected && now.snap_valid == 0) {
+      result.text += ", but it is INVALID: " + (why.empty() ? "see the log" : why);
+      result.ends_with = status_refused;
+    }
+  }
+  if (!why.empty()) result.document["remark"] = why;
+  result.text += "\n";
+  return result;
+}
+
 answer start(session& s, const std::string& node) {
   zorv_node_req req{find_node(s, node)};
   s.command(ZORV_START_NODE, &req);
-  return {{{"minor", req.minor}}, "started " + node + "\n"};
+  return running(s, req.minor, true, "started " + node, {{"minor", req.minor}});
 }
 
 struct resume_values {
@@ -134,11 +154,8 @@ answer resume(session& s, const resume_values& given) {
   req.stop_pending = given.stop_pending;
   req.del_pending = given.del_pending;
   s.command(ZORV_RESUME_SNAP, &req);
-  return {{{"snap_minor", req.snap_minor},
-           {"snap_valid", req.snap_valid},
-           {"stop_pending", req.stop_pending},
-           {"del_pending", req.del_pending}},
-          "resumed " + given.node + "\n"};
+  return running(s, req.snap_minor, given.valid != 0, "resumed " + given.node,
+                 {{"snap_minor", req.snap_minor}});
 }
 
 void add_common_options(CLI::App* command, const std::shared_ptr<new_node>& node) {

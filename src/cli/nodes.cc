@@ -25,11 +25,20 @@ std::optional<T> number(std::string_view text) {
   return value;
 }
 
-std::vector<std::uint32_t> minors_of_type(session& s, std::uint32_t dev_type) {
-  zorv_device_list_req req{};
-  req.dev_type = dev_type;
-  s.command(ZORV_GET_DEVICE_LIST, &req);
-  return {req.minors, req.minors + std::min<std::uint32_t>(req.count, ZORV_LIST_LEN)};
+// By the status tree: the driver's list command ends at ZORV_LIST_LEN.
+std::vector<std::uint32_t> all_minors(session& s) {
+  zorv_proc_entry* list = nullptr;
+  std::size_t count = 0;
+  s.check(zorv_proc_list(s.handle(), "zorv", &list, &count), "the list of nodes");
+  const std::unique_ptr<zorv_proc_entry, decltype(&std::free)> owner(list, std::free);
+  std::vector<std::uint32_t> minors;
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string_view name = list[i].name;
+    if (name.rfind("zorv", 0) != 0) continue;
+    if (const auto minor = number<std::uint32_t>(name.substr(4))) minors.push_back(*minor);
+  }
+  std::sort(minors.begin(), minors.end());
+  return minors;
 }
 
 std::optional<std::string> status_text(session& s, std::uint32_t minor, const char* entry) {
@@ -102,17 +111,17 @@ zorv_info_req filter_info(session& s, const std::string& node) {
 
 std::vector<zorv_info_req> all_nodes(session& s, std::uint32_t dev_type) {
   std::vector<zorv_info_req> nodes;
-  for (const std::uint32_t type : {ZORV_DEV_FILTER, ZORV_DEV_SNAP}) {
-    if (dev_type != 0 && dev_type != type) continue;
-    for (const std::uint32_t minor : minors_of_type(s, type)) {
-      zorv_info_req info{};
-      info.minor = minor;
-      const int error = s.try_command(ZORV_GET_INFO, &info);
-      if (error == EINVAL) continue;
-      if (error != 0) s.check(-1, "ZORV_GET_INFO");
-      nodes.push_back(info);
-    }
+  for (const std::uint32_t minor : all_minors(s)) {
+    zorv_info_req info{};
+    info.minor = minor;
+    const int error = s.try_command(ZORV_GET_INFO, &info);
+    if (error == EINVAL) continue;
+    if (error != 0) s.check(-1, "ZORV_GET_INFO");
+    if (dev_type == 0 || dev_type == info.dev_type) nodes.push_back(info);
   }
+  std::stable_sort(nodes.begin(), nodes.end(), [](const auto& one, const auto& other) {
+    return one.dev_type < other.dev_type;
+  });
   return nodes;
 }
 

@@ -25,6 +25,7 @@ struct zorv_handle {
   std::string path;
   channel link;
   std::string last_error;
+  std::string last_remark;
   unsigned limit_ms = 0;
 };
 
@@ -62,6 +63,7 @@ int call(zorv_handle* handle, exchange* x) {
   x->request.magic = ZORV_CTL_MAGIC;
   x->request.version = ZORV_CTL_VERSION;
   handle->last_error.clear();
+  handle->last_remark.clear();
   if (!handle->link.connected()) {
     const int rc = handle->link.connect(handle->path, handle->limit_ms);
     if (rc != 0) return rc;
@@ -73,7 +75,6 @@ int call(zorv_handle* handle, exchange* x) {
 
 int host_call(zorv_handle* handle, std::uint32_t what, const zorv::wire::writer& arguments,
               std::string* answer) {
-  if (arguments.bytes().size() > ZORV_CTL_MAX_RECORD) return -E2BIG;
   exchange x;
   x.request.kind = ZORV_CTL_HOST;
   x.request.command = what;
@@ -81,7 +82,9 @@ int host_call(zorv_handle* handle, std::uint32_t what, const zorv::wire::writer&
   x.record = arguments.bytes().data();
   x.answer = answer;
   const std::lock_guard<std::mutex> guard(handle->mutex);
-  return call(handle, &x);
+  if (x.request.record_bytes <= ZORV_CTL_MAX_RECORD) return call(handle, &x);
+  handle->last_error.clear();
+  return -E2BIG;
 }
 
 // A host request whose answer is a list: T's of which each is filled by one().
@@ -185,14 +188,15 @@ int ioctl_call(zorv_handle* handle, std::uint32_t command, void* record, std::ui
   if (command == ZORV_GET_AND_CLR_BMP) x.request.flags |= ZORV_CTL_HOLD;
   const std::lock_guard<std::mutex> guard(handle->mutex);
   const int rc = call(handle, &x);
-  if (rc < 0 || x.handout == 0) return rc;
+  if (rc < 0) return rc;
   const std::uint64_t handout = std::uint64_t{handle->link.life()} << 32 | x.handout;
-  if (taken != nullptr) {
+  if (taken != nullptr && x.handout != 0) {
     *taken = handout;
-  } else {
+  } else if (x.handout != 0) {
     // When this fails the bits count as changed again, which loses nothing.
     (void)settle_locked(handle, ZORV_HOST_CONFIRM, handout);
   }
+  handle->last_remark = std::move(x.text);
   return rc;
 }
 
@@ -217,7 +221,9 @@ int zorv_default_socket(char* path, size_t bytes) {
   });
 }
 
-zorv_handle* zorv_open(const char* path) {
+zorv_handle* zorv_open(const char* path) { return zorv_open_within(path, 0); }
+
+zorv_handle* zorv_open_within(const char* path, unsigned milliseconds) {
   zorv_handle* handle = nullptr;
   const int rc = guarded([&]() -> int {
     char standard[ZORV_PATH_LEN];
@@ -227,7 +233,8 @@ zorv_handle* zorv_open(const char* path) {
     }
     handle = new zorv_handle;
     handle->path = path;
-    return handle->link.connect(handle->path, 0);
+    handle->limit_ms = milliseconds;
+    return handle->link.connect(handle->path, milliseconds);
   });
   if (rc == 0) return handle;
   const int error = errno;
@@ -262,6 +269,8 @@ void zorv_set_limit(zorv_handle* handle, unsigned milliseconds) {
 }
 
 const char* zorv_last_error(zorv_handle* handle) { return handle->last_error.c_str(); }
+
+const char* zorv_last_remark(zorv_handle* handle) { return handle->last_remark.c_str(); }
 
 const char* zorv_command_name(uint32_t command) {
   static constexpr struct {

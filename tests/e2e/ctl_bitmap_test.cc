@@ -67,6 +67,25 @@ TEST_F(ctl_bitmap, set_merge_clear_save_and_load) {
   EXPECT_EQ(incr(), (bytes{0xff, 0xff}));
 }
 
+TEST_F(ctl_bitmap, what_went_wrong_in_the_file_is_said) {
+  d->must({"start", "zorv0"});
+  const std::string file = dir / "zorv0.incr";
+  write_file(file, bytes_of("ZORVBMP\x01"));
+  const program_result stale = d->ctl({"bmp", "load", "zorv0", "incr"});
+  EXPECT_EQ(stale.status, 1);
+  EXPECT_NE(stale.err.find(file + " is dirty."), std::string::npos) << stale.err;
+  ::unlink(file.c_str());
+  ASSERT_EQ(::mkdir(file.c_str(), 0700), 0);
+  EXPECT_NE(d->must({"bmp", "clear", "zorv0", "incr"}).find("cleared incr of zorv0, but "),
+            std::string::npos);
+  const program_result unsaved = d->ctl({"stop", "zorv0"});
+  EXPECT_EQ(unsaved.status, 1);
+  EXPECT_NE(unsaved.err.find("stopped zorv0, but "), std::string::npos) << unsaved.err;
+  ::rmdir(file.c_str());
+  d->must({"start", "zorv0"});
+  EXPECT_EQ(d->must({"stop", "zorv0"}), "stopped zorv0\n");
+}
+
 TEST_F(ctl_bitmap, ranges_end_with_the_disk) {
   set_incr({0x0b, 0xfe});  // behind the last extent's bit nothing counts
   EXPECT_EQ(d->must({"bmp", "show", "zorv0", "incr"}),
@@ -82,6 +101,7 @@ TEST_F(ctl_bitmap, what_is_taken_arrives_or_is_put_back) {
   ASSERT_EQ(::chmod((dir / "kept").c_str(), 0640), 0);
   const std::string link = dir / "link";
   ASSERT_EQ(::symlink("kept", link.c_str()), 0);
+  ASSERT_EQ(::symlink("/proc/self/fd/1", (dir / "stdout").c_str()), 0);
   // In the folder, with syncs of files named "synced" failing.
   write_file(dir / "rules", bytes_of("fail synced 5\n"));
   const auto take = [&](const std::string& how) {
@@ -111,7 +131,7 @@ TEST_F(ctl_bitmap, what_is_taken_arrives_or_is_put_back) {
     const char* file;
   } outputs[] = {{">out", "out"},
                  {"-o - >out2", "out2"},
-                 {"-o /dev/stdout >out3", "out3"},
+                 {"-o stdout >out3", "out3"},
                  {"-o link", "kept"},
                  {"-o kept", "kept"}};
   for (const auto& to : outputs) {

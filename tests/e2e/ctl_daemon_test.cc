@@ -136,6 +136,13 @@ TEST_F(ctl_daemon, one_that_does_not_answer_is_told_from_one_that_is_busy) {
   const program_result r = d.ctl({"--limit", "1", "list"});
   EXPECT_EQ(r.status, 3);
   EXPECT_NE(r.err.find("zorvd is there but does not answer"), std::string::npos) << r.err;
+  std::vector<zorv_handle*> waiting;  // until nobody can connect any more
+  do {
+    waiting.push_back(zorv_open_within(d.control().c_str(), 50));
+  } while (waiting.back() != nullptr);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  EXPECT_EQ(d.ctl({"--limit", "1", "list"}).status, 3);
+  for (zorv_handle* z : waiting) zorv_close(z);
   d.signal(SIGCONT);
   EXPECT_EQ(d.must({"list"}), "no nodes\n");
 }

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "support/daemon.h"
+#include "zorv/client.h"
 
 using namespace zorv_test;
 using nlohmann::json;
@@ -129,9 +130,30 @@ TEST_F(ctl_node, digits_are_a_minor_only_if_no_node_has_that_name) {
   EXPECT_EQ(d->ctl_json({"info", ":1"}).at("name"), "b");
   EXPECT_EQ(d->ctl_json({"info", "--minor", "1"}).at("name"), "b");
   EXPECT_EQ(d->ctl_json({"bmp", "show", "incr", "--minor=1"}).at("minor"), 1);
-  const std::string files = dir / "zorv1.incr" + ", " + (dir / "zorv1.diff");
-  EXPECT_EQ(d->must({"del", ":1"}), "deleted b\nfiles that stay: " + files + "\n");
+  EXPECT_EQ(d->must({"del", ":1"}), "deleted b\nfiles that stay: " + (dir / "zorv1.disk") + "\n");
   EXPECT_EQ(d->ctl_json({"info", "1"}).at("minor"), 0);
+}
+
+TEST_F(ctl_node, more_nodes_than_one_list_of_the_driver_holds) {
+  EXPECT_EQ(d->end(SIGTERM), 0);
+  make_image(image + "2", 1000000);
+  d = std::make_unique<daemon_process>(std::vector<std::string>{
+      "--disk", image + ",name=disk", "--disk", image + "2,name=b", "zorv_max_blk_minor=300"});
+  add("data");
+  add("other", "b");
+  zorv_handle* z = zorv_open(d->control().c_str());
+  for (std::uint32_t i = 0; i < 260; ++i) {
+    zorv_add_snap_req req{.filter_minor = i % 2, .snap_minor = -1, .chunk_size = 65536};
+    const std::string file = dir / "cow" + std::to_string(i);
+    (file + "b").copy(req.cow_bmp_fname, sizeof req.cow_bmp_fname);
+    (file + "d").copy(req.cow_data_fname, sizeof req.cow_data_fname);
+    if (i == 259) req.name[0] = '1';
+    ASSERT_EQ(zorv_ioctl(z, ZORV_ADD_SNAP_NODE, &req), 0) << zorv_last_error(z);
+  }
+  zorv_close(z);
+  EXPECT_EQ(d->ctl_json({"list", "snap"}).size(), 260U);
+  EXPECT_THAT(d->ctl({"del", "1"}).err,
+              HasSubstr("1 is the name of minor 261 and the minor of other"));
 }
 
 TEST_F(ctl_node, disks_come_and_go) {

@@ -73,6 +73,13 @@ TEST_F(ctl_snap, is_taken_shown_and_resumed_after_a_restart) {
   d->must({"stop", "old"});
   d->must({"resume", "old", "--valid", "0"});
   EXPECT_THAT(d->must({"info", "old"}), HasSubstr("INVALID"));
+  d->must({"stop", "old"});
+  write("-P 3 1M 64k");
+  const program_result late = d->ctl({"resume", "old"});
+  EXPECT_EQ(late.status, 1);
+  EXPECT_THAT(late.out, testing::ContainsRegex("resumed old, but it is INVALID: .* missed writes"));
+  d->must({"stop", "old"});
+  EXPECT_EQ(d->ctl_json({"resume", "old"}, 1).at("snap_valid"), 0);
 }
 
 TEST_F(ctl_snap, a_stop_that_has_to_wait_is_shown) {
@@ -123,6 +130,19 @@ TEST_F(ctl_snap, what_is_deleted_is_said_and_asked) {
   EXPECT_EQ(no.status, 1);
   EXPECT_THAT(no.out, HasSubstr("Delete the snap old (minor 1) and the COW files " + files + "?"));
   EXPECT_EQ(d->ctl_json({"info", "old"}).at("started"), 0) << "it is still there";
+  // Another node of its name by the time that the answer comes.
+  const std::string ctl = ZORVCTL_PATH " --socket " + d->control() + " ";
+  const program_result late = run_program(
+      {"sh", "-c",
+       "cd " + dir.path() +
+           "; (for i in $(seq 400); do grep -q y/N said && break; sleep .02; done; " + ctl +
+           "del -y old >&2; " + ctl +
+           "add-snap data --chunk-size 64K --cow-dir cow --name old >&2; echo y) | script -qefc '" +
+           ctl + "del old' said"});
+  EXPECT_EQ(late.status, 1);
+  EXPECT_THAT(late.out, HasSubstr("old has gone; nothing was deleted"));
+  d->must({"start", "old"});
+  d->must({"stop", "old"});
   const program_result yes = at_terminal("y\n");
   EXPECT_EQ(yes.status, 0) << yes.out;
   EXPECT_THAT(yes.out, HasSubstr("files deleted: " + files));

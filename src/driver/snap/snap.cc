@@ -58,7 +58,8 @@ void zorv_snap_build_datablock_map(u32 snap_minor) {
   if (bdev == nullptr) return;
   // An open node is neither stopped nor removed, so its record stays.
   auto* snap = static_cast<zorv_blkdev*>(bdev->bd_disk->private_data);
-  if (snap->dev_type == ZORV_DEV_SNAP && snap->s.datablock_bmp.valid.load() == 0) {
+  if (snap->dev_type == ZORV_DEV_SNAP && snap->s.snap_valid.load() != 0 &&
+      snap->s.datablock_bmp.valid.load() == 0) {
     (void)zorv_blkbmp_read(&snap->s.datablock_bmp, bdev, static_cast<s32>(snap->s.chunk_size));
   }
   zorv_close_bdev(bdev);

@@ -132,8 +132,7 @@ control_session::next control_session::run_ioctl(const zorv_ctl_request& request
   reply.buffer_offset = static_cast<std::uint32_t>(buffer.written_begin);
   reply.buffer_bytes = static_cast<std::uint32_t>(buffer.written_end - buffer.written_begin);
   note_taken(request, &reply);
-  return send_reply(reply, record_.data(), buffer_.data() + reply.buffer_offset,
-                    reply.result < 0 ? reason.text() : "");
+  return send_reply(reply, record_.data(), buffer_.data() + reply.buffer_offset, reason.text());
 }
 
 int control_session::carry_out(const zorv_ctl_request& request, message_space* space) {
