@@ -1,18 +1,42 @@
 # SPDX-License-Identifier: GPL-2.0-only
 # bash completion for zorvctl
+#
+# Names of nodes, disks and files are other people's words: they are compared and inserted, never
+# expanded, so compgen -W is not for them.
+
+# The "name"s of a JSON document.
+_zorvctl_names() {
+  sed -n 's/^ *"name": "\(.*\)",\{0,1\}$/\1/p' | sed 's/\\\(["\\]\)/\1/g'
+}
+
 _zorvctl_nodes() {
-  "${words[@]:0:1}" "${socket[@]}" --json list "$@" 2>/dev/null |
-    sed -n 's/^ *"name": "\(.*\)",\{0,1\}$/\1/p'
+  "${words[@]:0:1}" "${socket[@]}" --json list "$@" 2>/dev/null | _zorvctl_names
 }
 
 _zorvctl_disks() {
-  "${words[@]:0:1}" "${socket[@]}" --json disks 2>/dev/null |
-    sed -n 's/^ *"name": "\(.*\)",\{0,1\}$/\1/p'
+  "${words[@]:0:1}" "${socket[@]}" --json disks 2>/dev/null | _zorvctl_names
+}
+
+# Those of the lines that begin with the word, which may be quoted by backslashes; quoted.
+_zorvctl_reply() {
+  local word=${cur//\\/} line
+  while IFS= read -r line; do
+    [[ -n $line && ${line:0:${#word}} == "$word" ]] || continue
+    printf -v line %q "$line"
+    COMPREPLY+=("$line")
+  done <<<"$1"
+}
+
+# Files or, with -d, directories; readline quotes them.
+_zorvctl_files() {
+  compopt -o filenames 2>/dev/null
+  mapfile -t COMPREPLY < <(compgen "$1" -- "$cur")
 }
 
 _zorvctl_proc() {
-  local dir=${cur%"${cur##*/}"}
-  "${words[@]:0:1}" "${socket[@]}" proc ls "${dir:-zorv}" 2>/dev/null | sed "s|^|$dir|"
+  local dir=${cur%"${cur##*/}"} entry
+  "${words[@]:0:1}" "${socket[@]}" proc ls "${dir:-zorv}" 2>/dev/null |
+    while IFS= read -r entry; do printf '%s\n' "$dir$entry"; done
 }
 
 _zorvctl() {
@@ -40,12 +64,13 @@ _zorvctl() {
     esac
   done
 
-  local IFS=$'\n' options="" answers=""
+  local options="" answers=""
+  COMPREPLY=()
   case $prev in
-    --socket | -o | --output | --cow-bmp | --cow-data) COMPREPLY=($(compgen -f -- "$cur")) && return ;;
-    --bmp-dir | --cow-dir) COMPREPLY=($(compgen -d -- "$cur")) && return ;;
-    --valid | --stop-pending | --del-pending) COMPREPLY=($(compgen -W $'0\n1' -- "$cur")) && return ;;
-    --extent-size | --chunk-size) COMPREPLY=($(compgen -W $'4K\n64K\n256K\n1M' -- "$cur")) && return ;;
+    --socket | -o | --output | --cow-bmp | --cow-data) _zorvctl_files -f && return ;;
+    --bmp-dir | --cow-dir) _zorvctl_files -d && return ;;
+    --valid | --stop-pending | --del-pending) _zorvctl_reply $'0\n1' && return ;;
+    --extent-size | --chunk-size) _zorvctl_reply $'4K\n64K\n256K\n1M' && return ;;
     --minor | --name | --uuid | --limit) return ;;
   esac
   case $command:$sub:$at in
@@ -91,11 +116,11 @@ _zorvctl() {
     proc:*:0) answers=$(_zorvctl_proc) ;;
   esac
   [[ $cur == -* ]] && answers=$options$'\n--help'
-  COMPREPLY=($(compgen -W "$answers" -- "$cur"))
+  _zorvctl_reply "$answers"
   case $command:$sub:$at in
     attach:* | add-filter:* | datablock:test:* | bmp:set:2 | bmp:merge:2)
-      [[ $cur == -* ]] || COMPREPLY+=($(compgen -f -- "$cur"))
+      [[ $cur == -* ]] || ((${#COMPREPLY[@]})) || _zorvctl_files -f
       ;;
   esac
 }
-complete -o filenames -F _zorvctl zorvctl
+complete -F _zorvctl zorvctl

@@ -2,6 +2,8 @@
 // Nodes, disks and the status tree as zorvctl shows them, to people and to scripts.
 #include <gmock/gmock.h>
 
+#include <filesystem>
+
 #include "support/daemon.h"
 #include "zorv/client.h"
 
@@ -154,6 +156,23 @@ TEST_F(ctl_node, more_nodes_than_one_list_of_the_driver_holds) {
   EXPECT_EQ(d->ctl_json({"list", "snap"}).size(), 260U);
   EXPECT_THAT(d->ctl({"del", "1"}).err,
               HasSubstr("1 is the name of minor 261 and the minor of other"));
+}
+
+TEST_F(ctl_node, a_completed_name_is_not_carried_out) {
+  const std::string name = "$(touch '" + (dir / "carried_out") + "')";
+  add(name);
+  const auto complete = [&](const std::string& words, const std::string& word) {
+    return run_program({"bash", "-c",
+                        "source " COMPLETION_PATH "; COMP_WORDS=(" ZORVCTL_PATH " --socket '" +
+                            d->control() + "' " + words + " '" + word +
+                            "'); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zorvctl; "
+                            "eval printf '%s\\\\n' \"${COMPREPLY[@]}\""});
+  };
+  EXPECT_EQ(complete("del", "").out, name + "\n");
+  EXPECT_EQ(complete("info", "\\$\\(").out, name + "\n");
+  EXPECT_EQ(complete("start", "x").out, "\n");
+  EXPECT_EQ(complete("bmp", "get").out, "get\nget-clear\n");
+  EXPECT_FALSE(std::filesystem::exists(dir / "carried_out"));
 }
 
 TEST_F(ctl_node, disks_come_and_go) {
