@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "cli/bitmap_file.h"
+#include "cli/text.h"
 
 namespace zorv::cli {
 namespace {
@@ -46,7 +47,7 @@ int report(const invocation& inv, const failure& e) {
     std::cout << dump({{"error", error}}) << std::flush;
   }
   if (!inv.as_json || !std::cout) {
-    std::cerr << "zorvctl: " << where << e.what();
+    std::cerr << "zorvctl: " << where << printable(e.what());
     if (e.number != 0) std::cerr << " (" << errno_name(e.number) << ", " << e.number << ")";
     std::cerr << "\n";
   }

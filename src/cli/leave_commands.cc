@@ -2,13 +2,11 @@
 // Stopping and deleting. Both can be postponed: a snapshot goes on serving the older ones until
 // they have stopped. And a deletion takes files with it, which has to be said before and after.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <iostream>
 #include <thread>
 
 #include "cli/cli.h"
@@ -26,19 +24,8 @@ struct leave_args {
 
 std::string joined(const std::vector<std::string>& words) {
   std::string text;
-  for (const std::string& word : words) text += (text.empty() ? "" : ", ") + word;
+  for (const std::string& word : words) text += (text.empty() ? "" : ", ") + printable(word);
   return text;
-}
-
-// The node as it is now, or nothing when it is gone, another of its minor included.
-std::optional<zorv_info_req> still(session& s, const zorv_info_req& node) {
-  zorv_info_req now{};
-  now.minor = node.minor;
-  const int error = s.try_command(ZORV_GET_INFO, &now);
-  if (error == EINVAL) return {};
-  if (error != 0) s.check(-1, "ZORV_GET_INFO");
-  if (std::memcmp(now.uuid, node.uuid, sizeof now.uuid) != 0) return {};
-  return now;
 }
 
 // Snaps of a filter, oldest instant first.
@@ -76,14 +63,16 @@ std::vector<std::string> bitmap_files(const zorv_info_req& node) {
   return {incr, field(node.diff_bmp_fname), stem + ".disk", stem + ".snaps"};
 }
 
-// The COW files that go with a node: its own, a filter's snaps'. Those that are there.
+// The COW files that go with a node: its own, a filter's snaps'. Those that are there; a snap that
+// was started has them, so that a folder in which everything hangs is not looked at.
 std::vector<std::string> cow_files(session& s, const zorv_info_req& node) {
   const bool filter = node.dev_type == ZORV_DEV_FILTER;
   std::vector<std::string> files;
   for (const zorv_info_req& snap :
        filter ? snaps_of(s, node.minor) : std::vector<zorv_info_req>{node}) {
+    const bool there = copied_bytes(s, snap.minor).has_value();
     for (const std::string& file : {field(snap.cow_bmp_fname), field(snap.cow_data_fname)}) {
-      if (exists(file)) files.push_back(file);
+      if (there || exists(file)) files.push_back(file);
     }
   }
   return files;
@@ -137,28 +126,18 @@ answer stop(session& s, const leave_args& args) {
   return result;
 }
 
-// Asks the person at the terminal, if there is one.
-void ask(const leave_args& args, const zorv_info_req& node, const std::vector<std::string>& files) {
-  if (args.yes || ::isatty(STDIN_FILENO) == 0) return;
+std::string question(const zorv_info_req& node, const std::vector<std::string>& files) {
   const bool filter = node.dev_type == ZORV_DEV_FILTER;
-  std::cerr << "Delete the " << (filter ? "filter " : "snap ") << field(node.name) << " (minor "
-            << node.minor << ")" << (filter && node.snap_cnt != 0 ? ", all its snaps" : "");
-  if (!files.empty()) std::cerr << " and the COW files " << joined(files);
-  std::cerr << "? [y/N] " << std::flush;
-  std::string line;
-  std::getline(std::cin, line);
-  if (line != "y" && line != "Y" && line != "yes") {
-    throw failure(status_refused, ECANCELED, "nothing was deleted");
-  }
+  return std::string("Delete the ") + (filter ? "filter " : "snap ") + field(node.name) +
+         " (minor " + std::to_string(node.minor) + ")" +
+         (filter && node.snap_cnt != 0 ? ", all its snaps" : "") +
+         (files.empty() ? "" : " and the COW files " + joined(files)) + "?";
 }
 
 answer del(session& s, const leave_args& args) {
   const zorv_info_req node = node_info(s, args.node);
   const std::vector<std::string> files = cow_files(s, node);
-  ask(args, node, files);
-  if (!still(s, node)) {
-    throw failure(status_refused, ENOENT, field(node.name) + " has gone; nothing was deleted");
-  }
+  if (!args.yes) ask(s, node, question(node, files), "nothing was deleted");
   answer result = leave(s, args, node, ZORV_DEL_NODE);
   if (!result.text.empty()) return result;
   std::vector<std::string> kept;

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "cli/nodes.h"
 
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <bit>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
-#include <fstream>
+#include <cstring>
+#include <iostream>
 
 #include "cli/text.h"
 
@@ -125,6 +125,30 @@ std::vector<zorv_info_req> all_nodes(session& s, std::uint32_t dev_type) {
   return nodes;
 }
 
+std::optional<zorv_info_req> still(session& s, const zorv_info_req& node) {
+  zorv_info_req now{};
+  now.minor = node.minor;
+  const int error = s.try_command(ZORV_GET_INFO, &now);
+  if (error == EINVAL) return {};
+  if (error != 0) s.check(-1, "ZORV_GET_INFO");
+  if (std::memcmp(now.uuid, node.uuid, sizeof now.uuid) != 0) return {};
+  return now;
+}
+
+void ask(session& s, const zorv_info_req& node, const std::string& question,
+         const std::string& otherwise) {
+  if (::isatty(STDIN_FILENO) == 0) return;
+  std::cerr << printable(question) << " [y/N] " << std::flush;
+  std::string line;
+  std::getline(std::cin, line);
+  if (line != "y" && line != "Y" && line != "yes") {
+    throw failure(status_refused, ECANCELED, otherwise);
+  }
+  if (!still(s, node)) {
+    throw failure(status_refused, ENOENT, field(node.name) + " has gone; " + otherwise);
+  }
+}
+
 json info_document(const zorv_info_req& info) {
   json doc = {{"minor", info.minor},     {"dev_type", info.dev_type}, {"dev_size", info.dev_size},
               {"started", info.started}, {"use_cnt", info.use_cnt},   {"uuid", field(info.uuid)},
@@ -158,27 +182,8 @@ json info_document(const zorv_info_req& info) {
   return doc;
 }
 
-constexpr std::streamoff cow_seal_bytes = 4096;  // behind the bits of a COW bitmap file
-
-cow_progress snap_progress(const zorv_info_req& info) {
-  cow_progress progress;
-  struct stat st {};
-  if (::stat(field(info.cow_data_fname).c_str(), &st) == 0) {
-    progress.allocated_bytes = static_cast<std::uint64_t>(st.st_blocks) * 512;
-  }
-  std::ifstream file(field(info.cow_bmp_fname), std::ios::binary | std::ios::ate);
-  if (!file) return progress;
-  std::uint64_t chunks = 0;
-  std::vector<char> bytes(1 << 20);
-  std::streamoff left = std::streamoff{file.tellg()} - cow_seal_bytes;
-  for (file.seekg(0); left > 0 && file; left -= file.gcount()) {
-    file.read(bytes.data(), std::min(left, static_cast<std::streamoff>(bytes.size())));
-    for (std::streamsize i = 0; i < file.gcount(); ++i) {
-      chunks += static_cast<unsigned>(std::popcount(static_cast<unsigned char>(bytes[i])));
-    }
-  }
-  if (file) progress.copied_bytes = chunks * info.chunk_size;
-  return progress;
+std::optional<std::uint64_t> copied_bytes(session& s, std::uint32_t snap_minor) {
+  return status_number(s, snap_minor, "copied_bytes");
 }
 
 std::optional<std::uint64_t> queue_length(session& s, std::uint32_t filter_minor) {

@@ -33,15 +33,21 @@ inline constexpr char node_help[] = "name, :MINOR, or --minor N in its place";
 // Nodes of the type (0: both, filters first), by minor. A node that goes meanwhile is left out.
 [[nodiscard]] std::vector<zorv_info_req> all_nodes(session& s, std::uint32_t dev_type);
 
+// The node as it is now, or nothing when it is gone, another of its minor included.
+[[nodiscard]] std::optional<zorv_info_req> still(session& s, const zorv_info_req& node);
+
+// Asks the person at the terminal, if there is one, about the node. Throws unless the answer is
+// yes and it is still that node.
+//   otherwise  what holds then: "nothing was deleted"
+void ask(session& s, const zorv_info_req& node, const std::string& question,
+         const std::string& otherwise);
+
 // The record's fields for its type under their names.
 [[nodiscard]] json info_document(const zorv_info_req& info);
 
-// What a snapshot's COW files tell, where they can be read from here.
-struct cow_progress {
-  std::optional<std::uint64_t> copied_bytes;     // chunks that are marked as copied
-  std::optional<std::uint64_t> allocated_bytes;  // what the COW data file takes on disk
-};
-[[nodiscard]] cow_progress snap_progress(const zorv_info_req& info);
+// What a snapshot's COW files hold, by the status tree: the files may be where everything hangs.
+// Nothing before its first start or resume.
+[[nodiscard]] std::optional<std::uint64_t> copied_bytes(session& s, std::uint32_t snap_minor);
 
 // Requests that wait in a filter's COW queue, by the status tree.
 [[nodiscard]] std::optional<std::uint64_t> queue_length(session& s, std::uint32_t filter_minor);

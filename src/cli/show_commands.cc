@@ -40,9 +40,7 @@ json full_document(session& s, const zorv_info_req& info) {
     return document;
   }
   if (const auto filter = filter_of(s, info.minor)) document["filter_minor"] = *filter;
-  const cow_progress progress = snap_progress(info);
-  if (progress.copied_bytes) document["copied_bytes"] = *progress.copied_bytes;
-  if (progress.allocated_bytes) document["cow_data_allocated"] = *progress.allocated_bytes;
+  if (const auto copied = copied_bytes(s, info.minor)) document["copied_bytes"] = *copied;
   return document;
 }
 
@@ -63,8 +61,8 @@ answer list(session& s, const std::string& which) {
   const std::uint32_t type = which.empty()       ? 0
                              : which == "filter" ? ZORV_DEV_FILTER
                                                  : ZORV_DEV_SNAP;
-  table rows({">MINOR", "NAME", "TYPE", "STATE", ">SIZE", ">UNIT", ">OPEN", ">COPIED", ">COWFILE",
-              ">QUEUE", "OVER"});
+  table rows(
+      {">MINOR", "NAME", "TYPE", "STATE", ">SIZE", ">UNIT", ">OPEN", ">COPIED", ">QUEUE", "OVER"});
   json documents = json::array();
   std::string trouble;
   for (const zorv_info_req& info : all_nodes(s, type)) {
@@ -73,11 +71,12 @@ answer list(session& s, const std::string& which) {
     rows.row({std::to_string(info.minor), field(info.name), filter ? "filter" : "snap",
               state_of(info), show_size(info.dev_size),
               show_size(filter ? info.extent_size : info.chunk_size), std::to_string(info.use_cnt),
-              size_cell(document, "copied_bytes"), size_cell(document, "cow_data_allocated"),
+              size_cell(document, "copied_bytes"),
               document.contains("cowqueue_len") ? document["cowqueue_len"].dump() : "-",
               below(s, info, document)});
     std::istringstream said(document.value("bmp_trouble", ""));
-    for (std::string one; std::getline(said, one);) trouble += field(info.name) + ": " + one + "\n";
+    for (std::string one; std::getline(said, one);)
+      trouble += printable(field(info.name) + ": " + one) + "\n";
     documents.push_back(std::move(document));
   }
   const std::string text = documents.empty() ? "no nodes\n" : rows.text() + trouble;
@@ -108,7 +107,7 @@ std::string bitmap_line(session& s, const zorv_info_req& info, std::uint32_t typ
 std::string line(const char* label, const std::string& value) {
   std::string text = std::string("  ") + label;
   text.resize(16, ' ');
-  return text + value + "\n";
+  return text + printable(value) + "\n";
 }
 
 std::string filter_text(session& s, const zorv_info_req& info) {
@@ -130,13 +129,11 @@ std::string filter_text(session& s, const zorv_info_req& info) {
 
 std::string snap_text(session& s, const zorv_info_req& info) {
   const auto filter = filter_of(s, info.minor);
-  const cow_progress progress = snap_progress(info);
   return line("filter", filter ? "minor " + std::to_string(*filter) : "-") +
          line("chunks", std::to_string(info.chunk_cnt) + " of " + show_size(info.chunk_size)) +
-         line("copied", size_or_dash(progress.copied_bytes)) +
+         line("copied", size_or_dash(copied_bytes(s, info.minor))) +
          line("COW data", field(info.cow_data_fname)) +
-         line("", size_or_dash(progress.allocated_bytes) + " on disk, " +
-                      show_size(info.cow_data_size) + " long") +
+         line("", show_size(info.cow_data_size) + " long, with holes") +
          line("COW bitmap", field(info.cow_bmp_fname));
 }
 
@@ -147,7 +144,7 @@ answer info(session& s, const std::string& node) {
   document["uri"] = uri;
   const bool filter = record.dev_type == ZORV_DEV_FILTER;
   std::string text =
-      field(record.name) + ": " + (filter ? "filter" : "snap") + ", minor " +
+      printable(field(record.name)) + ": " + (filter ? "filter" : "snap") + ", minor " +
       std::to_string(record.minor) + "\n" + line("uuid", field(record.uuid)) +
       line("state", state_of(record) + ", open " + std::to_string(record.use_cnt) +
                         (record.use_cnt == 1 ? " time" : " times")) +

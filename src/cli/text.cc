@@ -51,6 +51,24 @@ std::string show_size(std::uint64_t bytes) {
   return text;
 }
 
+std::string printable(std::string_view text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+    const bool second_set = c == 0xc2 && next >= 0x80 && next < 0xa0;  // U+0080 to U+009F
+    if (c >= 0x20 && c != 0x7f && !second_set) {
+      out += text[i];
+      continue;
+    }
+    char code[5];
+    std::snprintf(code, sizeof code, "\\x%02x", second_set ? next : c);
+    out += code;
+    if (second_set) ++i;
+  }
+  return out;
+}
+
 std::string percent_encode(std::string_view text) {
   static constexpr std::string_view safe = "-._~/";
   std::string out;
@@ -78,6 +96,11 @@ void fill_field(char* to, std::size_t bytes, const std::string& from, const char
   }
   std::memset(to, 0, bytes);
   from.copy(to, bytes - 1);
+}
+
+void table::row(std::vector<std::string> cells) {
+  for (std::string& cell : cells) cell = printable(cell);
+  rows_.push_back(std::move(cells));
 }
 
 std::string table::text() const {

@@ -16,6 +16,9 @@ namespace zorv::cli {
 // "64K", "1.5G", "512": short, for people.
 [[nodiscard]] std::string show_size(std::uint64_t bytes);
 
+// What could move the cursor or begin a line becomes \xHH.
+[[nodiscard]] std::string printable(std::string_view text);
+
 // What is safe in the path of a URI stays, the rest becomes %XX.
 [[nodiscard]] std::string percent_encode(std::string_view text);
 
@@ -40,7 +43,7 @@ void fill(char (&to)[N], const std::string& from, const char* what) {
 class table {
  public:
   explicit table(std::vector<std::string> titles) : titles_(std::move(titles)) {}
-  void row(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+  void row(std::vector<std::string> cells);
   [[nodiscard]] std::string text() const;
 
  private:

@@ -176,15 +176,16 @@ TEST_F(ctl_node, a_completed_name_is_not_carried_out) {
 }
 
 TEST_F(ctl_node, disks_come_and_go) {
-  make_image(dir / "b.raw", 1 << 20);
-  EXPECT_EQ(d->must({"attach", dir / "b.raw", "--read-only"}), "/dev/image/b\n");
+  const std::string path = dir / "b.\n\x1b[31mraw";
+  make_image(path, 1 << 20);
+  EXPECT_EQ(d->must({"attach", path, "--read-only"}), "/dev/image/b\n");
+  EXPECT_THAT(d->must({"disks"}), HasSubstr("b.\\x0a\\x1b[31mraw\n"));
   const json disks = d->ctl_json({"disks"});
   ASSERT_EQ(disks.size(), 2U);
-  EXPECT_EQ(disks[1], json({{"name", "b"},
-                            {"path", dir / "b.raw"},
-                            {"size", 1 << 20},
-                            {"read_only", true},
-                            {"openers", 0}}));
+  EXPECT_EQ(
+      disks[1],
+      json(
+          {{"name", "b"}, {"path", path}, {"size", 1 << 20}, {"read_only", true}, {"openers", 0}}));
   d->ctl_json({"add-filter", "b", "--extent-size", "64K", "--bmp-dir", dir.path()}, 1);
   EXPECT_EQ(d->must({"detach", "/dev/image/b"}), "detached b\n");
   EXPECT_EQ(d->ctl_json({"disks"}).size(), 1U);
