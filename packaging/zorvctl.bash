@@ -98,9 +98,10 @@ _zorvctl() {
       options=$'--minor\n--wait'
       [ "$command" = del ] && options+=$'\n--yes'
       ;;
-    start::0 | info::0 | uri::0)
-      answers=$(_zorvctl_nodes)
+    start::* | info::0 | uri::0)
+      ((at)) || answers=$(_zorvctl_nodes)
       options=$'--minor'
+      [ "$command" = start ] && options+=$'\n--yes'
       ;;
     bmp::*) answers=$'get\nget-clear\nset\nmerge\nclear\nsave\nload\nshow' ;;
     bmp:*:0) answers=$(_zorvctl_nodes filter) ;;

@@ -10,6 +10,7 @@
 #include <random>
 
 #include "cli/cli.h"
+#include "cli/cow_file.h"
 #include "cli/nodes.h"
 #include "cli/text.h"
 
@@ -73,10 +74,16 @@ std::string snap_file_stem(std::string filter) {
   return filter + "-" + time + number;
 }
 
-// Two snaps that wrote to the same files would destroy each other.
+// Two snaps that wrote to the same files would destroy each other, and a start empties whatever is
+// there.
 void refuse_shared_files(session& s, const zorv_add_snap_req& req) {
   const std::string wanted[] = {field(req.cow_bmp_fname), field(req.cow_data_fname)};
   if (wanted[0] == wanted[1]) throw failure(status_usage, 0, "the COW files must be two files");
+  for (const std::string& file : wanted) {
+    if (look_at_cow_file(file) == cow_file::foreign) {
+      throw failure(status_refused, EEXIST, file + " is there already and is no COW file");
+    }
+  }
   for (const zorv_info_req& other : all_nodes(s, ZORV_DEV_SNAP)) {
     for (const std::string& file : wanted) {
       if (file == field(other.cow_bmp_fname) || file == field(other.cow_data_fname)) {
@@ -136,10 +143,36 @@ answer running(session& s, std::uint32_t minor, bool expected, std::string text,
   return result;
 }
 
-answer start(session& s, const std::string& node) {
-  zorv_node_req req{find_node(s, node)};
+struct start_args {
+  std::string node;
+  bool yes = false;
+};
+
+// Whether a start would put an end to a snapshot that a resume may bring back.
+bool holds_snapshot(const zorv_info_req& node) {
+  return node.dev_type == ZORV_DEV_SNAP && node.started == 0 &&
+         look_at_cow_file(field(node.cow_bmp_fname)) == cow_file::sealed &&
+         look_at_cow_file(field(node.cow_data_fname)) == cow_file::sealed;
+}
+
+answer start(session& s, const start_args& args) {
+  zorv_info_req node{};
+  node.minor = find_node(s, args.node);
+  const bool replaces = s.try_command(ZORV_GET_INFO, &node) == 0 && holds_snapshot(node);
+  if (replaces && !args.yes) {
+    ask(s, node,
+        "The COW files of " + field(node.name) +
+            " hold a snapshot, which resume brings back. Take a new one in its place?",
+        "nothing was started");
+  }
+  zorv_node_req req{node.minor};
   s.command(ZORV_START_NODE, &req);
-  return running(s, req.minor, true, "started " + node, {{"minor", req.minor}});
+  json document = {{"minor", req.minor}};
+  if (replaces) document["replaced"] = true;
+  return running(s, req.minor, true,
+                 "started " + args.node +
+                     (replaces ? " in place of the snapshot that its COW files held" : ""),
+                 std::move(document));
 }
 
 struct resume_values {
@@ -237,11 +270,12 @@ void add_resume(CLI::App* app, invocation* inv) {
 void add_node_commands(CLI::App* app, invocation* inv) {
   add_add_filter(app, inv);
   add_add_snap(app, inv);
-  auto node = std::make_shared<std::string>();
-  add_command(app, inv, "start", "start a node: a filter is served, a snapshot is taken",
-              [node](session& s) { return start(s, *node); })
-      ->add_option("NODE", *node, node_help)
-      ->required();
+  auto args = std::make_shared<start_args>();
+  CLI::App* command =
+      add_command(app, inv, "start", "start a node: a filter is served, a snapshot is taken",
+                  [args](session& s) { return start(s, *args); });
+  command->add_option("NODE", args->node, node_help)->required();
+  command->add_flag("-y,--yes", args->yes, "do not ask at a terminal");
   add_resume(app, inv);
 }
 

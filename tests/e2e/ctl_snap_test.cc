@@ -58,12 +58,14 @@ TEST_F(ctl_snap, is_taken_shown_and_resumed_after_a_restart) {
   write("-P 2 3M 128k");
   expect_bytes("old", "1 1M 64k");
   expect_bytes("data", "2 1M 64k");
+  // What the files hold is told without a look at them: their folder may be what hangs.
+  ASSERT_EQ(::rename((dir / "cow").c_str(), (dir / "away").c_str()), 0);
   const json info = d->ctl_json({"info", "old"});
   EXPECT_EQ(info.at("snap_valid"), 1);
   EXPECT_EQ(info.at("copied_bytes"), 3 * 65536);
-  EXPECT_GE(info.at("cow_data_allocated"), 65536);
   EXPECT_EQ(d->ctl_json({"info", "data"}).at("snap_minors"), json::array({1}));
   EXPECT_THAT(d->must({"list", "snap"}), HasSubstr("old   snap  valid    8M   64K     0    192K"));
+  ASSERT_EQ(::rename((dir / "away").c_str(), (dir / "cow").c_str()), 0);
 
   EXPECT_EQ(d->end(SIGTERM), 0) << d->log();
   serve();
@@ -93,6 +95,11 @@ TEST_F(ctl_snap, a_stop_that_has_to_wait_is_shown) {
                                   "--cow-data", dir / "cow/older.cowdata"},
                                  1);
   EXPECT_EQ(error.at("error").at("errno"), EEXIST) << "nobody shares a snapshot's files";
+  write_file(dir / "thesis", bytes(10, 'x'));
+  EXPECT_THAT(d->ctl({"add-snap", "data", "--chunk-size", "64K", "--cow-bmp", dir / "x",
+                      "--cow-data", dir / "thesis"})
+                  .err,
+              HasSubstr("thesis is there already and is no COW file"));
   d->must({"start", "older"});
   d->must({"start", "zorv2"});
   EXPECT_EQ(d->must({"stop", "zorv2"}),
@@ -120,12 +127,17 @@ TEST_F(ctl_snap, what_is_deleted_is_said_and_asked) {
   d->must({"stop", "old"});
   const std::string files = snap.at("cow_bmp_fname").get<std::string>() + ", " +
                             snap.at("cow_data_fname").get<std::string>();
-  const auto at_terminal = [&](const std::string& input) {
+  const auto at_terminal = [&](const std::string& input, const std::string& command = "del") {
     return run_program(
-        {"script", "-qec", std::string(ZORVCTL_PATH) + " --socket " + d->control() + " del old",
+        {"script", "-qec", ZORVCTL_PATH " --socket " + d->control() + " " + command + " old",
          "/dev/null"},
         input);
   };
+  EXPECT_THAT(at_terminal("n\n", "start").out, HasSubstr("old hold a snapshot, which resume"));
+  d->must({"resume", "old"});
+  d->must({"stop", "old"});
+  EXPECT_THAT(d->must({"start", "old"}), HasSubstr("in place of the snapshot"));
+  d->must({"stop", "old"});
   const program_result no = at_terminal("n\n");
   EXPECT_EQ(no.status, 1);
   EXPECT_THAT(no.out, HasSubstr("Delete the snap old (minor 1) and the COW files " + files + "?"));
