@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Opening and closing nodes, commands of block devices, requests that cannot be served.
+#include <thread>
+
 #include "driver/block/block.h"
 #include "driver/core/log.h"
 #include "kernel/module.h"
@@ -43,6 +45,30 @@ TEST_F(bdops_test, openers_are_counted_and_only_a_started_node_has_any) {
   EXPECT_EQ(log.count("Unable to find zorv(100, 9)"), 2);
   EXPECT_TRUE(log.has("zorv_block_ioctl(): Unknown device zorv(100, 9)"));
   EXPECT_EQ(kernel::module_refcount(), 0);
+}
+
+TEST_F(bdops_test, a_close_whose_save_hangs_keeps_nobody_from_opening_and_closing) {
+  const u32 m = add_started_filter(disk.path());
+  const auto first = std::make_unique<client>(m);
+  std::atomic<bool> closed{false};
+  std::thread closing;
+  {
+    rzmutex_guard hangs(&zorv_blkdev_arr[m]->f.save_mutex);
+    EXPECT_EQ(first->fill(0, 512, 1), 0);
+    closing = std::thread([&] {
+      first->close();
+      closed = true;
+    });
+    EXPECT_TRUE(eventually([&] { return zorv_blkdev_arr[m]->f.closes.load() == 1; }));
+    client second(m);
+    EXPECT_EQ(second.fill(65536, 512, 2), 0);
+    second.close();
+    EXPECT_FALSE(closed);
+    EXPECT_EQ(stop(m), -EBUSY);  // the first is not through
+  }
+  closing.join();
+  EXPECT_EQ(zorv_blkdev_arr[m]->f.incr_bmp_dirty.load(), 0U);  // for both of them
+  EXPECT_EQ(stop(m), 0);
 }
 
 TEST_F(bdops_test, device_commands_go_to_the_hdd) {

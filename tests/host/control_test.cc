@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <list>
 #include <memory>
 
 #include "host/control/server.h"
@@ -62,6 +63,7 @@ class raw_peer {
     pollfd p{fd_.get(), POLLIN, 0};
     return ::poll(&p, 1, 10000) == 1;
   }
+  [[nodiscard]] int fd() const { return fd_.get(); }
   void end_of_sending() { ::shutdown(fd_.get(), SHUT_WR); }
   void close() { fd_.reset(); }
 
@@ -395,6 +397,40 @@ TEST_F(control_test, connections_and_buffers_are_bounded) {
   EXPECT_EQ(zorv_daemon_info(c.get(), &info), -1);
   EXPECT_EQ(errno, EBUSY);
   EXPECT_NE(std::string(zorv_last_error(c.get())).find("too many"), std::string::npos);
+}
+
+TEST_F(control_test, a_node_whose_commands_hang_leaves_room_for_others) {
+  memory_disk other{"d1", 1 << 24};
+  add_started_filter(disk.path());
+  add_started_filter(other.path());
+  serve();
+  std::list<raw_peer> peers;
+  const auto save = [&peers](u32 minor) {
+    const zorv_bmp_req record{.minor = minor, .type = ZORV_BMP_INCREMENTAL};
+    send(&peers.back(), request(ZORV_CTL_IOCTL, ZORV_SAVE_BMP),
+         {reinterpret_cast<const char*>(&record), sizeof record});
+  };
+  std::string text;
+  {
+    rzmutex_guard hangs(&zorv_blkdev_arr[0]->f.save_mutex);
+    EXPECT_TRUE(eventually([&] {
+      peers.emplace_back(options.socket_path);
+      save(0);
+      pollfd p{peers.back().fd(), POLLIN, 0};
+      return ::poll(&p, 1, 20) == 1;
+    }));
+    EXPECT_EQ(peers.size(), 25U);
+    EXPECT_EQ(peers.back().reply(&text).result, -EBUSY);
+    EXPECT_EQ(text, "too many commands wait for this node already");
+    save(1);
+    EXPECT_EQ(peers.back().reply(&text).result, 0);
+    const handle h = open();
+    zorv_info_req info{};
+    EXPECT_EQ(zorv_ioctl(h.get(), ZORV_GET_INFO, &info), 0);
+  }
+  for (raw_peer& p : peers) {
+    if (&p != &peers.back()) EXPECT_EQ(p.reply(&text).result, 0);
+  }
 }
 
 TEST_F(control_test, a_handle_outlives_its_daemon) {

@@ -53,6 +53,18 @@ int cannot_find(u32 minor, const char* caller) {
   return -EINVAL;
 }
 
+// Still open, so the filter is not stopped meanwhile; and who opens it waits for no folder. A
+// closer that finds another at it leaves what has come since to that one: a folder that hangs keeps
+// one.
+void save_at_close(zorv_filter* f) {
+  if (f->closes.fetch_add(1) != 0) return;
+  for (u32 seen = 1; seen != 0;) {
+    seen = f->closes.load();
+    (void)zorv_block_save_dirty_bmps(f);
+    if (f->closes.compare_exchange_strong(seen, 0)) seen = 0;
+  }
+}
+
 }  // namespace
 
 const kernel::block_device_operations zorv_bdops = {
@@ -104,8 +116,8 @@ int zorv_block_release(kernel::gendisk* disk, kernel::fmode_t) {
   zorv_log(2, "%s(): Releasing zorv(%d, %d)", __func__, zorv_blk_major, minor);
   const node_ref dev = zorv_node_get(minor);
   if (!dev) return cannot_find(minor, __func__);
+  if (dev->dev_type == ZORV_DEV_FILTER) save_at_close(&dev->f);
   rzmutex_guard guard(&dev->dev_mutex);
-  if (dev->dev_type == ZORV_DEV_FILTER) (void)zorv_block_save_dirty_bmps(&dev->f);
   if (dev->use_cnt.fetch_sub(1) == 1) dev->bdev = nullptr;
   kernel::module_put();
   return 0;

@@ -92,6 +92,7 @@ struct zorv_filter {
   std::atomic<u32> cow_left{0};     // copying tasks that hang in a file and were left behind
   // Snap starts and resumes under way; the filter is not stopped meanwhile. Raised under dev_mutex.
   std::atomic<u32> snaps_starting{0};
+  std::atomic<u32> closes{0};  // of the device, that the save which one of them does has to cover
   zorv_aio aio;
 };
 

@@ -19,6 +19,10 @@
 
 namespace zorv {
 
+namespace {
+constexpr unsigned max_commands_per_node = 24;
+}
+
 // One accepting thread and one thread per client. The accepting thread alone touches `clients`,
 // until stop() has joined it.
 struct control_server::impl {
@@ -31,6 +35,7 @@ struct control_server::impl {
   unix_listener listener;
   stop_signal stop;
   memory_budget memory;
+  command_slots slots{max_commands_per_node};
   std::thread acceptor;
   std::list<client> clients;
 
@@ -103,11 +108,11 @@ void control_server::impl::accept_loop() {
 
 void control_server::impl::serve(unique_fd fd) {
   if (clients.size() >= options.max_connections) {
-    control_session(std::move(fd), &stop, options, &memory)
+    control_session(std::move(fd), &stop, options, &memory, &slots)
         .refuse(-EBUSY, "too many connections to the control socket");
     return;
   }
-  auto session = std::make_unique<control_session>(std::move(fd), &stop, options, &memory);
+  auto session = std::make_unique<control_session>(std::move(fd), &stop, options, &memory, &slots);
   client& c = clients.emplace_back();
   try {
     c.thread = std::thread([&c, s = std::move(session)]() mutable {

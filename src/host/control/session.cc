@@ -121,6 +121,11 @@ control_session::next control_session::run_ioctl(const zorv_ctl_request& request
       {request.buffer_addr, buffer_.data(), buffer_.size(), buffer_allowed});
   zorv_ctl_reply reply{};
   reply.kind = ZORV_CTL_IOCTL;
+  const command_slots::slot slot(slots_, request.command, record_);
+  if (!slot) {
+    reply.result = -EBUSY;
+    return send_reply(reply, nullptr, nullptr, "too many commands wait for this node already");
+  }
   error_capture reason;
   reply.result = carry_out(request, &space);
   const message_space::segment& record = space.record();

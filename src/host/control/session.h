@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "host/control/command_slots.h"
 #include "host/control/memory_budget.h"
 #include "host/control/message_space.h"
 #include "host/control/server.h"
@@ -16,11 +17,12 @@ namespace zorv {
 class control_session {
  public:
   control_session(unique_fd fd, const stop_signal* stop, const control_options& options,
-                  memory_budget* memory)
+                  memory_budget* memory, command_slots* slots)
       : stop_(stop),
         stream_(std::move(fd), stop),
         options_(options),
-        memory_(memory, options.own_buffer_bytes) {}
+        memory_(memory, options.own_buffer_bytes),
+        slots_(slots) {}
   ~control_session();
   control_session(const control_session&) = delete;
   control_session& operator=(const control_session&) = delete;
@@ -62,6 +64,7 @@ class control_session {
   stream stream_;
   const control_options& options_;
   memory_share memory_;
+  command_slots* slots_;
   std::string record_;
   lazy_buffer buffer_;
   std::uint64_t buffer_share_bytes_ = 0;
