@@ -438,6 +438,11 @@ TEST_F(control_test, a_handle_outlives_its_daemon) {
   const handle h = open();
   zorv_daemon info{};
   ASSERT_EQ(zorv_daemon_info(h.get(), &info), 0);
+  EXPECT_EQ(zorv_detach(h.get(), "none"), -1);
+  EXPECT_STRNE(zorv_last_error(h.get()), "");
+  EXPECT_EQ(zorv_detach(h.get(), std::string(ZORV_CTL_MAX_RECORD, 'x').c_str()), -1);
+  EXPECT_EQ(errno, E2BIG);
+  EXPECT_STREQ(zorv_last_error(h.get()), "") << "that was another call's reason";
   server.stop();
   EXPECT_EQ(zorv_daemon_info(h.get(), &info), -1);
   EXPECT_EQ(errno, ECONNRESET);
