@@ -45,21 +45,6 @@ bool covers_locked(const zorv_cowbmp* b, s32 bit) REQUIRES_SHARED(b->lock) {
   return bit >= 0 && static_cast<u64>(bit) < b->nbits;
 }
 
-// Sets the bit in its page; a bit that was clear is written through, with its whole byte as it
-// stands, so that the file keeps the bits set before it.
-int set_in_page(zorv_cowbmp* b, u8* page, s32 bit, zorv_file* file) {
-  const u8 mask = mask_of(bit);
-  const u8 before = byte_of(page, bit).fetch_or(mask);
-  if ((before & mask) != 0) return 0;
-  b->copied.fetch_add(1, std::memory_order_relaxed);
-  const u8 byte = before | mask;
-  if (zorv_fwrite(file, static_cast<u64>(bit) >> 3, &byte, 1) < 1) {
-    zorv_log(LOG_ERROR, "%s(): Failed to update changed byte in file.", "zorv_cowbmp_set_bit");
-    return -EIO;
-  }
-  return 0;
-}
-
 int uninitialized(const char* op) {
   zorv_log(LOG_ERROR, "%s(): Uninitialized COW bitmap.", op);
   return -EINVAL;
@@ -209,8 +194,21 @@ chunk_state zorv_cowbmp_state(zorv_cowbmp* b, s32 bit) {
 }
 
 int zorv_cowbmp_set_bit(zorv_cowbmp* b, s32 bit, gfp_t flags, zorv_file* file) {
-  return with_page(b, bit, flags, __func__,
-                   [=](u8* page) { return set_in_page(b, page, bit, file); });
+  int fresh = -1;
+  const int rc = with_page(b, bit, flags, __func__, [bit, &fresh](u8* page) {
+    const u8 mask = mask_of(bit);
+    const u8 before = byte_of(page, bit).fetch_or(mask);
+    if ((before & mask) == 0) fresh = before | mask;
+    return 0;
+  });
+  if (rc != 0 || fresh < 0) return rc;
+  b->copied.fetch_add(1, std::memory_order_relaxed);
+  // Without the lock, which kcowd needs while the file hangs. The whole byte as it stands, so that
+  // the file keeps the bits set before it.
+  const u8 byte = static_cast<u8>(fresh);
+  if (zorv_fwrite(file, static_cast<u64>(bit) >> 3, &byte, 1) == 1) return 0;
+  zorv_log(LOG_ERROR, "%s(): Failed to update changed byte in file.", __func__);
+  return -EIO;
 }
 
 int zorv_cowbmp_begin_copy(zorv_cowbmp* b, s32 bit, gfp_t flags) {

@@ -254,8 +254,12 @@ void zorv_snap_abandon(zorv_blkdev* snap, const char* op) {
 }
 
 void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) {
-  zorv_filter& f = snap->s.filter->f;
   zorv_snap_abandon(snap, op);
+  zorv_snap_drop_copies(snap);
+}
+
+void zorv_snap_drop_copies(zorv_blkdev* snap) {
+  zorv_filter& f = snap->s.filter->f;
   // What is being written would make an emptied file long again.
   while (f.cow_writing.load() != 0 && f.cow_left.load() == 0) kernel::yield();
   if (f.cow_left.load() != 0) return;
@@ -312,9 +316,14 @@ void copy_batch(cow_copier* c, zorv_blkdev* t) {
 
 void cow_chunks(cow_copier* c) {
   zorv_blkdev* t = c->batch.snap.get();
-  if (!snap_usable(t)) return;
+  if (!c->batch.lost && !snap_usable(t)) return;
   t->s.in_copy.fetch_add(1);
-  copy_batch(c, t);
+  if (c->batch.lost) {
+    const file_work at_files(c);
+    zorv_snap_drop_copies(t);
+  } else {
+    copy_batch(c, t);
+  }
   t->s.in_copy.fetch_sub(1);
 }
 

@@ -136,9 +136,15 @@ decision add_to_group(pass* p, const need& n) {
     return {verdict::end_pass};
   }
   const int rc = begin_copy(n);
-  if (rc == -ESTALE) p->w->filter->cowqueue.events.fetch_add(1);  // another pass looks anew
-  if (rc != 0 && rc != -ESTALE) zorv_snap_invalidate(n.snap.get(), op);
-  if (rc != 0) return {verdict::keep};
+  if (rc != 0) p->w->filter->cowqueue.events.fetch_add(1);  // another pass looks anew
+  if (rc == -ESTALE) return {verdict::keep};
+  if (rc != 0) {
+    // Its files are a copying task's business.
+    zorv_snap_abandon(n.snap.get(), op);
+    b.lost = true;
+    if (b.count == 0) b.snap = n.snap.another();
+    return {verdict::end_pass};
+  }
   if (b.count == 0) b.snap = n.snap.another();
   b.chunks[b.count++] = n.chunk;
   if (n.more) ++p->result.more;

@@ -50,6 +50,7 @@ worker_ptr alloc_worker(zorv_filter* f) {
 pass_result collect(cow_worker* w, cow_batch* b) {
   b->count = 0;
   b->groups = 0;
+  b->lost = false;
   bool sent = false;
   pass_result r;
   do {
@@ -68,7 +69,7 @@ bool hand_out(cow_worker* w) {
     if (c.busy.load()) continue;
     const pass_result r = collect(w, &c.batch);
     sent |= r.sent;
-    if (c.batch.count != 0) {
+    if (c.batch.count != 0 || c.batch.lost) {
       w->copying.fetch_add(1);
       c.busy.store(true);
       kernel::wake_up(&c.wait);

@@ -32,6 +32,7 @@ struct cow_batch {
   u32 life = 0;      // of the snap, when the chunks were collected
   u32 capacity = 0;  // chunks; of a group, and of all
   u32 count = 0;
+  bool lost = false;  // the snap has been made invalid: what it had is to be emptied
   u32 groups = 0;
   u32 group_end[group_max_chunks];  // into chunks
   s32 chunks[group_max_chunks];
@@ -128,7 +129,8 @@ void cow_serve_read(cow_reader* reader);
 
 // How long a copying task may be at a file without progress before it is left behind.
 constexpr u64 file_limit_jiffies = 30000;
-// What is invalidated because its files hang: marked so, its files left as they are.
+// Marks it invalid, and every older started one, and leaves the files as they are: they hang, or the
+// caller may not wait for them.
 void zorv_snap_abandon(zorv_blkdev* snap, const char* op);
 
 // The snap and every older started one can no longer be trusted: marked so, their copies dropped.
@@ -136,5 +138,7 @@ void zorv_snap_abandon(zorv_blkdev* snap, const char* op);
 //   op     the operation that failed, for the message
 //   locks  the snap is pinned; none of the table's or of a list of snaps
 void zorv_snap_invalidate(zorv_blkdev* snap, const char* op) EXCLUDES(zorv_blkdev_rwlock);
+// The second half of that, of one that has been abandoned.
+void zorv_snap_drop_copies(zorv_blkdev* snap) EXCLUDES(zorv_blkdev_rwlock);
 
 }  // namespace zorv
