@@ -145,6 +145,28 @@ void down(semaphore* s) {
   s->lock.unlock();
 }
 
+bool down_timeout(semaphore* s, u64 limit_jiffies) {
+  might_sleep("down_timeout");
+  const u64 deadline = jiffies() + limit_jiffies;
+  wait_queue_entry e;
+  e.exclusive = true;
+  s->lock.lock();
+  bool taken = s->count > 0;
+  while (!taken) {
+    const s64 left = static_cast<s64>(deadline - jiffies());
+    if (left <= 0) break;
+    prepare_to_wait(&s->wait, &e, TASK_UNINTERRUPTIBLE);
+    s->lock.unlock();
+    schedule_timeout(left);
+    s->lock.lock();
+    taken = s->count > 0;
+  }
+  if (taken) --s->count;
+  finish_wait(&s->wait, &e);
+  s->lock.unlock();
+  return taken;
+}
+
 void up(semaphore* s) {
   unpark_list parked;
   {

@@ -108,6 +108,8 @@ struct semaphore {
   wait_queue_head wait;
 };
 void down(semaphore* s);  // may sleep, uninterruptibly
+// The same with a limit in jiffies; false: it has passed.
+[[nodiscard]] bool down_timeout(semaphore* s, u64 limit_jiffies);
 void up(semaphore* s);
 
 struct completion {

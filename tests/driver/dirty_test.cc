@@ -209,6 +209,27 @@ TEST_F(dirty_test, after_thirty_seconds_the_file_is_noted_and_the_write_goes_on)
   slow.release();
 }
 
+TEST_F(dirty_test, a_mark_that_hangs_keeps_no_command) {
+  slow_files slow(0);
+  const auto elsewhere = [](const std::function<int()>& command) {
+    int rc = 1;
+    std::thread([&] { rc = command(); }).join();
+    return rc;
+  };
+  {
+    write_in_thread write(0, 6);
+    ASSERT_TRUE(eventually([] { return filter()->worker.since != 0; }));
+    kernel::turn_clock(30000);
+    EXPECT_EQ(write.wait(), 0);
+  }
+  EXPECT_EQ(elsewhere([this] { return bmp(ZORV_SAVE_BMP, 0, incr); }), -EIO);
+  EXPECT_EQ(elsewhere([this] { return stop(0); }), -EIO);
+  EXPECT_EQ(elsewhere([this] { return del(0); }), -EBUSY);
+  EXPECT_TRUE(log.has("Marking the files of zorv(100, 0) makes no progress")) << log.errors();
+  slow.release();
+  EXPECT_EQ(del(0), 0);
+}
+
 TEST_F(dirty_test, a_mark_is_tried_again_until_it_is_on_disk) {
   using site = kernel::fault_site;
   client c(0U);

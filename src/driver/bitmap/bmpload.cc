@@ -171,8 +171,12 @@ int zorv_block_load_bmp(zorv_filter* f, u32 type) {
     load_impossible(f, type, bmp);
     return -ENOMEM;
   }
-  rzmutex_guard one_at_a_time(&f->save_mutex);
-  rzmutex_guard files(&f->bmp_mutex);
+  const rzmutex_hold one_at_a_time(&f->save_mutex, file_limit_jiffies, op);
+  const rzmutex_hold files(&f->bmp_mutex, file_limit_jiffies, op);
+  if (!one_at_a_time || !files) {
+    load_impossible(f, type, bmp);
+    return -EIO;
+  }
   load_begin(f, type, bmp, kept.get());
   const read_result result = read_file(f, type, bmp, bits.get());
   load_end(f, type, bmp, bits.get(), kept.get(), result.file);

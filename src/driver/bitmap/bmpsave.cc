@@ -125,6 +125,7 @@ int write_contents(save* s) {
 int settle_hdd(save* s) {
   if (!s->sync_hdd) return 0;
   if (!wait_for_writes(s->f, s->epoch)) return -EIO;
+  rzmutex_got_on(&s->f->save_mutex);
   const int rc = kernel::fsync_bdev(s->f->hdd_bdev);
   if (rc != 0) {
     zorv_log(LOG_ERROR, "%s(): Failed to sync %s: rc=%d. The bitmap of zorv(%d, %d) stays unsaved.",
@@ -204,13 +205,15 @@ int run(save* s) {
   while (rc == -EAGAIN) {
     rc = prepare(s);
     if (rc != 0) return rc;
-    rzmutex_guard files(&s->f->bmp_mutex);
+    const rzmutex_hold files(&s->f->bmp_mutex, file_limit_jiffies, op);
+    if (!files) return -EIO;
     (void)zorv_kill_dirty_requests(s->f, s->type);
     rc = write_contents(s);
   }
   if (rc == 0) rc = settle_hdd(s);
   if (rc != 0) return rc;
-  rzmutex_guard files(&s->f->bmp_mutex);
+  const rzmutex_hold files(&s->f->bmp_mutex, file_limit_jiffies, op);
+  if (!files) return -EIO;
   return make_current(s);
 }
 
@@ -225,7 +228,9 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
     zorv_log(LOG_ERROR, "%s(): Failed to allocate %d bytes.", __func__, bmp.size);
     return -ENOMEM;
   }
-  rzmutex_guard one_at_a_time(&f->save_mutex);
+  const rzmutex_hold one_at_a_time(&f->save_mutex, file_limit_jiffies, op);
+  if (!one_at_a_time) return -EIO;
+  rzmutex_got_on(&f->save_mutex);
   save s{f, type, bmp, copy.get()};
   const int rc = run(&s);
   {
@@ -239,7 +244,8 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
 }
 
 int zorv_block_await_writes(zorv_filter* f) {
-  rzmutex_guard one_at_a_time(&f->save_mutex);
+  const rzmutex_hold one_at_a_time(&f->save_mutex, file_limit_jiffies, __func__);
+  if (!one_at_a_time) return -EIO;
   u32 epoch = 0;
   {
     kernel::spin_guard guard(&f->bmp_lock);
@@ -255,7 +261,8 @@ int zorv_block_await_writes(zorv_filter* f) {
 
 int zorv_block_save_dirty_bmps(zorv_filter* f) {
   zorv_log(1, "%s(): Saving dirty incr/diff bitmaps to disk", __func__);
-  rzmutex_guard one_at_a_time(&f->save_mutex);
+  const rzmutex_hold one_at_a_time(&f->save_mutex, file_limit_jiffies, __func__);
+  if (!one_at_a_time) return -EIO;
   int incr_rc = 0;
   int diff_rc = 0;
   if (f->incr_bmp_dirty.load() != 0) incr_rc = zorv_block_save_bmp(f, ZORV_BMP_INCREMENTAL);

@@ -120,8 +120,11 @@ bool due(zorv_filter* f, u32 kind) {
 // One try. Returns whether nothing is left to be done.
 bool work_for(zorv_filter* f, u32 kind, u32 tries) {
   int rc = 0;
-  if (due(f, kind))
+  if (due(f, kind)) {
+    f->worker.since.store(kernel::jiffies() | 1);
     rc = kind == zorv_hold_record ? zorv_record_write(f) : zorv_block_void_bmp(f, kind);
+    f->worker.since.store(0);
+  }
   if (rc >= 0) {
     set_refused(f, kind, false);
   } else if (tries >= tries_before_refusal) {
@@ -369,6 +372,23 @@ int zorv_yield_to_dirty_requests(zorv_filter* f, u32 seconds) {
            "anyway...",
            __func__, zorv_blk_major, f->filter_minor);
   return -ETIMEDOUT;
+}
+
+int zorv_marks_await_rest(zorv_filter* f) {
+  const auto at_rest = [f] {
+    kernel::spin_guard guard(&req_spin);
+    return busy_filter != f && !f->worker.busy && f->worker.since.load() == 0;
+  };
+  while (!kernel::wait_event_timeout(&idle_wait, at_rest, kernel::HZ / 10)) {
+    const u64 since = f->worker.since.load();
+    if (since == 0 || !kernel::time_after_eq(kernel::jiffies(), since + file_limit_jiffies)) {
+      continue;
+    }
+    zorv_log(LOG_ERROR, "%s(): Marking the files of zorv(%d, %d) makes no progress", __func__,
+             zorv_blk_major, f->filter_minor);
+    return -EBUSY;
+  }
+  return 0;
 }
 
 void zorv_drop_dirty_requests(zorv_filter* f) {

@@ -29,13 +29,16 @@ int zorv_kill_dirty_requests(zorv_filter* f, u32 type);  // 0
 // Waits until no request of the filter is queued.
 //   returns  0 | -ETIMEDOUT (logged)
 int zorv_yield_to_dirty_requests(zorv_filter* f, u32 seconds);
+// Waits until nothing of the filter's is being worked on, or what is hangs in a file.
+//   returns  0 | -EBUSY (it hangs; logged)
+[[nodiscard]] int zorv_marks_await_rest(zorv_filter* f);
 // Ends the filter's thread and takes its remaining requests away, waiting while one is being worked
 // on; afterwards nothing of this touches the filter. Nobody may queue any more.
 void zorv_drop_dirty_requests(zorv_filter* f);
 
 // ---- writes that wait ----------------------------------------------------------------------
 // How long a write waits for file I/O that makes no progress, and a save for writes under way.
-constexpr u64 mark_wait_limit_jiffies = 30000;
+constexpr u64 mark_wait_limit_jiffies = file_limit_jiffies;
 
 // The number of times that waiting writes were let go, to be read before zorv_marks_pending.
 u64 zorv_marks_event();

@@ -75,8 +75,9 @@ struct zorv_mark_state {
 
 // The thread that works for one filter, from its first request on.
 struct zorv_mark_worker {
-  bool started = false;  // both under req_spin
-  bool busy = false;     // a request of the filter is in hand
+  bool started = false;       // both under req_spin
+  bool busy = false;          // a request of the filter is in hand
+  std::atomic<u64> since{0};  // jiffies since when it has been at a file; 0: it is not
   std::atomic<bool> ending{false};
   kernel::wait_queue_head wait;
   kernel::completion exited;

@@ -126,10 +126,15 @@ int zorv_block_destroy_device(node_ref ref, int remove_files) {
   }
   const u32 minor = dev->minor;
   zorv_log(1, "%s(): Destroying zorv(%d, %d)", __func__, zorv_blk_major, minor);
-  int rc = 0;
+  int rc = dev->dev_type == ZORV_DEV_FILTER ? zorv_marks_await_rest(&dev->f) : 0;
+  if (rc != 0) return rc;
   const removal begun = begin_removal(dev, &rc);
   if (begun != removal::begun) return begun == removal::postponed ? 0 : rc;
-  zorv_blkdev_wait_unpinned(ref);
+  if (!zorv_blkdev_wait_unpinned(ref)) {
+    zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) is still being used.", op, zorv_blk_major, minor);
+    zorv_blkdev_undo_removal(dev);
+    return -EBUSY;
+  }
   // Keeps the filter until the pending delete below has been seen to.
   node_ref filter;
   if (dev->dev_type == ZORV_DEV_SNAP) {

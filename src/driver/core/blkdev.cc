@@ -135,8 +135,12 @@ void zorv_blkdev_changed() {
   if (zorv_removals_waiting.load() != 0) kernel::wake_up_all(&zorv_removal_wait);
 }
 
-void zorv_blkdev_wait_unpinned(const node_ref& own) {
-  zorv_blkdev_wait([&own] { return own->pins.load() == 1; });
+bool zorv_blkdev_wait_unpinned(const node_ref& own) {
+  zorv_removals_waiting.fetch_add(1);
+  const bool alone = kernel::wait_event_timeout(
+      &zorv_removal_wait, [&own] { return own->pins.load() == 1; }, file_limit_jiffies);
+  zorv_removals_waiting.fetch_sub(1);
+  return alone;
 }
 
 node_ref zorv_snap_older(const zorv_filter& f, const zorv_blkdev* snap) {

@@ -225,8 +225,9 @@ void zorv_blkdev_release(zorv_blkdev* dev) EXCLUDES(zorv_blkdev_rwlock);
 //   locks  the record's dev_mutex
 [[nodiscard]] bool zorv_blkdev_begin_removal(zorv_blkdev* dev) EXCLUDES(zorv_blkdev_rwlock);
 void zorv_blkdev_undo_removal(zorv_blkdev* dev) EXCLUDES(zorv_blkdev_rwlock);
-// Sleeps until own, the pin of the task that is removing the record, is the only one.
-void zorv_blkdev_wait_unpinned(const node_ref& own);
+// Sleeps until own, the pin of the task that is removing the record, is the only one; false:
+// another has been held for as long as anybody waits.
+[[nodiscard]] bool zorv_blkdev_wait_unpinned(const node_ref& own);
 // For waits of removals: whatever they may wait for says that it has changed.
 extern kernel::wait_queue_head zorv_removal_wait;
 extern std::atomic<u32> zorv_removals_waiting;

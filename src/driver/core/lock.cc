@@ -2,6 +2,7 @@
 #include "driver/core/lock.h"
 
 #include "driver/core/log.h"
+#include "kernel/time.h"
 
 namespace zorv {
 
@@ -77,16 +78,56 @@ void rzwrite_unlock(rzrwlock* l) NO_THREAD_SAFETY_ANALYSIS {
   if (misuse) zorv_log(LOG_ERROR, "rzwrite_unlock(): Can't release RW lock: not owner.");
 }
 
-void rzmutex_lock(rzmutex* m) NO_THREAD_SAFETY_ANALYSIS {
-  if (m->depth.load(std::memory_order_relaxed) != 0 &&
-      m->owner.load(std::memory_order_relaxed) == current()) {
-    m->depth.fetch_add(1, std::memory_order_relaxed);
-    return;
+namespace {
+
+bool enter_again(rzmutex* m) {
+  if (m->depth.load(std::memory_order_relaxed) == 0 ||
+      m->owner.load(std::memory_order_relaxed) != current()) {
+    return false;
   }
-  kernel::down(&m->sem);
-  m->depth.store(0, std::memory_order_relaxed);
-  m->owner.store(current(), std::memory_order_relaxed);
   m->depth.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+void become_owner(rzmutex* m) {
+  m->since.store(kernel::jiffies(), std::memory_order_relaxed);
+  m->owner.store(current(), std::memory_order_relaxed);
+  m->depth.store(1, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+void rzmutex_lock(rzmutex* m) NO_THREAD_SAFETY_ANALYSIS {
+  if (enter_again(m)) return;
+  kernel::down(&m->sem);
+  become_owner(m);
+}
+
+bool rzmutex_lock_unless_stuck(rzmutex* m, u64 limit_jiffies) NO_THREAD_SAFETY_ANALYSIS {
+  if (enter_again(m)) return true;
+  constexpr u64 moment = 10;  // for who has just got it to say so
+  for (;;) {
+    const u64 since = m->since.load(std::memory_order_relaxed);
+    const s64 left = static_cast<s64>(since + limit_jiffies - kernel::jiffies());
+    if (kernel::down_timeout(&m->sem, left > 0 ? static_cast<u64>(left) : moment)) {
+      become_owner(m);
+      return true;
+    }
+    if (left <= 0 && m->since.load(std::memory_order_relaxed) == since) return false;
+  }
+}
+
+void rzmutex_got_on(rzmutex* m) { m->since.store(kernel::jiffies(), std::memory_order_relaxed); }
+
+rzmutex_hold::rzmutex_hold(rzmutex* m, u64 limit_jiffies,
+                           const char* caller) NO_THREAD_SAFETY_ANALYSIS
+    : m_(rzmutex_lock_unless_stuck(m, limit_jiffies) ? m : nullptr) {
+  if (m_ != nullptr) return;
+  zorv_log(LOG_ERROR, "%s(): Another task makes no progress in the files that are needed", caller);
+}
+
+rzmutex_hold::~rzmutex_hold() NO_THREAD_SAFETY_ANALYSIS {
+  if (m_ != nullptr) rzmutex_unlock(m_);
 }
 
 void rzmutex_unlock(rzmutex* m) NO_THREAD_SAFETY_ANALYSIS {

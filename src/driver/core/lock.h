@@ -23,6 +23,7 @@ struct CAPABILITY("rzmutex") rzmutex {
   // Read by tasks that do not hold the mutex: only the owner can find itself there.
   std::atomic<kernel::task_struct*> owner{nullptr};
   std::atomic<u32> depth{0};
+  std::atomic<u64> since{0};  // jiffies when the owner got it, or has last got on
 };
 
 void rzread_lock(rzrwlock* l) ACQUIRE_SHARED(l);
@@ -31,6 +32,10 @@ void rzwrite_lock(rzrwlock* l) ACQUIRE(l);  // recursive for the writer
 void rzwrite_unlock(rzrwlock* l) RELEASE(l);
 void rzmutex_lock(rzmutex* m) ACQUIRE(m);  // recursive for the owner
 void rzmutex_unlock(rzmutex* m) RELEASE(m);
+// Locks it unless its owner has had it for longer than that and has not got on: what the owner is
+// at hangs.
+[[nodiscard]] bool rzmutex_lock_unless_stuck(rzmutex* m, u64 limit_jiffies) TRY_ACQUIRE(true, m);
+void rzmutex_got_on(rzmutex* m);  // the owner has
 
 class [[nodiscard]] SCOPED_CAPABILITY rzread_guard {
  public:
@@ -52,6 +57,19 @@ class [[nodiscard]] SCOPED_CAPABILITY rzwrite_guard {
 
  private:
   rzrwlock* l_;
+};
+
+// Holds it, or does not: false then, and logged.
+class [[nodiscard]] rzmutex_hold {
+ public:
+  rzmutex_hold(rzmutex* m, u64 limit_jiffies, const char* caller);
+  ~rzmutex_hold();
+  rzmutex_hold(const rzmutex_hold&) = delete;
+  rzmutex_hold& operator=(const rzmutex_hold&) = delete;
+  explicit operator bool() const { return m_ != nullptr; }
+
+ private:
+  rzmutex* m_;
 };
 
 class [[nodiscard]] SCOPED_CAPABILITY rzmutex_guard {

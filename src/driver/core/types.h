@@ -20,6 +20,9 @@ using kernel::u32;
 using kernel::u64;
 using kernel::u8;
 
+// How long anybody waits for file I/O of another task that makes no progress.
+constexpr u64 file_limit_jiffies = 30000;
+
 // Copies a NUL-terminated text (or what of `from` lies before its end) into a fixed field, cut to
 // what fits; the field always ends with NUL and is zero-filled behind it.
 template <std::size_t N, std::size_t M>

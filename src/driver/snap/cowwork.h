@@ -127,10 +127,8 @@ void cow_serve_read(cow_reader* reader);
 //   returns  0 | -EIO
 [[nodiscard]] int cow_read_and_wait(zorv_filter* f, kernel::bio* bio);
 
-// How long a copying task may be at a file without progress before it is left behind.
-constexpr u64 file_limit_jiffies = 30000;
-// Marks it invalid, and every older started one, and leaves the files as they are: they hang, or the
-// caller may not wait for them.
+// Marks it invalid, and every older started one, and leaves the files as they are: they hang, or
+// the caller may not wait for them.
 void zorv_snap_abandon(zorv_blkdev* snap, const char* op);
 
 // The snap and every older started one can no longer be trusted: marked so, their copies dropped.

@@ -143,8 +143,8 @@ bool zorv_record_lost(zorv_filter* f, const u8 (&id)[snap_id_bytes]) {
 }
 
 int zorv_record_save(zorv_filter* f) {
-  rzmutex_guard files(&f->record.mutex);
-  return recordfile::settle(f);
+  const rzmutex_hold files(&f->record.mutex, file_limit_jiffies, __func__);
+  return files ? recordfile::settle(f) : -EIO;
 }
 
 void zorv_record_restore(zorv_filter* f) {
