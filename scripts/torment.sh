@@ -560,6 +560,33 @@ stuck_end() {
     z bmp clear data incr >/dev/null
   done
 }
+hung_mark() {
+  clean_disk
+  rules "hold zorv0.incr"
+  io data write:1048576:65536:2 # for as long as anybody waits
+  refused within 5 z del data
+  within 1 z list >/dev/null
+  rc=0
+  within 10 end run || rc=$?
+  [ $rc = 1 ]
+  rules
+  again
+  changed data 1048576
+}
+hung_cow_file() {
+  clean_disk
+  snap data s
+  z start s >/dev/null
+  io data write:0:65536:2
+  rules "read s.cow"
+  refused within 45 io s read:0:65536:1
+  refused valid s
+  io data write:1048576:65536:2
+  within 5 z stop s >/dev/null
+  refused within 5 z del s
+  refused within 10 end run
+  rules
+}
 busy_folder() {
   clean_disk
   image other 16M
@@ -611,6 +638,8 @@ host_major() {
 
 # name | needs root? | what holds
 cases="
+hung_mark||a bitmap file that hangs costs its node's saves, and no write, command or end of the daemon
+hung_cow_file||a COW file that hangs costs its snapshot, and no client or end of the daemon
 cow_names||a COW file that is somebody's, by whatever name, is refused and stays as it is
 bitmap_names||a bitmap file's name that leads to a disk changes nothing on that disk
 two_daemons_bitmaps||another daemon on the same folder does not change this one's bitmaps
@@ -685,7 +714,7 @@ while IFS='|' read -r name needs text; do
     printf 'not run  %s (needs root, FUSE and loop devices)\n' "$text"
     continue
   fi
-  while [ "$(jobs -pr | wc -l)" -ge 3 ]; do wait -n || true; done
+  while [ "$(jobs -pr | wc -l)" -ge 5 ]; do wait -n || true; done
   try "$name" "$text" &
 done <<<"$cases"
 wait

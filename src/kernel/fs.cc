@@ -6,6 +6,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "kernel/fault.h"
@@ -127,6 +128,14 @@ s64 vfs_read(file* f, void* buffer, std::size_t bytes, s64* pos) {
   const s64 n = host_pread(f->fd, buffer, bytes, static_cast<u64>(*pos));
   if (n > 0) *pos += n;
   return n;
+}
+
+s64 vfs_read_at_hand(file* f, void* buffer, std::size_t bytes, u64 offset) {
+  const iovec to{buffer, bytes};
+  const ssize_t n = ::preadv2(f->fd, &to, 1, static_cast<off_t>(offset), RWF_NOWAIT);
+  if (n <= 0) return -EAGAIN;
+  const int rc = fault_check(fault_site::file_read);
+  return rc != 0 ? rc : n;
 }
 
 s64 file_pwrite(file* f, const void* buffer, std::size_t bytes, u64 offset) {

@@ -79,6 +79,9 @@ struct file;
 int filp_close(file* f);
 // Positioned; *pos advances. Short counts as the host gives them; EINTR is retried.
 [[nodiscard]] s64 vfs_read(file* f, void* buffer, std::size_t bytes, s64* pos);
+// The same as far as the host need not wait for a device: what it has cached.
+//   returns  a count | -EAGAIN (nothing) | negative errno
+[[nodiscard]] s64 vfs_read_at_hand(file* f, void* buffer, std::size_t bytes, u64 offset);
 [[nodiscard]] s64 vfs_write(file* f, const void* buffer, std::size_t bytes, s64* pos);
 // Writes that go on after the call that began them, beside each other: for data that is written
 // once, synced soon and read late if ever. Where the host can do it, whole pages go past its page

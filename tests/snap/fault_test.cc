@@ -187,6 +187,33 @@ TEST_F(fault_test, a_copy_that_hangs_in_a_file_costs_its_snap_and_holds_up_nothi
   EXPECT_TRUE(valid(snap));
 }
 
+TEST_F(fault_test, a_read_that_hangs_in_a_file_ends_and_costs_its_snap) {
+  const u32 snap = add_started_snap({.files = dir / "s"});
+  client c(filter), reader(snap);
+  EXPECT_EQ(c.fill(0, 4096, 1), 0);
+  std::atomic<bool> hangs{true};
+  at_log_line hook("bytes from " + dir / "s.cow", [&] {
+    while (hangs) kernel::yield();
+  });
+  kernel::fault_arm(fault_site::file_read, 2, 1, EIO);  // behind the chunk: the file's end
+  auto read = reader.start_read(0, 4096);
+  EXPECT_TRUE(eventually([] { return kernel::fault_calls(fault_site::file_read) > 1; }));
+  kernel::turn_clock(29000);
+  EXPECT_FALSE(eventually([&] { return read->done(); }, 100));
+  kernel::turn_clock(2000);
+  EXPECT_EQ(read->wait(), -EIO);
+  EXPECT_FALSE(valid(snap));
+  EXPECT_EQ(c.fill(MiB, 4096, 2), 0);
+  reader.close();
+  c.close();
+  EXPECT_EQ(stop(snap), 0);
+  EXPECT_EQ(del(snap), -EBUSY);
+  EXPECT_EQ(stop(filter), 0);
+  hangs = false;
+  EXPECT_TRUE(eventually([&] { return start(snap) == 0; }));
+  EXPECT_TRUE(valid(snap));
+}
+
 TEST_F(fault_test, every_single_failure_of_a_start_or_a_copy_leaves_right_or_invalid_snaps) {
   for (const auto site : {fault_site::alloc, fault_site::file_open, fault_site::file_write,
                           fault_site::file_sync, fault_site::bio_read, fault_site::thread_create}) {

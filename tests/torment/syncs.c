@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Preloaded into a zorvd: syncs and opens of named files fail or take their time, as a file of
-// rules says.
+// Preloaded into a zorvd: syncs, opens and reads of named files fail or take their time, as a
+// file of rules says.
 //
-//   ZORV_SYNCS names that file. It is read at each sync or open; one rule per line:
+//   ZORV_SYNCS names that file. It is read at each of them; one rule per line:
 //     fail PART ERRNO [N]      syncs of a file with PART in its path fail; or the N-th from now on
 //     slow PART MILLISECONDS   they are that much later
 //     hold PART                opens and syncs hang while the rule stands
+//     read PART                reads do
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -35,14 +36,15 @@ static FILE* open_rules(void) {
   return rules == NULL ? NULL : fopen(rules, "re");
 }
 
-static void wait_while_held(const char* path) {
+static void wait_while(const char* rule, const char* path) {
   for (int held = 1; held;) {
     FILE* in = open_rules();
     char line[512];
     held = 0;
     while (in != NULL && !held && fgets(line, sizeof line, in) != NULL) {
-      char part[256];
-      held = sscanf(line, "hold %255s", part) == 1 && strstr(path, part) != NULL;
+      char verb[8], part[256];
+      held = sscanf(line, "%7s %255s", verb, part) == 2 && strcmp(verb, rule) == 0 &&
+             strstr(path, part) != NULL;
     }
     if (in != NULL) fclose(in);
     const struct timespec moment = {0, 50000000L};
@@ -50,13 +52,18 @@ static void wait_while_held(const char* path) {
   }
 }
 
+static void path_of(int fd, char (*path)[4096]) {
+  char link[64];
+  snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  ssize_t length = readlink(link, *path, sizeof *path - 1);
+  (*path)[length < 0 ? 0 : length] = '\0';
+}
+
 // 0, or the errno to fail with.
 static int rule_for(int fd) {
-  char link[64], path[4096], line[512];
-  snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-  ssize_t length = readlink(link, path, sizeof path - 1);
-  path[length < 0 ? 0 : length] = '\0';
-  wait_while_held(path);
+  char path[4096], line[512];
+  path_of(fd, &path);
+  wait_while("hold", path);
   FILE* in = open_rules();
   if (in == NULL) return 0;
   int error = 0;
@@ -90,6 +97,15 @@ int open(const char* path, int flags, ...) {
   va_start(args, flags);
   const unsigned mode = va_arg(args, unsigned);  // nonsense where there is none, and unused then
   va_end(args);
-  wait_while_held(path);
+  wait_while("hold", path);
   return next(path, flags, mode);
+}
+
+ssize_t pread(int fd, void* to, size_t bytes, off_t at) {
+  ssize_t (*next)(int, void*, size_t, off_t) =
+      (ssize_t(*)(int, void*, size_t, off_t))dlsym(RTLD_NEXT, "pread");
+  char path[4096];
+  path_of(fd, &path);
+  wait_while("read", path);
+  return next(fd, to, bytes, at);
 }

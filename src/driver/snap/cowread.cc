@@ -4,6 +4,8 @@
 // A read is cut at chunk borders; each piece comes from the first snap, from the one that is read
 // towards the newest, that has the chunk, else from the HDD. Neighbouring pieces of one source are
 // read together: from the HDD in one bio, from a file as far as their memory adjoins.
+#include <algorithm>
+
 #include "driver/core/log.h"
 #include "driver/io/aio.h"
 #include "driver/snap/cowfiles.h"
@@ -99,28 +101,78 @@ int read_run_from_hdd(const snap_read& r) {
   return -EIO;
 }
 
-int read_run_from_file(const piece_run& run) {
+constexpr int left_behind = -ESTALE;
+
+// Does something that may hang in the source's files and touches nothing of the request.
+//   returns  0 | left_behind: the request is not ours any more
+template <class Work>
+int at_files(cow_reader* r, zorv_blkdev* source, Work work) {
+  {
+    kernel::spin_guard guard(&r->hand);
+    r->source = source;
+    r->file_since = kernel::jiffies() | 1;
+  }
+  work();
+  kernel::spin_guard guard(&r->hand);
+  r->file_since = 0;
+  r->source = nullptr;
+  if (!r->left.load()) return 0;
+  r->left.store(false);
+  r->worker->reading.fetch_add(1);
+  r->worker->filter->cow_left.fetch_sub(1);
+  source->s.left.fetch_sub(1);
+  return left_behind;
+}
+
+//   returns  0 | -EIO | left_behind
+int read_pieces(cow_reader* r, const piece_run& run) {
+  zorv_blkdev* source = run.source.get();
+  u64 offset = run.sector << kernel::sector_shift;
+  for (u32 done = 0; done < run.bytes;) {
+    const auto want = static_cast<int>(std::min(run.bytes - done, bounce_bytes));
+    int n = zorv_fread_at_hand(source->s.cow_data_file, offset, run.to + done, want);
+    if (n < 0) return -EIO;
+    if (n == 0) {
+      const int rc = at_files(
+          r, source, [&] { n = zorv_fread(source->s.cow_data_file, offset, r->bounce, want); });
+      if (rc != 0) return rc;
+      if (n != want) return -EIO;
+      std::memcpy(run.to + done, r->bounce, static_cast<std::size_t>(n));
+    }
+    done += static_cast<u32>(n);
+    offset += static_cast<u32>(n);
+  }
+  return 0;
+}
+
+int read_run_from_file(cow_reader* r, const piece_run& run) {
   zorv_blkdev* source = run.source.get();
   zorv_snap& s = source->s;
+  // A stop that finds the reader left behind leaves the files open, and asks for no lock.
+  s.in_copy.fetch_add(1);
+  scope_exit out([&s] { s.in_copy.fetch_sub(1); });
+  bool whole = false;
   int rc;
-  bool whole;
   {
     rzread_guard files(&s.file_lock);
     // Gone since the chunk was looked up: the snap has been stopped or has become invalid.
     if (!snap_usable(source) || s.cow_data_file == nullptr) return -EIO;
-    rc = zorv_fread(s.cow_data_file, run.sector << kernel::sector_shift, run.to,
-                    static_cast<int>(run.bytes));
-    whole = zorv_cowfiles_whole(s);
+    rc = read_pieces(r, run);
+    if (rc == left_behind) return rc;
+    if (at_files(r, source, [&] { whole = zorv_cowfiles_whole(s); }) != 0) return left_behind;
   }
   // A snap that became invalid meanwhile may have been emptied under the read.
   if (!snap_usable(source)) return -EIO;
-  if (!whole) zorv_snap_invalidate(source, "read_cowed_page");  // somebody has cut a file
-  return whole && rc == static_cast<int>(run.bytes) ? 0 : -EIO;
+  if (!whole) {  // somebody has cut a file
+    const int after = at_files(r, source, [&] { zorv_snap_invalidate(source, "read_cowed_page"); });
+    return after != 0 ? after : -EIO;
+  }
+  return rc;
 }
 
 int flush(snap_read* r) {
   if (r->run.bytes == 0) return 0;
-  const int rc = r->run.source ? read_run_from_file(r->run) : read_run_from_hdd(*r);
+  const int rc = r->run.source ? read_run_from_file(r->reader, r->run) : read_run_from_hdd(*r);
   r->run.bytes = 0;
   return rc;
 }
@@ -206,8 +258,9 @@ int serve(cow_reader* reader, const cow_request* r) {
   return rc == 0 && !snap_readable(snap.get()) ? -EIO : rc;
 }
 
-// The oldest read that no reading task has begun, or null.
-cow_request* take_read(cow_worker* w) {
+}  // namespace
+
+cow_request* cow_take_read(cow_worker* w) {
   kernel::spin_guard guard(&w->filter->cowqueue.lock);
   cow_request* r = w->reads.front();
   if (r == nullptr) return nullptr;
@@ -216,13 +269,23 @@ cow_request* take_read(cow_worker* w) {
   return r;
 }
 
-}  // namespace
-
 void cow_serve_read(cow_reader* reader) {
-  zorv_cowqueue& q = reader->worker->filter->cowqueue;
-  cow_request* r = take_read(reader->worker);
+  cow_request* r = cow_take_read(reader->worker);
   if (r == nullptr) return;
-  kernel::bio_endio(r->bio, serve(reader, r));
+  {
+    kernel::spin_guard guard(&reader->hand);
+    reader->serving = r;
+  }
+  reader->worker->reading.fetch_add(1);
+  const int rc = serve(reader, r);
+  reader->worker->reading.fetch_sub(1);
+  if (rc == left_behind) return;
+  cow_end_read(reader->worker, r, rc);
+}
+
+void cow_end_read(cow_worker* w, cow_request* r, int rc) {
+  zorv_cowqueue& q = w->filter->cowqueue;
+  kernel::bio_endio(r->bio, rc);
   bool wake;
   {
     kernel::spin_guard guard(&q.lock);

@@ -25,6 +25,7 @@ struct worker_deleter {
       kernel::vfree(c.pages);
       kernel::file_writes_free(c.writes);
     }
+    for (cow_reader& r : w->readers) kernel::vfree(r.bounce);
     w->~cow_worker();
     kernel::vfree(w);
   }
@@ -42,7 +43,11 @@ worker_ptr alloc_worker(zorv_filter* f) {
     c.writes = kernel::file_writes_alloc();
     if (c.pages == nullptr || c.writes == nullptr) return nullptr;
   }
-  for (cow_reader& r : w->readers) r.worker = w.get();
+  for (cow_reader& r : w->readers) {
+    r.worker = w.get();
+    r.bounce = static_cast<std::byte*>(kernel::vmalloc(bounce_bytes));
+    if (r.bounce == nullptr) return nullptr;
+  }
   return w;
 }
 
@@ -84,18 +89,54 @@ void pass(cow_worker* w) {
   if (hand_out(w)) kernel::blk_unplug(kernel::bdev_get_queue(w->filter->hdd_bdev));
 }
 
+bool hangs(u64 since) {
+  return since != 0 && kernel::time_after_eq(kernel::jiffies(), since + file_limit_jiffies);
+}
+
+// What a snap's file does not give up is an error of the read, and the end of the snap.
+void leave_hanging_readers(cow_worker* w) {
+  zorv_filter* f = w->filter;
+  u32 left = 0;
+  for (cow_reader& r : w->readers) {
+    node_ref snap;
+    cow_request* request = nullptr;
+    {
+      kernel::spin_guard guard(&r.hand);
+      if (!r.left.load() && hangs(r.file_since)) {
+        r.left.store(true);
+        request = r.serving;
+        snap = zorv_node_pin(r.source);
+        r.source->s.left.fetch_add(1);
+        f->cow_left.fetch_add(1);
+        w->reading.fetch_sub(1);
+      }
+      left += r.left.load() ? 1 : 0;
+    }
+    if (request == nullptr) continue;
+    if (snap) {
+      zorv_log(LOG_ERROR, "%s(): Reading from zorv(%d, %d) makes no progress in its files",
+               "cow_worker", zorv_blk_major, snap->minor);
+      zorv_snap_abandon(snap.get(), "cow_worker");
+    }
+    cow_end_read(w, request, -EIO);
+    f->cowqueue.events.fetch_add(1);
+    kernel::wake_up_all(&w->reads_wait);  // another is the one that always reads
+  }
+  if (left < nr_readers) return;
+  while (cow_request* r = cow_take_read(w)) cow_end_read(w, r, -EIO);  // nobody is there to read
+}
+
 // What hangs in a file is left behind: its snap becomes invalid, which lets go what waits for it.
 // A late return finds that, and changes nothing.
 void leave_hanging(cow_worker* w) {
+  leave_hanging_readers(w);
   zorv_filter* f = w->filter;
   u32 left = 0;
   for (cow_copier& c : w->copiers) {
     node_ref snap;
     {
       kernel::spin_guard guard(&c.hand);
-      const u64 since = c.file_since.load();
-      if (!c.left.load() && since != 0 && c.batch.snap &&
-          kernel::time_after_eq(kernel::jiffies(), since + file_limit_jiffies)) {
+      if (!c.left.load() && c.batch.snap && hangs(c.file_since.load())) {
         c.left.store(true);
         snap = zorv_node_pin(c.batch.snap.get());
         c.batch.snap->s.left.fetch_add(1);
@@ -125,7 +166,9 @@ void serve(zorv_cowthread* t, cow_worker* w) {
     return t->stop.load() != 0 || (q.cnt.load() != 0 && q.events.load() != seen);
   };
   while (t->stop.load() == 0) {
-    if (w->copying.load() == 0 && w->filter->cow_left.load() == 0) {
+    const bool at_files =
+        w->copying.load() != 0 || w->reading.load() != 0 || w->nr_reads.load() != 0;
+    if (!at_files && w->filter->cow_left.load() == 0) {
       kernel::wait_event(&q.wait, due, kernel::TASK_INTERRUPTIBLE);
     } else if (!kernel::wait_event_timeout(&q.wait, due, kernel::HZ)) {
       leave_hanging(w);
@@ -184,16 +227,24 @@ int cowread(void* arg) {
   cow_worker* w = reader->worker;
   kernel::daemonize("kcowd-read");
   kernel::set_user_nice(nice_for_snap_reads);
-  const bool always = reader == &w->readers[0];
+  // The first that is not left behind.
+  const auto always = [w, reader] {
+    const cow_reader* r = w->readers;
+    while (r != reader && r->left.load()) ++r;
+    return r == reader;
+  };
   const auto due = [w, always] {
-    return w->stop.load() != 0 || (w->nr_reads.load() != 0 && (always || w->copying.load() == 0));
+    return w->stop.load() != 0 || (w->nr_reads.load() != 0 && (w->copying.load() == 0 || always()));
   };
   for (;;) {
     kernel::wait_event(&w->reads_wait, due);
     if (w->stop.load() != 0) break;
     cow_serve_read(reader);
   }
-  return kernel::complete_and_exit(&reader->done, 0);
+  const worker_ptr last(w);
+  reader->ended.store(true);
+  kernel::complete(&reader->done);
+  return 0;
 }
 
 // Starts a task of the worker's, which completes *done when it has ended.
@@ -208,13 +259,14 @@ int start_task(int (*body)(void*), void* arg, const char* name, kernel::completi
   return rc;
 }
 
-// Waits for a copying task to end, or to be left behind.
-void await_end(cow_worker* w, cow_copier* c) {
-  const auto settled = [c] { return c->ended.load() || c->left.load(); };
+// Waits for a copying or reading task to end, or to be left behind.
+template <class Task>
+void await_end(cow_worker* w, Task* t) {
+  const auto settled = [t] { return t->ended.load() || t->left.load(); };
   while (!kernel::wait_event_timeout(&w->filter->cowqueue.wait, settled, kernel::HZ / 10)) {
     leave_hanging(w);
   }
-  if (c->ended.load()) kernel::wait_for_completion(&c->done);
+  if (t->ended.load()) kernel::wait_for_completion(&t->done);
 }
 
 // Ends the other tasks, but for what is left behind.
@@ -223,7 +275,7 @@ void stop_tasks(cow_worker* w) {
   for (cow_copier& c : w->copiers) kernel::wake_up(&c.wait);
   kernel::wake_up_all(&w->reads_wait);
   for (cow_copier& c : w->copiers) await_end(w, &c);
-  for (cow_reader& r : w->readers) kernel::wait_for_completion(&r.done);
+  for (cow_reader& r : w->readers) await_end(w, &r);
   kernel::spin_guard guard(&w->filter->cowqueue.lock);
   while (cow_request* r = w->reads.front()) r->read_link.unlink();  // they are the queue's alone
 }
@@ -248,7 +300,12 @@ int set_up(worker_ptr* worker, const zorv_cowthread* t) {
     if (rc == 0) rc = started;
   }
   for (cow_reader& r : w->readers) {
+    w->users.fetch_add(1);
     const int started = start_task(cowread, &r, "kcowd-read", &r.done);
+    if (started != 0) {
+      r.ended.store(true);
+      w->users.fetch_sub(1);
+    }
     if (rc == 0) rc = started;
   }
   if (rc != 0) stop_tasks(w);  // none has begun anything

@@ -74,16 +74,26 @@ constexpr u32 nr_copiers = 3;
 struct cow_reader {
   cow_worker* worker = nullptr;
   kernel::completion done;  // it has ended
+  std::atomic<bool> ended{false};
+
+  // Between it and the first task, which takes the request away from one that hangs in a file.
+  kernel::spinlock_t hand;
+  cow_request* serving GUARDED_BY(hand) = nullptr;
+  zorv_blkdev* source GUARDED_BY(hand) = nullptr;  // whose file it is at, pinned
+  u64 file_since GUARDED_BY(hand) = 0;             // jiffies; 0: it is at no file
+  std::atomic<bool> left{false};                   // ... and nobody waits for it until it is back
+  std::byte* bounce = nullptr;  // what a file is read into: a client's memory would be the client's
   kernel::bio bio;
   kernel::bio_vec vecs[kernel::bio_max_segments];
 };
 constexpr u32 nr_readers = 3;
+constexpr u32 bounce_bytes = 256U << 10;
 
 // The working set, had before anybody is served.
 struct cow_worker {
   zorv_filter* filter = nullptr;
   std::atomic<u32> stop{0};   // the other tasks end
-  std::atomic<u32> users{1};  // the first task and the copying tasks; the last frees it
+  std::atomic<u32> users{1};  // the first task and the others; the last frees it
 
   cow_copier copiers[nr_copiers];
   std::atomic<u32> copying{0};  // busy copiers
@@ -92,6 +102,7 @@ struct cow_worker {
   cow_reader readers[nr_readers];
   kernel::list_of<cow_request> reads;  // picked out, not begun; under the queue's lock
   std::atomic<u32> nr_reads{0};        // of them
+  std::atomic<u32> reading{0};         // reading tasks that serve one and were not left behind
   kernel::wait_queue_head reads_wait;  // the reading tasks sleep here
 };
 
@@ -122,6 +133,10 @@ void cow_chunks(cow_copier* c);
 // Serves the oldest read that was picked out, if there is one, from COW data files and the HDD, and
 // takes it out of the queue.
 void cow_serve_read(cow_reader* reader);
+// The oldest read that was picked out and that no reading task has begun, or null.
+[[nodiscard]] cow_request* cow_take_read(cow_worker* w);
+// Ends the read and takes it out of the queue.
+void cow_end_read(cow_worker* w, cow_request* r, int rc);
 
 // Sends a read of the HDD, or a tracked clone of it, and waits for it.
 //   returns  0 | -EIO

@@ -205,6 +205,16 @@ int zorv_fread(zorv_file* file, u64 offset, void* buffer, int length) {
   return got;
 }
 
+int zorv_fread_at_hand(zorv_file* file, u64 offset, void* buffer, int length) {
+  if (unusable(file)) return 0;  // zorv_fread says so
+  const s64 rc =
+      kernel::vfs_read_at_hand(file->filp, buffer, static_cast<std::size_t>(length), offset);
+  if (rc >= 0 || rc == -EAGAIN) return rc < 0 ? 0 : static_cast<int>(rc);
+  zorv_log(LOG_ERROR, "%s(): Failed to read %d bytes from %s: rc=%d", "zorv_fread", length,
+           file->fname, static_cast<int>(rc));
+  return static_cast<int>(rc);
+}
+
 int zorv_fsync(zorv_file* file) { return unusable(file) ? 0 : kernel::vfs_fsync(file->filp); }
 
 int zorv_fempty(zorv_file* file) {

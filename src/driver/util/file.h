@@ -39,6 +39,8 @@ void zorv_fwrite_begin(kernel::file_writes* writes, zorv_file* file, u64 offset,
                        int length);
 [[nodiscard]] int zorv_fwrite_end(kernel::file_writes* writes, zorv_file* file);  // 0 | errno
 [[nodiscard]] int zorv_fread(zorv_file* file, u64 offset, void* buffer, int length);
+// The beginning of that, as far as the host need not wait for a device: 0 where it need.
+[[nodiscard]] int zorv_fread_at_hand(zorv_file* file, u64 offset, void* buffer, int length);
 [[nodiscard]] int zorv_fsync(zorv_file* file);
 [[nodiscard]] int zorv_fempty(zorv_file* file);  // 0 | negative errno (logged)
 int zorv_ftruncate(const char* path);  // empties the file; always 0, an open failure is logged
