@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// kdirtyd and the writes that wait for it. The filter's bmp_mutex, held by a test, stands for a
+// kdirtyd and the writes that wait for it. The filter's file locks, held by a test, stand for a
 // bitmap directory on a slow disk.
 #include "driver/bitmap/dirty.h"
 
@@ -66,11 +66,14 @@ class write_in_thread {
 class slow_files {
  public:
   explicit slow_files(u32 minor) NO_THREAD_SAFETY_ANALYSIS : f_(&zorv_blkdev_arr[minor]->f) {
+    for (auto& m : f_->marks) rzmutex_lock(&m.file_mutex);
     rzmutex_lock(&f_->bmp_mutex);
   }
   ~slow_files() { release(); }
   void release() NO_THREAD_SAFETY_ANALYSIS {
-    if (f_ != nullptr) rzmutex_unlock(&f_->bmp_mutex);
+    if (f_ == nullptr) return;
+    rzmutex_unlock(&f_->bmp_mutex);
+    for (auto& m : f_->marks) rzmutex_unlock(&m.file_mutex);
     f_ = nullptr;
   }
 
@@ -155,6 +158,20 @@ TEST_F(dirty_test, a_save_cancels_what_it_makes_needless) {
   EXPECT_TRUE(is_stale(diff_file));
 }
 
+TEST_F(dirty_test, writes_do_not_wait_for_the_contents_of_a_file) {
+  {
+    at_log_line hook("Killing all dirty requests",
+                     [] { EXPECT_EQ(filter()->marks_exposed.load(), 0U); });
+    EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
+  }
+  kernel::fault_arm(kernel::fault_site::file_write, 3, 1, EIO);
+  at_log_line hook("Failed to write 8 bytes into " + incr_file, [this] {
+    mark(2);
+    EXPECT_TRUE(eventually([this] { return is_stale(diff_file); })) << "the other one's mark";
+  });
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), -EIO);
+}
+
 TEST_F(dirty_test, a_save_that_overtakes_a_mark_makes_it_needless) {
   at_log_line hook("Appending dirty request for Incremental",
                    [] { EXPECT_EQ(zorv_block_save_bmp(filter(), incr), 0); });
@@ -167,8 +184,8 @@ TEST_F(dirty_test, a_save_that_overtakes_a_mark_makes_it_needless) {
 TEST_F(dirty_test, a_load_cancels_what_it_makes_needless) {
   {
     const slow_files slow(0);
-    kernel::fault_arm(kernel::fault_site::file_write, 1, 1, EIO);
-    EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);  // not saved, so a mark is due
+    kernel::fault_arm(kernel::fault_site::file_write, 1, 2, EIO);
+    EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);  // neither marked nor saved, so a mark is due
     EXPECT_TRUE(zorv_marks_pending(filter()));
     EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);  // the old file has all that the bitmap has
   }

@@ -28,7 +28,6 @@ bool mark_one(zorv_filter* f, u32 type, u64 extent) REQUIRES(f->bmp_lock) {
   return true;
 }
 
-// Fast, since it runs under bmp_lock: every byte equals the one before it, and the first the value.
 bool all_bytes(const u8* bytes, u32 count, u8 value) {
   return count == 0 || (bytes[0] == value && std::memcmp(bytes, bytes + 1, count - 1) == 0);
 }
@@ -117,15 +116,32 @@ void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors, kerne
   if (zorv_marks_pending(f)) zorv_marks_settle(f);
 }
 
-bool zorv_bmp_all_clear(const u8* bits, u32 extent_cnt) {
-  const u32 rest = (1U << extent_cnt % 8) - 1;
-  return all_bytes(bits, extent_cnt / 8, 0) && (rest == 0 || (bits[extent_cnt / 8] & rest) == 0);
-}
-
-bool zorv_bmp_all_set(const u8* bits, u32 extent_cnt) {
-  const u32 rest = (1U << extent_cnt % 8) - 1;
-  return all_bytes(bits, extent_cnt / 8, 0xFF) &&
-         (rest == 0 || (bits[extent_cnt / 8] & rest) == rest);
+zorv_bmp_extremes zorv_bmp_look(zorv_filter* f, u32 type) {
+  const u32 whole = f->extent_cnt / 8;
+  const auto rest = static_cast<u8>((1U << f->extent_cnt % 8) - 1);  // of the last byte
+  zorv_bmp_extremes found{true, true};
+  u64 exchanges = 0;
+  for (u32 at = 0; at < whole || at == 0;) {
+    const u32 count = std::min(piece_bytes, whole - at);
+    kernel::spin_guard guard(&f->bmp_lock);
+    const u8* bits = zorv_bmp_bits(f, type);
+    if (bits == nullptr) return {false, false};
+    if (at != 0 && f->marks[type].exchanges != exchanges) {
+      found = {true, true};
+      at = 0;
+      continue;
+    }
+    exchanges = f->marks[type].exchanges;
+    found.all_clear = found.all_clear && all_bytes(bits + at, count, 0);
+    found.all_set = found.all_set && all_bytes(bits + at, count, 0xFF);
+    at += count;
+    if (at == whole) {
+      found.all_clear = found.all_clear && (rest == 0 || (bits[whole] & rest) == 0);
+      found.all_set = found.all_set && (rest == 0 || (bits[whole] & rest) == rest);
+    }
+    if (whole == 0 || (!found.all_clear && !found.all_set)) break;
+  }
+  return found;
 }
 
 }  // namespace zorv

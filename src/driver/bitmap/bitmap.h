@@ -48,9 +48,11 @@ void zorv_bmp_copy_to_save(zorv_filter* f, u32 type, u8* to);
 // Adds bits; the dirty flag is 1 before the first of them.
 void zorv_bmp_merge(zorv_filter* f, u32 type, const u8* added);
 
-// Whether none, or all, of the first extent_cnt bits are set.
-bool zorv_bmp_all_clear(const u8* bits, u32 extent_cnt);
-bool zorv_bmp_all_set(const u8* bits, u32 extent_cnt);
+// Whether none, or all, of the bits are set.
+struct zorv_bmp_extremes {
+  bool all_clear, all_set;
+};
+zorv_bmp_extremes zorv_bmp_look(zorv_filter* f, u32 type);
 
 // Command handlers; the node is pinned by the caller.
 int zorv_ioctl_get_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req);
@@ -66,8 +68,8 @@ void zorv_crc32(const void* buffer, s32 length, u32* value);
 
 // File work; each sleeps and logs its own failure. Format, states and what a crash leaves:
 // docs/bitmap-file.md.
-//   locks   save_mutex, then bmp_mutex, are taken; a save lets go of bmp_mutex while it waits for
-//           writes under way and syncs the HDD
+//   locks   save_mutex, file_mutex, bmp_mutex, in this order; a save has only file_mutex while it
+//           writes the contents, and neither while it waits for writes under way and syncs the HDD
 //   save    0 (also when the bitmap changed meanwhile, which leaves the file stale) | -ENOMEM |
 //           -EINVAL (the file lives on the node itself) | -EIO, -EBUSY, an error of a write or
 //           sync; after a failure past -ENOMEM the dirty flag is 1 and the file is stale, or is
@@ -87,6 +89,9 @@ int zorv_block_write_dirty_flag(zorv_filter* f, u32 type, int flag);
 // not to be believed. What is needless by now is not done.
 //   returns  0 | negative errno (none of the three could be done; logged)
 int zorv_block_void_bmp(zorv_filter* f, u32 type);
+// Marks the file if it looks current, before the bitmap is changed: writes that come then do not
+// wait for the save behind. A failure is the save's to report.
+void zorv_block_stale_bmp(zorv_filter* f, u32 type);
 // The last of the three alone.
 int zorv_block_excuse_bmp(zorv_filter* f, u32 type);
 

@@ -153,6 +153,7 @@ void zorv_crc32(const void* buffer, s32 length, u32* value) {
 int zorv_block_write_dirty_flag(zorv_filter* f, u32 type, int flag) {
   zorv_log(2, "%s(): Writing dirty flag %d into %s bitmap of zorv(%d, %d)", __func__, flag,
            zorv_bmp_type_name(type), zorv_blk_major, f->filter_minor);
+  rzmutex_guard alone(&f->marks[type].file_mutex);
   rzmutex_guard files(&f->bmp_mutex);
   const char* fname = zorv_bmp_of(f, type).fname;
   if (bmpfile::lives_on_node(fname)) {
@@ -170,6 +171,7 @@ int zorv_block_write_dirty_flag(zorv_filter* f, u32 type, int flag) {
 }
 
 int zorv_block_void_bmp(zorv_filter* f, u32 type) {
+  rzmutex_guard alone(&f->marks[type].file_mutex);
   rzmutex_guard files(&f->bmp_mutex);
   {
     kernel::spin_guard guard(&f->bmp_lock);
@@ -180,6 +182,21 @@ int zorv_block_void_bmp(zorv_filter* f, u32 type) {
   // A folder on the node itself is changed no more than a file there.
   if (!bmpfile::lives_on_node(zorv_bmp_of(f, type).fname) && remove_file(f, type) == 0) return 0;
   return zorv_block_excuse_bmp(f, type) == 0 ? 0 : rc;
+}
+
+void zorv_block_stale_bmp(zorv_filter* f, u32 type) {
+  const rzmutex_hold alone(&f->marks[type].file_mutex, file_limit_jiffies, __func__);
+  if (!alone) return;
+  const rzmutex_hold files(&f->bmp_mutex, file_limit_jiffies, __func__);
+  if (!files) return;
+  {
+    kernel::spin_guard guard(&f->bmp_lock);
+    if (!f->marks[type].maybe_current) return;
+  }
+  if (bmpfile::lives_on_node(zorv_bmp_of(f, type).fname)) return;
+  if (bmpfile::follow_name(f, type, bmpfile::missing::fail) == 0) {
+    (void)bmpfile::write_stale(f, type);
+  }
 }
 
 int zorv_block_excuse_bmp(zorv_filter* f, u32 type) {

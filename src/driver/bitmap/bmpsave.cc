@@ -93,8 +93,8 @@ int copy_bits(save* s) {
   return 0;
 }
 
-// The stale file, then everything but the byte that makes it current.
-int write_contents(save* s) {
+// The stale file, and the copy.
+int begin(save* s) {
   zorv_filter* f = s->f;
   if (bmpfile::lives_on_node(s->bmp.fname)) {
     zorv_log(LOG_ERROR,
@@ -110,13 +110,18 @@ int write_contents(save* s) {
     rc = -EIO;
   }
   if (rc == 0) rc = copy_bits(s);
-  if (rc != 0) return rc;
+  s->file = f->marks[s->type].claim.id();
+  return rc;
+}
+
+// Everything but the byte that makes the file current.
+int write_contents(save* s) {
+  zorv_filter* f = s->f;
   u8 numbers[bmpfile::bits_offset - bmpfile::size_offset];
   put_le32(numbers, s->bmp.size);
   put_le32(numbers + 4, bmpfile::crc_of(s->copy, s->bmp.size));
-  s->file = f->marks[s->type].claim.id();
   zorv_file* file = f->marks[s->type].file;
-  rc = zorv_fwrite(file, bmpfile::size_offset, numbers, sizeof numbers);
+  int rc = zorv_fwrite(file, bmpfile::size_offset, numbers, sizeof numbers);
   if (rc >= 0) rc = zorv_fwrite(file, bmpfile::bits_offset, s->copy, static_cast<int>(s->bmp.size));
   return rc < 0 ? rc : bmpfile::sync(f, s->type);
 }
@@ -205,10 +210,15 @@ int run(save* s) {
   while (rc == -EAGAIN) {
     rc = prepare(s);
     if (rc != 0) return rc;
-    const rzmutex_hold files(&s->f->bmp_mutex, file_limit_jiffies, op);
-    if (!files) return -EIO;
-    (void)zorv_kill_dirty_requests(s->f, s->type);
-    rc = write_contents(s);
+    const rzmutex_hold alone(&s->f->marks[s->type].file_mutex, file_limit_jiffies, op);
+    if (!alone) return -EIO;
+    {
+      const rzmutex_hold files(&s->f->bmp_mutex, file_limit_jiffies, op);
+      if (!files) return -EIO;
+      (void)zorv_kill_dirty_requests(s->f, s->type);
+      rc = begin(s);
+    }
+    if (rc == 0) rc = write_contents(s);
   }
   if (rc == 0) rc = settle_hdd(s);
   if (rc != 0) return rc;

@@ -81,6 +81,7 @@ int copy_out(const char* op, const zorv_bmp_range_req& req, const u8* bits) {
 // has one to make of it. With the flag at 1 a write that comes before the save waits while the file
 // still looks current; it goes when the save has marked it.
 void exchange(zorv_filter* f, u32 type, buffer* bits, zorv_handout* handout = nullptr) {
+  zorv_block_stale_bmp(f, type);
   marks_guard guard(f);
   u8*& place = zorv_bmp_bits(f, type);
   u8* before = place;
@@ -161,6 +162,7 @@ int zorv_ioctl_merge_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
   buffer added;
   if (rc == 0) rc = copy_in(__func__, *req, &added);
   if (rc != 0) return rc;
+  zorv_block_stale_bmp(&dev->f, req->type);
   zorv_bmp_merge(&dev->f, req->type, added.get());
   return settle_added(&dev->f);
 }

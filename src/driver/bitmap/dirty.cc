@@ -5,9 +5,9 @@
 // thread, which it makes when there is none; where no thread can be made it does the work itself.
 // What could not be done is tried again by the filter's thread.
 //
-// Locks: bmp_mutex, then bmp_lock, then req_spin. A save cancels marks while it holds bmp_mutex;
-// a thread takes bmp_mutex with no other lock held and looks again whether the mark is still due,
-// so a mark never lands behind the save that made it needless.
+// Locks: file_mutex, bmp_mutex, bmp_lock, req_spin, in this order. A save cancels marks while it
+// holds bmp_mutex; a thread takes the first two with no other lock held and looks again whether the
+// mark is still due, so a mark never lands behind the save that made it needless.
 #include "driver/bitmap/dirty.h"
 
 #include "driver/bitmap/bitmap.h"

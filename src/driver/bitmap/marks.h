@@ -18,6 +18,7 @@
 
 #include <atomic>
 
+#include "driver/core/lock.h"
 #include "driver/core/types.h"
 #include "driver/util/file.h"
 #include "kernel/list.h"
@@ -65,7 +66,10 @@ struct zorv_mark_state {
   u64 exchanges = 0;         // times that other bits were put in the bitmap's place
   u64 exchanges_stable = 0;  // ... of which the writes before are known to be on the HDD
   u8* load_marks = nullptr;  // while loading: the bits that the load must keep
-  // Under bmp_mutex.
+  // Outside bmp_mutex: held by whoever marks the file or writes its contents, so that a save of one
+  // bitmap does not keep the other from being marked.
+  rzmutex file_mutex;
+  // Under bmp_mutex; also used by a save that holds file_mutex alone.
   zorv_file* file = nullptr;  // open from the node's creation, or the first save, to its end
   kernel::file_claim claim;   // held while open
   bool name_synced = false;   // the file's directory entry is on disk

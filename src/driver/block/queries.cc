@@ -26,15 +26,12 @@ void fill_filter(zorv_filter* f, zorv_info_req* req) {
   req->diff_bmp_size = static_cast<u32>(f->diff_bmp_size);
   copy_text(req->incr_bmp_fname, f->incr_bmp_fname);
   copy_text(req->diff_bmp_fname, f->diff_bmp_fname);
-  kernel::spin_guard guard(&f->bmp_lock);
-  if (f->incr_bmp != nullptr) {
-    req->incr_bmp_clear = zorv_bmp_all_clear(f->incr_bmp, f->extent_cnt) ? 1 : 0;
-    req->incr_bmp_full = zorv_bmp_all_set(f->incr_bmp, f->extent_cnt) ? 1 : 0;
-  }
-  if (f->diff_bmp != nullptr) {
-    req->diff_bmp_clear = zorv_bmp_all_clear(f->diff_bmp, f->extent_cnt) ? 1 : 0;
-    req->diff_bmp_full = zorv_bmp_all_set(f->diff_bmp, f->extent_cnt) ? 1 : 0;
-  }
+  const zorv_bmp_extremes incr = zorv_bmp_look(f, ZORV_BMP_INCREMENTAL);
+  const zorv_bmp_extremes diff = zorv_bmp_look(f, ZORV_BMP_DIFFERENTIAL);
+  req->incr_bmp_clear = incr.all_clear ? 1 : 0;
+  req->incr_bmp_full = incr.all_set ? 1 : 0;
+  req->diff_bmp_clear = diff.all_clear ? 1 : 0;
+  req->diff_bmp_full = diff.all_set ? 1 : 0;
 }
 
 void fill_snap(const zorv_snap& s, zorv_info_req* req) {

@@ -56,7 +56,7 @@ struct zorv_filter {
   kernel::list_of<zorv_blkdev> snaps GUARDED_BY(snaps_lock);
   std::atomic<u32> nr_snaps{0};  // their number; also read without the lock
 
-  rzmutex save_mutex;           // one save or load at a time; outside bmp_mutex
+  rzmutex save_mutex;           // one save or load at a time; outside file_mutex and bmp_mutex
   rzmutex bmp_mutex;            // bitmap file work
   kernel::spinlock_t bmp_lock;  // bits and dirty flags
   s32 incr_bmp_size = 0;        // bytes

@@ -2,6 +2,7 @@
 #include "driver/snap/cowbmp.h"
 
 #include <bit>
+#include <utility>
 
 #include "driver/core/log.h"
 #include "kernel/mem.h"
@@ -24,15 +25,6 @@ s32 pages_for(u64 nbits) {
 u8** alloc_table(s32 npages) {
   const std::size_t slots = npages > 0 ? static_cast<std::size_t>(npages) : 1;
   return static_cast<u8**>(kernel::vzalloc(slots * sizeof(u8*)));
-}
-
-void free_pages_locked(zorv_cowbmp* b) REQUIRES(b->lock) {
-  if (b->pages == nullptr) return;
-  for (s32 i = 0; i < b->npages; ++i) kernel::kfree(b->pages[i]);
-  kernel::vfree(b->pages);
-  b->pages = nullptr;
-  b->nbits = 0;
-  b->npages = 0;
 }
 
 std::atomic_ref<u8> byte_of(u8* page, s32 bit) {
@@ -61,16 +53,33 @@ s64 set_bits(const u8* p, int bytes) {
   return bits;
 }
 
-// Fills the slots of a fresh table from the file; pages that hold no bit stay absent.
-int read_pages_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) REQUIRES(b->lock) {
+// The pages of a bitmap, before they are anybody's.
+struct page_table {
+  s32 npages = 0;
+  u8** pages = nullptr;
+  s64 bits = 0;  // set
+  page_table() = default;
+  explicit page_table(u64 nbits) : npages(pages_for(nbits)), pages(alloc_table(npages)) {}
+  ~page_table() {
+    for (s32 i = 0; pages != nullptr && i < npages; ++i) kernel::kfree(pages[i]);
+    kernel::vfree(pages);
+  }
+  page_table(const page_table&) = delete;
+  page_table& operator=(const page_table&) = delete;
+};
+
+int no_memory(const char* op) {
+  zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", op);
+  return -ENOMEM;
+}
+
+// Fills the slots from the file; pages that hold no bit stay absent.
+int read_pages(page_table* t, zorv_file* file, u64 size_bytes) {
   kernel::kbuf<u8> spare;
-  for (s32 i = 0; i < b->npages; ++i) {
+  for (s32 i = 0; i < t->npages; ++i) {
     if (spare == nullptr) {
       spare.reset(static_cast<u8*>(kernel::kzalloc(page_memory, kernel::GFP_KERNEL)));
-      if (spare == nullptr) {
-        zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_cowbmp_load");
-        return -ENOMEM;
-      }
+      if (spare == nullptr) return no_memory("zorv_cowbmp_load");
     }
     const u64 offset = static_cast<u64>(i) * kernel::page_size;
     const u64 rest = size_bytes - offset;
@@ -82,23 +91,17 @@ int read_pages_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) REQUIRES(
       return -EIO;
     }
     const s64 bits = set_bits(spare.get(), length);
-    if (bits != 0) b->pages[i] = spare.release();
-    b->copied.fetch_add(bits);
+    if (bits != 0) t->pages[i] = spare.release();
+    t->bits += bits;
   }
   return 0;
 }
 
-int load_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) REQUIRES(b->lock) {
-  free_pages_locked(b);
-  b->nbits = size_bytes * 8;
-  b->npages = pages_for(b->nbits);
-  b->copied.store(0);
-  b->pages = alloc_table(b->npages);
-  if (b->pages == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_cowbmp_load");
-    return -ENOMEM;
-  }
-  return read_pages_locked(b, file, size_bytes);
+// The table takes the place of what the bitmap had, and has that afterwards.
+void put_locked(zorv_cowbmp* b, page_table* t, u64 nbits) REQUIRES(b->lock) {
+  std::swap(b->pages, t->pages);
+  std::swap(b->npages, t->npages);
+  b->nbits = nbits;
 }
 
 }  // namespace
@@ -106,16 +109,11 @@ int load_locked(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) REQUIRES(b->loc
 int zorv_cowbmp_init(zorv_cowbmp* b, u64 nbits) {
   zorv_log(2, "%s(): Allocating COW bitmap for %lld chunks", __func__,
            static_cast<long long>(nbits));
+  (void)zorv_cowbmp_destroy(b);
+  page_table fresh(nbits);
+  if (fresh.pages == nullptr) return no_memory(__func__);
   rzwrite_guard guard(&b->lock);
-  free_pages_locked(b);
-  u8** table = alloc_table(pages_for(nbits));
-  if (table == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
-    return -ENOMEM;
-  }
-  b->nbits = nbits;
-  b->npages = pages_for(nbits);
-  b->pages = table;
+  put_locked(b, &fresh, nbits);
   b->copied.store(0);
   return 0;
 }
@@ -126,10 +124,15 @@ int zorv_cowbmp_load(zorv_cowbmp* b, zorv_file* file, u64 size_bytes) {
     return -EINVAL;
   }
   zorv_log(2, "%s(): Loading COW bitmap from %s", __func__, file->fname);
+  (void)zorv_cowbmp_destroy(b);
+  page_table fresh(size_bytes * 8);
+  const int rc =
+      fresh.pages == nullptr ? no_memory(__func__) : read_pages(&fresh, file, size_bytes);
+  if (rc != 0) return rc;
   rzwrite_guard guard(&b->lock);
-  const int rc = load_locked(b, file, size_bytes);
-  if (rc != 0) free_pages_locked(b);
-  return rc;
+  put_locked(b, &fresh, size_bytes * 8);
+  b->copied.store(fresh.bits);
+  return 0;
 }
 
 namespace {
@@ -228,8 +231,9 @@ void zorv_cowbmp_end_copy(zorv_cowbmp* b, s32 bit) {
 
 int zorv_cowbmp_destroy(zorv_cowbmp* b) {
   if (b == nullptr) return 0;
+  page_table none;
   rzwrite_guard guard(&b->lock);
-  free_pages_locked(b);
+  put_locked(b, &none, 0);
   return 0;
 }
 
