@@ -90,6 +90,10 @@ TEST_F(companion_test, a_bitmap_is_believed_for_its_disk_extents_and_state_folde
   disk->set_identity("memory:d0");
   EXPECT_EQ(stop(0), 0);
   EXPECT_EQ(after_add_again().size(), 16U) << "the files have become another disk's";
+  EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
+  fs::remove(dir / "zorv0.disk");
+  EXPECT_EQ(after_add_again().size(), 16U);
+  EXPECT_TRUE(proc("zorv/zorv0/bmp_trouble").find("zorv0.disk: it is missing") < 99);
 }
 
 TEST_F(companion_test, one_daemon_and_no_other_file_stands_behind_the_names) {

@@ -122,6 +122,12 @@ int open_locked(zorv_filter* f, u32 flags) {
   return zorv_fopen_own(c.fname, flags, owner, file_lock::exclusive, &c.claim, &c.file);
 }
 
+bool bitmap_files_there(const zorv_filter* f) {
+  kernel::file_id ignored;
+  return kernel::path_identity(f->incr_bmp_fname, &ignored) == 0 ||
+         kernel::path_identity(f->diff_bmp_fname, &ignored) == 0;
+}
+
 }  // namespace
 
 int zorv_companion_attach(zorv_filter* f) {
@@ -152,7 +158,9 @@ int zorv_companion_attach(zorv_filter* f) {
   }
   c.ours = why == nullptr;
   if (!c.ours && (rc = retire_pairs(f)) != 0) return rc;
-  const bool fresh = c.absent && c.file != nullptr;  // a node's first life is nothing to report
+  // A node's first life is nothing to report.
+  const bool fresh = c.absent && c.file != nullptr && !bitmap_files_there(f);
+  if (c.absent && c.file != nullptr && !fresh) why = "it is missing beside bitmap files";
   c.why.store(fresh ? nullptr : why);
   if (!c.ours) {
     zorv_log(1, "%s(): Everything counts as changed on zorv(%d, %d): %s: %s.", __func__,
