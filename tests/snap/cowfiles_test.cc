@@ -70,6 +70,17 @@ TEST_F(cowfiles_test, what_is_somebody_elses_is_neither_changed_nor_removed) {
     EXPECT_TRUE(read_file(dir / t.name) == before) << t.name;
   }
   ::close(other_program);
+  // Nobody has claimed it, and a start would take it; that is no leave to delete it.
+  for (const bool resumed : {false, true}) {
+    const u32 snap = snap_on(dir / "free");
+    const std::string bits = info(snap).cow_bmp_fname;
+    write_file(bits, {});
+    if (resumed) EXPECT_EQ(resume(snap), 0);
+    EXPECT_EQ(del(snap), 0);
+    EXPECT_EQ(read_file(dir / "free"), precious) << resumed;
+    EXPECT_TRUE(log.has("free is no COW file: it stays"));
+    EXPECT_FALSE(std::filesystem::exists(bits));
+  }
   // A start that fails at the second file has neither made nor taken the first.
   for (const bool there : {false, true}) {
     auto req = snap_request({.files = dir / "kept"});

@@ -116,6 +116,7 @@ struct zorv_snap {
   // (cowfiles.cc).
   u32 files_made = 0;
   u32 files_claimed = 0;
+  u32 files_sealed = 0;            // of those that it has claims on: have been of a life of it
   u8 life_id[snap_id_bytes] = {};  // of the last start, from it or from the files; under dev_mutex
   // Tasks that copy for the snap, and those of them that were left behind: a stop waits for the
   // others, and leaves the files open for these.
@@ -212,7 +213,8 @@ node_ref zorv_node_pin(zorv_blkdev* dev);
 // ---- a record's place in the table ---------------------------------------------------------
 // Takes a minor and a name for a record that is being set up.
 //   caller   the operation's name, for its messages
-//   minor    negative: the lowest free one; the one taken
+//   minor    negative: the lowest free one, without a name the lowest whose default name is free
+//            too; the one taken
 //   name     empty: becomes "zorv%d" of the minor
 //   returns  0 | -EINVAL (minor too big or taken) | -ENOSPC | -EEXIST (a node has the name)
 [[nodiscard]] int zorv_blkdev_reserve(const char* caller, zorv_blkdev* dev, s32* minor,

@@ -44,6 +44,24 @@ zorv_file* file_of(const zorv_snap& s, u32 which) {
   return which == seal_of_data ? s.cow_data_file : s.cow_bmp_file;
 }
 
+bool is_seal(const seal_disk& s) {
+  return std::memcmp(s.magic, seal_magic, sizeof seal_magic) == 0 && s.version == seal_version &&
+         s.crc == crc_of(s);
+}
+
+// Whether nothing is lost with the file but a snapshot: it is empty, or has a seal.
+bool is_cow_file(zorv_file* file) {
+  const u64 bytes = kernel::file_size(file->filp);
+  if (bytes == 0) return true;
+  if (bytes < sizeof(seal_disk)) return false;
+  const kernel::kbuf<seal_disk> seal(
+      static_cast<seal_disk*>(kernel::kmalloc(sizeof(seal_disk), kernel::GFP_KERNEL)));
+  constexpr int seal_bytes = sizeof(seal_disk);
+  return seal != nullptr &&
+         zorv_fread(file, bytes - seal_bytes, seal.get(), seal_bytes) == seal_bytes &&
+         is_seal(*seal.get());
+}
+
 // Everything of the seal but the life's id.
 //   returns  0 | negative errno
 int describe(const zorv_snap& s, u32 which, seal_disk* seal) {
@@ -104,6 +122,7 @@ int open_own(zorv_blkdev* snap, const cow_name& n, when_missing missing) {
   if (rc == 0 && fresh.held()) {
     *n.claim = std::move(fresh);
     snap->s.files_claimed |= n.which;
+    snap->s.files_sealed &= ~n.which;
   }
   if (rc == -ENOENT) zorv_log(LOG_ERROR, "%s(): There is no file %s", "zorv_fopen_own", n.path);
   return rc == 0 || rc == -EINVAL || rc == -EBUSY || rc == -ENOMEM ? rc : -EIO;
@@ -160,10 +179,7 @@ const char* check_one(const zorv_snap& s, u32 which, seal_disk* found, seal_disk
   }
   const int rc = zorv_fread(file, contents_bytes(s, which), found, sizeof *found);
   if (rc != static_cast<int>(sizeof *found)) return "cannot be read";
-  if (std::memcmp(found->magic, seal_magic, sizeof seal_magic) != 0 ||
-      found->version != seal_version || found->crc != crc_of(*found)) {
-    return "have no seal";
-  }
+  if (!is_seal(*found)) return "have no seal";
   if (describe(s, which, wanted) != 0) return "cannot be told apart";
   if (found->ino != wanted->ino || found->birth_ns != wanted->birth_ns) {
     return "are copies: others than they were made in";
@@ -194,6 +210,11 @@ void unlink_one(zorv_blkdev* snap, const cow_name& n) {
     }
   }
   const zorv_file_ptr file(opened);  // locked until the name has gone
+  if (opened != nullptr && (snap->s.files_sealed & n.which) == 0 && !is_cow_file(opened)) {
+    zorv_log(LOG_ERROR, "%s(): %s is no COW file: it stays", "zorv_unlink", n.path);
+    n.claim->reset();
+    return;
+  }
   const int rc = kernel::fs_unlink_file(n.path, n.claim->id());
   n.claim->reset();
   if (rc == 0 || rc == -ENOENT) return;
@@ -226,6 +247,7 @@ int zorv_cowfiles_make(zorv_blkdev* snap) {
   for (const u32 which : {seal_of_data, seal_of_bits}) {
     rc = make_one(s, which, seal.get());
     if (rc != 0) return rc;
+    s.files_sealed |= which;
   }
   return 0;
 }
@@ -257,6 +279,7 @@ const char* zorv_cowfiles_check(zorv_blkdev* snap) {
   if (std::memcmp(data.life_id, bits.life_id, snap_id_bytes) != 0) return "are not of one life";
   if (sync_one(s.cow_data_file) != 0 || sync_one(s.cow_bmp_file) != 0) return "cannot be synced";
   std::memcpy(s.life_id, data.life_id, snap_id_bytes);
+  s.files_sealed = seal_of_data | seal_of_bits;
   return nullptr;
 }
 

@@ -36,7 +36,8 @@ void zorv_cowfiles_undo(zorv_blkdev* snap);
 [[nodiscard]] bool zorv_cowfiles_whole(const zorv_snap& s);
 
 // Removes both names as far as they lead to the snap's files still: those of its last life, or, of
-// a snap that had none, what a start would take. Anything else is left alone (logged).
+// a snap that had none, what a start would take if it is empty or sealed. Anything else is left
+// alone (logged).
 //   locks    the snap is stopped and nobody else uses its record
 void zorv_cowfiles_unlink(zorv_blkdev* snap);
 
