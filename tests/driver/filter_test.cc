@@ -48,9 +48,15 @@ TEST_F(filter_test, every_refusal_says_why_and_changes_nothing) {
        "Extent size can't be smaller than page size (4096B)", -EINVAL},
       {with(d, {.minor = 256}), "Minor number 256 is too big: max=255", -EINVAL},
       {with(d, {.name = std::string(123, 'n')}), "Node name nnn", -EINVAL},
+      {with(d, {.name = ":7"}), "Node name :7 begins with a ':'", -EINVAL},
+      {with(d, {.name = "a\nb"}), "Node name a\nb is not printable", -EINVAL},
+      {with(d, {.name = "a\xff"}), "Node name a\xff is not printable", -EINVAL},
+      {with(d, {.name = "a\xc2\x9b"}), "Node name a\xc2\x9b is not printable", -EINVAL},
+      {with(d, {.name = "a\xe2\x82"}), "Node name a\xe2\x82 is not printable", -EINVAL},
+      {with(d, {.name = "a\xed\xa0\x80"}), "Node name a\xed\xa0\x80 is not", -EINVAL},
   };
   for (const auto& row : table) EXPECT_EQ(refused(row.req, row.message), row.rc) << row.message;
-  const u32 first = add_filter(d, {.minor = 7});
+  const u32 first = add_filter(d, {.minor = 7, .name = "gr\xc3\xbc\xc3\x9f \xf0\x9f\x98\x80 a:b"});
   EXPECT_EQ(first, 7U);
   EXPECT_EQ(refused(with(d), "Found a duplicate zorv7 node going to the same HDD device " + d),
             -EINVAL);
@@ -122,15 +128,16 @@ TEST_F(filter_test, start_stop_and_delete_follow_the_states) {
 
 TEST_F(filter_test, a_name_is_one_nodes) {
   memory_disk other{"d1", 1 << 20};
-  const u32 a = add_filter(disk.path(), {.name = "zorv7"});
-  for (const filter_options& o : {filter_options{.name = "zorv7"}, filter_options{.minor = 7}}) {
-    EXPECT_EQ(refused(with(other.path(), o), "Node name zorv7 is already taken by zorv(100, 0)"),
+  const u32 a = add_filter(disk.path(), {.name = "zorv1"});
+  for (const filter_options& o : {filter_options{.name = "zorv1"}, filter_options{.minor = 1}}) {
+    EXPECT_EQ(refused(with(other.path(), o), "Node name zorv1 is already taken by zorv(100, 0)"),
               -EEXIST)
         << "its clients could read another disk";
   }
-  EXPECT_EQ(device_of("/dev/zorv/zorv7"), kernel::mkdev(100, a));
+  EXPECT_EQ(device_of("/dev/zorv/zorv1"), kernel::mkdev(100, a));
   EXPECT_EQ(del(a), 0);
-  EXPECT_EQ(add_filter(other.path(), {.name = "zorv7"}), a);
+  EXPECT_EQ(add_filter(other.path(), {.name = "zorv1"}), a);
+  EXPECT_EQ(add_filter(disk.path()), 2U) << "minor 1 has no default name left";
 }
 
 // Every call of every kind that creation makes fails once: the command fails cleanly or, where the

@@ -37,7 +37,8 @@ int zorv_block_unknown_node(const char* op, u32 minor);
 //   caller  the operation's name, for its message
 kernel::gendisk* zorv_block_add_disk(zorv_blkdev* dev, u64 dev_size, kernel::block_device* hdd,
                                      kernel::unplug_fn unplug, const char* caller);
-// Whether the device node's path can be kept; logged when not.
+// Whether a node may have the name: printable UTF-8, no ':' in front, and its device node's path
+// can be kept; logged when not.
 [[nodiscard]] bool zorv_block_node_name_fits(const char* name, const char* caller);
 // Removes whatever stands at the node's path and makes its device node; fills dev_name on success.
 void zorv_block_make_node(zorv_blkdev* dev);

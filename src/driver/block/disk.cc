@@ -50,7 +50,39 @@ void zorv_block_make_node(zorv_blkdev* dev) {
   }
 }
 
+namespace {
+
+// Length of the printable UTF-8 character at p, which a NUL ends; 0 when there is none.
+std::size_t character_bytes(const char* p) {
+  const auto at = [p](std::size_t i) { return static_cast<u8>(p[i]); };
+  const u8 first = at(0);
+  if (first < 0x80) return first >= 0x20 && first != 0x7f ? 1 : 0;
+  const std::size_t n = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+  if (first < 0xc2 || first > 0xf4) return 0;
+  u32 code = first & (0x7fU >> n);
+  for (std::size_t i = 1; i < n; ++i) {
+    if ((at(i) & 0xc0) != 0x80) return 0;
+    code = code << 6 | (at(i) & 0x3fU);
+  }
+  constexpr u32 least[] = {0xa0, 0x800, 0x10000};  // below: control characters, a longer spelling
+  const bool half = code >= 0xd800 && code <= 0xdfff;
+  return code >= least[n - 2] && code <= 0x10ffff && !half ? n : 0;
+}
+
+}  // namespace
+
 bool zorv_block_node_name_fits(const char* name, const char* caller) {
+  // Clients list names as they are, and ":11" is how a person says minor 11.
+  const char* p = name;
+  for (std::size_t n = *p == ':' ? 0 : 1; n != 0 && *p != '\0'; p += n) {
+    n = character_bytes(p);
+    if (n == 0) break;
+  }
+  if (*p != '\0') {
+    zorv_log(LOG_ERROR, "%s(): Node name %s %s", caller, name,
+             *name == ':' ? "begins with a ':'" : "is not printable text in UTF-8");
+    return false;
+  }
   char path[sizeof(zorv_blkdev::dev_name)];
   if (zorv_node_path(name, path)) return true;
   zorv_log(LOG_ERROR,

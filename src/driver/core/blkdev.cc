@@ -14,8 +14,28 @@ std::atomic<u32> zorv_removals_waiting{0};
 
 namespace {
 
+const zorv_blkdev* named(const char* name) REQUIRES(zorv_blkdev_rwlock) {
+  for (s32 m = 0; m <= zorv_max_blk_minor; ++m) {
+    const zorv_blkdev* dev = zorv_blkdev_arr[m];
+    if (dev != nullptr && std::strcmp(dev->name, name) == 0) return dev;
+  }
+  return nullptr;
+}
+
+void default_name(s32 minor, char (&name)[ZORV_NAME_LEN]) {
+  std::snprintf(name, sizeof(name), "zorv%d", minor);
+}
+
+// Without a name of its own a node gets its minor's, which another may have as its own.
+bool is_free(s32 minor, const char* name) REQUIRES(zorv_blkdev_rwlock) {
+  if (zorv_blkdev_arr[minor] != nullptr) return false;
+  char its_own[ZORV_NAME_LEN];
+  default_name(minor, its_own);
+  return name[0] != '\0' || named(its_own) == nullptr;
+}
+
 //   returns  the minor (>= 0) | -EINVAL (too big, taken) | -ENOSPC
-int choose_minor(const char* caller, s32 requested) REQUIRES(zorv_blkdev_rwlock) {
+int choose_minor(const char* caller, s32 requested, const char* name) REQUIRES(zorv_blkdev_rwlock) {
   if (requested > zorv_max_blk_minor) {
     zorv_log(LOG_ERROR, "%s(): Minor number %d is too big: max=%d", caller, requested,
              zorv_max_blk_minor);
@@ -23,7 +43,7 @@ int choose_minor(const char* caller, s32 requested) REQUIRES(zorv_blkdev_rwlock)
   }
   if (requested < 0) {
     for (s32 m = 0; m <= zorv_max_blk_minor; ++m) {
-      if (zorv_blkdev_arr[m] == nullptr) return m;
+      if (is_free(m, name)) return m;
     }
     zorv_log(LOG_ERROR, "%s(): All %d of ZORV minor nodes have already been used up.", caller,
              zorv_max_blk_minor + 1);
@@ -38,14 +58,11 @@ int choose_minor(const char* caller, s32 requested) REQUIRES(zorv_blkdev_rwlock)
 
 // Clients open a node by its name: with two of one name they would get none, or another's disk.
 int refuse_taken_name(const char* caller, const char* name) REQUIRES(zorv_blkdev_rwlock) {
-  for (s32 m = 0; m <= zorv_max_blk_minor; ++m) {
-    const zorv_blkdev* other = zorv_blkdev_arr[m];
-    if (other == nullptr || std::strcmp(other->name, name) != 0) continue;
-    zorv_log(LOG_ERROR, "%s(): Node name %s is already taken by zorv(%d, %d)", caller, name,
-             zorv_blk_major, m);
-    return -EEXIST;
-  }
-  return 0;
+  const zorv_blkdev* other = named(name);
+  if (other == nullptr) return 0;
+  zorv_log(LOG_ERROR, "%s(): Node name %s is already taken by zorv(%d, %d)", caller, name,
+           zorv_blk_major, static_cast<int>(other->minor));
+  return -EEXIST;
 }
 
 void set_state(zorv_blkdev* dev, node_state state) EXCLUDES(zorv_blkdev_rwlock) {
@@ -100,11 +117,11 @@ node_ref node_ref::another() const {
 
 int zorv_blkdev_reserve(const char* caller, zorv_blkdev* dev, s32* minor,
                         char (&name)[ZORV_NAME_LEN]) {
-  const int chosen = choose_minor(caller, *minor);
+  const int chosen = choose_minor(caller, *minor, name);
   if (chosen < 0) return chosen;
   char wanted[ZORV_NAME_LEN];
   copy_text(wanted, name);
-  if (wanted[0] == '\0') std::snprintf(wanted, sizeof(wanted), "zorv%d", chosen);
+  if (wanted[0] == '\0') default_name(chosen, wanted);
   const int rc = refuse_taken_name(caller, wanted);
   if (rc != 0) return rc;
   *minor = chosen;
