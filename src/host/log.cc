@@ -45,6 +45,16 @@ void write_stderr(std::string_view text) {
   }
 }
 
+// A message is one line, and what names hold does nothing to the terminal that shows it.
+void blot_out_controls(char* text, std::size_t bytes) {
+  for (std::size_t i = 0; i < bytes; ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < bytes ? text[i + 1] : 0);
+    if (c == 0xc2 && next >= 0x80 && next < 0xa0) text[i] = text[i + 1] = '?';
+    if (c < 0x20 || c == 0x7f) text[i] = '?';
+  }
+}
+
 // Errors that differ in numbers alone.
 class repetition {
  public:
@@ -110,7 +120,7 @@ class writer {
     if (limited && !admit_locked(text)) return;
     if (!running_) {
       guard.unlock();
-      write_stderr(text);
+      write_line(text);
       return;
     }
     append_locked(text);
@@ -120,6 +130,7 @@ class writer {
   void flush(std::chrono::milliseconds limit) {
     std::unique_lock guard(mutex_);
     for (repetition& r : repeated_) close_locked(&r);
+    close_locked(&others_);
     wake_.notify_one();
     written_.wait_for(guard, limit, [this] { return !running_ || (queue_.empty() && idle_); });
   }
@@ -127,10 +138,19 @@ class writer {
  private:
   bool admit_locked(std::string_view text) {
     const std::uint64_t kind = kind_of(text);
-    repetition& r = repeated_[kind % repeated_.size()];
     const clock::time_point now = clock::now();
-    if (r.over(now) || !r.is(kind)) close_locked(&r);
-    return r.admit(kind, text, now);
+    const auto of_kind = [kind](const repetition& r) { return r.is(kind); };
+    const auto free = [](const repetition& r) { return r.is(0); };
+    auto r = std::find_if(repeated_.begin(), repeated_.end(), of_kind);
+    if (r != repeated_.end() && r->over(now)) close_locked(r);
+    if (r == repeated_.end()) {
+      for (repetition& other : repeated_) {
+        if (other.over(now)) close_locked(&other);
+      }
+      r = std::find_if(repeated_.begin(), repeated_.end(), free);
+    }
+    // More kinds than are told apart count as one.
+    return r != repeated_.end() ? r->admit(kind, text, now) : others_.admit(1, text, now);
   }
 
   void close_locked(repetition* r) {
@@ -146,8 +166,15 @@ class writer {
     if (running_) {
       append_locked(text);
     } else {
-      write_stderr(text);
+      write_line(text);
     }
+  }
+
+  static void write_line(std::string_view text) {
+    while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+    std::string line(text);
+    blot_out_controls(line.data(), line.size());
+    write_stderr(line + "\n");
   }
 
   void append_locked(std::string_view text) {
@@ -155,8 +182,10 @@ class writer {
       ++lost_;
       return;
     }
+    while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
     queue_.append(text);
-    if (queue_.back() != '\n') queue_.push_back('\n');
+    blot_out_controls(queue_.data() + queue_.size() - text.size(), text.size());
+    queue_.push_back('\n');
   }
 
   void run() {
@@ -170,6 +199,7 @@ class writer {
       for (repetition& r : repeated_) {
         if (r.over(now)) close_locked(&r);
       }
+      if (others_.over(now)) close_locked(&others_);
       batch_.swap(queue_);
       const unsigned long lost = std::exchange(lost_, 0UL);
       guard.unlock();
@@ -204,6 +234,7 @@ class writer {
   std::string batch_;  // the thread's
   unsigned long lost_ = 0;
   std::array<repetition, 64> repeated_;
+  repetition others_;  // errors of further kinds
 };
 
 writer* the_writer() {

@@ -53,8 +53,9 @@ bool within_device(const bio* b, u64 capacity_sectors) {
 }
 
 void refuse(bio* b, const gendisk* disk) {
-  printk("<6>attempt to access beyond end of device\n<6>%s: rw=%u, want=%llu, limit=%llu\n",
-         disk->disk_name, b->bi_rw, static_cast<unsigned long long>(b->bi_sector + bio_sectors(b)),
+  printk("<6>attempt to access beyond end of device\n");
+  printk("<6>%s: rw=%u, want=%llu, limit=%llu\n", disk->disk_name, b->bi_rw,
+         static_cast<unsigned long long>(b->bi_sector + bio_sectors(b)),
          static_cast<unsigned long long>(disk->capacity_sectors.load()));
   bio_endio(b, -EIO);
 }

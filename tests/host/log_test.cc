@@ -9,13 +9,16 @@
 using namespace zorv;
 
 // What every request can cause fills no disk; what somebody asked to see is all there.
-TEST(host_log, errors_that_repeat_are_counted) {
+TEST(host_log, errors_that_repeat_are_counted_and_a_message_is_a_line) {
   host_log_start();
   testing::internal::CaptureStderr();
   for (int i = 0; i < 1000; ++i) {
     host_log_sink(("<3>ERROR: write(): sector " + std::to_string(i) + " is bad\n").c_str());
     host_log_sink(("<6>0007: write(): sector " + std::to_string(i) + " seen\n").c_str());
+    const std::string word(1 + i % 100, 'x');  // of more kinds than are told apart
+    host_log_sink(("<3>ERROR: word " + word + " is wrong\n").c_str());
   }
+  host_log_sink("<6>0007: node a\n<3>ERROR: \x1b[2J\xc2\x9b \xc3\xbc\n");
   host_log_flush(10000);
   const std::string log = testing::internal::GetCapturedStderr();
   const auto count = [&log](const std::string& part) {
@@ -25,6 +28,8 @@ TEST(host_log, errors_that_repeat_are_counted) {
   };
   EXPECT_EQ(count(" is bad\n"), 51) << log.substr(0, 500);
   EXPECT_EQ(count(" seen\n"), 1000);
+  EXPECT_EQ(count("node a?<3>ERROR: ?[2J?? \xc3\xbc\n"), 1);
+  EXPECT_EQ(count(" is wrong\n"), 63 * 10 + 50 + 1);
   EXPECT_EQ(count("950 more messages held back that were like: <3>ERROR: write(): sector 0"), 1);
 }
 
