@@ -67,6 +67,7 @@ parse_result parse_options(int argc, const char* const* argv, daemon_options* ou
   CLI::App app(description, "zorvd");
   app.set_version_flag("--version", std::string("zorvd ") + version_text);
   app.set_config("--config", "", "read options from FILE (NAME=VALUE lines)")->type_name("FILE");
+  app.allow_config_extras(CLI::config_extras_mode::error);
   out->run_dir = default_run_dir();
   app.add_option("--run-dir", out->run_dir, "directory of the sockets")
       ->type_name("DIR")
