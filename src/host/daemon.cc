@@ -40,16 +40,18 @@ bool fail(const std::string& text) {
 }
 
 // The signals that end the daemon, blocked everywhere and waited for in one place. A peer that
-// hangs up and a file at its size limit are errors of one call, not of the process; of the others,
-// none that would end it without a save does.
+// hangs up and a file at its size limit are errors of one call, not of the process; of the others
+// that somebody may send, none ends it without a save but KILL and those that say that it is broken
+// (ABRT, BUS, FPE, ILL, SEGV, SYS, TRAP).
 sigset_t take_signals() {
   for (const int number : {SIGPIPE, SIGXFSZ, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO,
                            SIGPWR, SIGSTKFLT}) {
     std::signal(number, SIG_IGN);
   }
+  for (int number = SIGRTMIN; number <= SIGRTMAX; ++number) std::signal(number, SIG_IGN);
   sigset_t set;
   sigemptyset(&set);
-  for (const int number : {SIGTERM, SIGINT, SIGQUIT, SIGHUP}) sigaddset(&set, number);
+  for (const int number : {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGXCPU}) sigaddset(&set, number);
   // Who starts it under nohup(1) wants it to outlive the terminal.
   struct sigaction hangup {};
   if (::sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler == SIG_IGN) {

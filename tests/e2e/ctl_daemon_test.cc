@@ -47,7 +47,7 @@ struct ctl_daemon : testing::Test {
 }  // namespace
 
 TEST_F(ctl_daemon, serves_its_owner_alone_and_leaves_nothing_behind) {
-  for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+  for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGXCPU}) {
     daemon_process d({"--disk", image});
     ASSERT_TRUE(d.serving()) << d.log();
     EXPECT_EQ(mode_of(d.run_dir()), 0700U);
@@ -55,7 +55,7 @@ TEST_F(ctl_daemon, serves_its_owner_alone_and_leaves_nothing_behind) {
     EXPECT_EQ(mode_of(d.run_dir() + "/nbd.sock"), 0600U);
     zorv_handle* idle = zorv_open(d.control().c_str());
     EXPECT_NE(idle, nullptr);
-    for (const int harmless : {SIGUSR1, SIGUSR2, SIGALRM}) d.signal(harmless);
+    for (const int harmless : {SIGUSR1, SIGUSR2, SIGALRM, SIGRTMIN, SIGRTMAX}) d.signal(harmless);
     d.must({"list"});
     d.signal(number);
     EXPECT_EQ(d.end(number), 0) << d.log();
@@ -87,6 +87,9 @@ TEST_F(ctl_daemon, what_it_cannot_do_is_said) {
   expect_refused({"zorv_blk_major=70000"}, 1, "does not load");
   expect_refused({"--disk", dir / "none"}, 1, "cannot attach");
   expect_refused({"--config", dir / "none"}, 2, "none");
+  const std::string unknown = "zorv_debgu=2\n";
+  write_file(dir / "conf", bytes(unknown.begin(), unknown.end()));
+  expect_refused({"--config", dir / "conf"}, 2, "zorv_debgu");
   expect_refused({}, 1, "too long", dir / std::string(150, 'x'));
   write_file(dir / "file", {});
   expect_refused({}, 1, "run directory", dir / "file");
