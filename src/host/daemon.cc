@@ -171,6 +171,13 @@ bool attach_disks(const daemon_options& options) {
   return true;
 }
 
+// Whether an export's device is the node, or a snap of it, which is stopped and deleted with it.
+bool goes_with(kernel::devt device, kernel::u32 minor) {
+  if (kernel::minor_of(device) == minor) return true;
+  const node_ref node = zorv_node_get(kernel::minor_of(device));
+  return node && node->dev_type == ZORV_DEV_SNAP && node->s.filter->minor == minor;
+}
+
 // What is up, taken down in reverse. The front ends go first, so that no node is open and no
 // command runs when the driver unloads.
 class services {
@@ -202,7 +209,9 @@ bool services::start(const daemon_options& options) {
   control.socket_path = options.run_dir + "/control.sock";
   control.run_dir = options.run_dir;
   control.nbd_socket_path = nbd.socket_path;
-  control.settle_clients = [this] { nbd_.settle(); };
+  control.settle_clients = [this](std::uint32_t minor) {
+    nbd_.settle([minor](kernel::devt node) { return goes_with(node, minor); });
+  };
   rc = control_.start(control, &error);
   if (rc != 0) return fail("the control socket does not start: " + error);
   return true;

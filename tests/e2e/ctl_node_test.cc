@@ -217,3 +217,20 @@ TEST_F(ctl_node, every_command_has_help) {
   }
   EXPECT_EQ(run_program({"sh", "-c", ZORVCTL_PATH " --help >/dev/full"}).status, 1);
 }
+
+TEST_F(ctl_node, a_client_that_is_leaving_another_node_holds_up_no_stop) {
+  make_image(dir / "other.img", 64 << 20);
+  d->must({"attach", dir / "other.img", "--name", "other"});
+  add("data");
+  add("other", "other");
+  for (const char* node : {"data", "other"}) d->must({"start", node});
+  raw_client leaving(d->run_dir() + "/nbd.sock");
+  ASSERT_TRUE(leaving.enter("other"));
+  for (int i = 0; i < 40; ++i) leaving.ask(wire::cmd_read, 0, 2 << 20);
+  leaving.send_no_more();
+  const auto begin = std::chrono::steady_clock::now();
+  d->must({"stop", "data"});
+  const auto took = std::chrono::steady_clock::now() - begin;
+  EXPECT_LT(took, std::chrono::milliseconds(1500)) << "the limit of such a wait is two seconds";
+  EXPECT_EQ(d->ctl({"stop", "other"}).status, 1) << "it is in use";
+}

@@ -441,23 +441,38 @@ TEST_F(nbd_test, the_device_is_free_when_the_client_sees_the_connection_close) {
 }
 
 TEST_F(nbd_test, stop_ends_requests_in_flight_and_every_connection) {
+  server.reset();
+  options.reply_limit_ms = 200;
+  serve();
   raw_client idle(options.socket_path);
   raw_client haggling(options.socket_path);
   raw_client busy(options.socket_path);
-  ASSERT_TRUE(idle.enter("disk"));
-  ASSERT_TRUE(busy.enter("disk"));
+  raw_client zeroing(options.socket_path);
+  raw_client deaf(options.socket_path);
+  for (raw_client* c : {&idle, &busy, &zeroing}) ASSERT_TRUE(c->enter("disk"));
+  ASSERT_TRUE(deaf.enter("disk", /*structured=*/false));
   haggling.greet();
+  deaf.ask(cmd_read, 0, 8 * MiB);
+  ASSERT_TRUE(deaf.anything_to_hear(10000));
   disk.serve(serving::held);
   const u64 written = busy.ask(cmd_write, 0, 4096, 0, pattern(4096, 4));
-  ASSERT_TRUE(eventually([this] { return disk.held_count() == 1; }));
+  const u64 zeroed = zeroing.ask(cmd_write_zeroes, 0, static_cast<u32>(disk_bytes));
+  ASSERT_TRUE(eventually([this] {
+    return disk.held_count() == 1 + options.max_inflight_bytes / wire::max_piece_bytes;
+  }));
   std::thread stopper([this] { server->stop(); });
   EXPECT_TRUE(idle.at_eof());
   EXPECT_TRUE(haggling.at_eof());
-  EXPECT_EQ(openers(), 1);
+  EXPECT_TRUE(eventually([this] { return openers() == 2; })) << "who does not read is cut off";
+  EXPECT_FALSE(busy.anything_to_hear(400)) << "who waits for the disk is not";
+  const u64 writes = disk.writes();
+  disk.serve(serving::at_once);
   disk.release_all();
   EXPECT_EQ(busy.hear(written).error, 0U);
   EXPECT_TRUE(busy.at_eof());
+  EXPECT_EQ(zeroing.hear(zeroed).error, u32{wire::eshutdown});
   stopper.join();
+  EXPECT_EQ(disk.writes(), writes) << "nothing more of what a stop found half done";
   EXPECT_EQ(openers(), 0);
   EXPECT_NE(::access(options.socket_path.c_str(), F_OK), 0);
 }

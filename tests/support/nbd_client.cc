@@ -36,6 +36,8 @@ void raw_client::hang_up() {
   fd_ = -1;
 }
 
+void raw_client::send_no_more() { ::shutdown(fd_, SHUT_WR); }
+
 bool raw_client::send(const bytes& data) {
   std::size_t at = 0;
   while (at < data.size()) {

@@ -54,6 +54,7 @@ class raw_client {
   };
 
   void hang_up();
+  void send_no_more();           // and go on listening
   bool send(const bytes& data);  // false when the peer has closed
   bytes receive(std::size_t n);  // shorter when the peer closes; fails the test after 20 s
   [[nodiscard]] bool at_eof() { return receive(1).empty(); }

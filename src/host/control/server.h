@@ -24,7 +24,7 @@ struct control_options {
   unsigned stop_grace_ms = 5'000;  // what is left of that for a reply when the server stops
   // Called before a command that needs a node unused (STOP_NODE, DEL_NODE): a client that has
   // disconnected may still have it open for a moment. May be empty.
-  std::function<void()> settle_clients;
+  std::function<void(std::uint32_t minor)> settle_clients;
 };
 
 class control_server {

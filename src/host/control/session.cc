@@ -142,7 +142,11 @@ control_session::next control_session::run_ioctl(const zorv_ctl_request& request
 
 int control_session::carry_out(const zorv_ctl_request& request, message_space* space) {
   const bool needs_unused = request.command == ZORV_STOP_NODE || request.command == ZORV_DEL_NODE;
-  if (needs_unused && options_.settle_clients) options_.settle_clients();
+  zorv_node_req node{};
+  if (needs_unused && options_.settle_clients && record_.size() == sizeof node) {
+    std::memcpy(&node, record_.data(), sizeof node);
+    options_.settle_clients(node.minor);
+  }
   held_.reserve(held_.size() + 1);  // what is taken has to be noted
   const kernel::user_space_scope scope(space);
   // A peer that only sends no more still waits for the answer.

@@ -107,6 +107,10 @@ bool transmission::issue(stall* why) {
     return false;
   }
   while (has_data && r->failed == ok && current_done_ < r->length) {
+    if (stopping_->load(std::memory_order_relaxed)) {
+      r->failed = eshutdown;
+      break;
+    }
     const bool on = r->type == cmd_read    ? issue_read(why)
                     : r->type == cmd_write ? issue_write(why)
                                            : issue_zeroes(why);

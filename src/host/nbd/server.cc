@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "host/nbd/server.h"
 
+#include <linux/sockios.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,14 +34,17 @@ namespace {
 constexpr int nice_of_readers = 10;
 
 constexpr int send_buffer_bytes = 1 << 20;
-// How long a client that is told of the end may take to read its last replies.
-constexpr auto reply_limit = std::chrono::seconds(5);
+// How often is looked whether clients that are told of the end read their last replies.
+constexpr auto look_interval = std::chrono::milliseconds(50);
 
 struct connection {
   int fd = -1;  // -1 once closed; under the server's lock
   std::thread thread;
   bool finished = false;
   nbd_client_process peer;  // node 0 before the end of negotiation; under the server's lock
+  // While the server stops, under its lock: what the client has not read, and since when that is.
+  int unread = 0;
+  std::chrono::steady_clock::time_point unread_since;
 };
 
 int fail(std::string* error, int code, std::string text) {
@@ -68,6 +73,7 @@ struct nbd_server::impl {
   void serve(connection* c) noexcept;
   void converse(connection* c);
   std::list<connection> finished_locked();
+  void cut_off_deaf_locked();
 };
 
 void nbd_server::impl::accept_loop() noexcept {
@@ -97,6 +103,22 @@ std::list<connection> nbd_server::impl::finished_locked() {
     if (at->finished) gone.splice(gone.end(), connections, at);
   }
   return gone;
+}
+
+// A client that reads is let wait for its disk; one that leaves its replies unread is cut off.
+void nbd_server::impl::cut_off_deaf_locked() {
+  const auto now = std::chrono::steady_clock::now();
+  const auto limit = std::chrono::milliseconds(options.reply_limit_ms);
+  for (connection& c : connections) {
+    int unread = 0;
+    if (c.fd < 0 || ::ioctl(c.fd, SIOCOUTQ, &unread) != 0) continue;
+    if (unread == 0 || unread != c.unread) {
+      c.unread = unread;
+      c.unread_since = now;
+    } else if (now - c.unread_since >= limit) {
+      ::shutdown(c.fd, SHUT_RDWR);
+    }
+  }
 }
 
 void nbd_server::impl::take(int fd) {
@@ -188,14 +210,15 @@ std::vector<nbd_client_process> nbd_server::clients() {
   return all;
 }
 
-void nbd_server::settle() {
+void nbd_server::settle(const std::function<bool(kernel::devt node)>& concerns) {
   constexpr auto limit = std::chrono::seconds(2);
   impl* i = impl_.get();
   std::unique_lock guard(i->lock);
-  const auto none_leaving = [i] {
+  const auto none_leaving = [&] {
     for (const connection& c : i->connections) {
       pollfd p{c.fd, POLLRDHUP, 0};
-      if (c.fd >= 0 && ::poll(&p, 1, 0) == 1) return false;
+      const bool leaving = c.fd >= 0 && ::poll(&p, 1, 0) == 1;
+      if (leaving && (c.peer.node == 0 || concerns(c.peer.node))) return false;
     }
     return true;
   };
@@ -212,23 +235,17 @@ void nbd_server::stop() {
   std::list<connection> gone;
   {
     std::unique_lock guard(i->lock);
-    const auto shut = [i](int how) {
-      for (const connection& c : i->connections) {
-        if (c.fd >= 0) ::shutdown(c.fd, how);
-      }
-    };
     const auto all_closed = [i] {
       for (const connection& c : i->connections) {
         if (!c.finished) return false;
       }
       return true;
     };
-    // Nothing new is received, replies still go out; whoever does not read them is cut off.
-    shut(SHUT_RD);
-    if (!i->closed.wait_for(guard, reply_limit, all_closed)) {
-      shut(SHUT_RDWR);
-      i->closed.wait(guard, all_closed);
+    // Nothing new is received, replies still go out.
+    for (const connection& c : i->connections) {
+      if (c.fd >= 0) ::shutdown(c.fd, SHUT_RD);
     }
+    while (!i->closed.wait_for(guard, look_interval, all_closed)) i->cut_off_deaf_locked();
     gone = i->finished_locked();
   }
   for (connection& c : gone) c.thread.join();

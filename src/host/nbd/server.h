@@ -2,6 +2,7 @@
 // The NBD server: every started node is an export of its name on one Unix socket.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@ struct nbd_options {
   unsigned max_connections = 64;
   std::size_t max_inflight_bytes = 16U << 20;  // per client
   unsigned handshake_limit_ms = 30000;         // from connecting to the first request
+  unsigned reply_limit_ms = 5000;              // without reading its replies, when the server stops
   nbd_export_source* exports = nullptr;        // null: the driver's started nodes
 };
 
@@ -36,9 +38,10 @@ class nbd_server {
   [[nodiscard]] int start(const nbd_options& options, std::string* error);
   // Everybody who is past negotiation now.
   [[nodiscard]] std::vector<nbd_client_process> clients();
-  // Waits until the connections whose peers have gone have released their nodes, at most two
-  // seconds: whoever has disconnected finds the node unused.
-  void settle();
+  // Waits until the connections whose peers have gone have released the nodes for which concerns()
+  // says so, at most two seconds: whoever has disconnected finds the node unused. One that is not
+  // past negotiation may be about any node.
+  void settle(const std::function<bool(kernel::devt node)>& concerns);
   // Stops accepting, lets requests in flight finish, closes every connection and every node.
   void stop();
 
