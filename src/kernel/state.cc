@@ -183,6 +183,8 @@ int state_noted(const char* key) {
   might_sleep("state_noted");
   const int fd = dir_fd();
   if (fd < 0) return -ENOENT;
+  // Another process may have made it and not come to its sync.
+  if (const int rc = sync_fd(fd); rc != 0) return rc;
   char text[PATH_MAX];
   const ssize_t n = ::readlinkat(fd, key, text, sizeof text);
   if (n < 0) return errno == ENOENT ? 0 : -errno;

@@ -21,7 +21,7 @@ u32 get_le32(const u8* from) {
 
 enum class verdict {
   current,   // the buffer holds the bitmap
-  useless,   // no loader will ever take this file
+  useless,   // no loader will ever take this file, once that is on disk
   in_doubt,  // unreadable now, or made for another geometry: another load may take it
 };
 
@@ -107,6 +107,14 @@ read_result read_file(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, u8* bi
   return result;
 }
 
+// What was found may be so in the page cache alone: an earlier life's mark whose sync it did not
+// see, a name that somebody has taken away. A power cut would bring back what was there before.
+bool is_lasting(zorv_filter* f, u32 type) {
+  if (f->marks[type].file != nullptr && bmpfile::sync(f, type) != 0) return false;
+  const int rc = kernel::fs_sync_parent(zorv_bmp_of(f, type).fname);
+  return rc == 0 || rc == -ENOENT;  // not even a folder
+}
+
 // From here until load_end every bit that is marked is also noted in kept. A file that is known to
 // lack bits - its stale mark is still due - does not take them away from the bitmap either.
 void load_begin(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, u8* kept) {
@@ -178,7 +186,8 @@ int zorv_block_load_bmp(zorv_filter* f, u32 type) {
     return -EIO;
   }
   load_begin(f, type, bmp, kept.get());
-  const read_result result = read_file(f, type, bmp, bits.get());
+  read_result result = read_file(f, type, bmp, bits.get());
+  if (result.file == verdict::useless && !is_lasting(f, type)) result.file = verdict::in_doubt;
   load_end(f, type, bmp, bits.get(), kept.get(), result.file);
   return result.rc;
 }

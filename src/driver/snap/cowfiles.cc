@@ -147,7 +147,6 @@ int failed(const zorv_file* file, const char* what, int rc) {
 int make_void(const zorv_snap& s) {
   for (const u32 which : {seal_of_data, seal_of_bits}) {
     zorv_file* file = file_of(s, which);
-    if (kernel::file_size(file->filp) == 0) continue;
     int rc = kernel::vfs_empty(file->filp);
     if (rc != 0) return failed(file, "empty", rc);
     rc = zorv_fsync(file);
