@@ -124,6 +124,23 @@ TEST_F(record_test, a_snap_that_has_missed_a_write_is_not_resumed_as_valid) {
   }
 }
 
+TEST_F(record_test, a_record_that_could_not_be_read_lists_what_starts_after_that) {
+  const u32 a = add_started_snap({.files = dir / "a"}), b = add_started_snap({.files = dir / "b"});
+  unload();
+  kernel::fault_arm(fault_site::file_sync, 1, -1, EIO);
+  load();
+  filter = add_filter(disk.path());
+  kernel::fault_disarm_all();
+  EXPECT_TRUE(log.has("can be resumed as valid: " + (dir / "zorv0.snaps: rc=-5.")));
+  EXPECT_EQ(add_started_snap({.files = dir / "a"}), a);
+  EXPECT_EQ(write(0), 0);
+  restart();
+  EXPECT_FALSE(resumed(b));
+  EXPECT_EQ(stop(b), 0);
+  EXPECT_TRUE(resumed(a)) << log.errors();
+  expect_unchanged(a);
+}
+
 TEST_F(record_test, a_held_write_that_a_stop_lets_go_is_missed) {
   const u32 a = add_started_snap({.files = dir / "a"});
   kernel::block_device* bdev = client(filter).bdev();

@@ -337,6 +337,8 @@ void load(zorv_filter* f, zorv_file* file) {
   if (rc >= 0) return;
   zorv_log(LOG_ERROR, "%s(): No snap of zorv(%d, %d) can be resumed as valid: %s: rc=%d.",
            "zorv_record_attach", zorv_blk_major, f->filter_minor, r.fname, rc);
+  // Its numbers are not known, and a lower one would not count: what is written next is another.
+  recordfile::close(&r);
   kernel::spin_guard guard(&r.lock);
   r.listed = r.ahead = true;  // somebody may be able to read it
   zorv_record_update_stale(&r);
