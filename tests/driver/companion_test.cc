@@ -134,6 +134,35 @@ TEST_F(companion_test, one_daemon_and_no_other_file_stands_behind_the_names) {
   EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
 }
 
+TEST_F(companion_test, one_that_cannot_be_opened_holds_up_no_write) {
+  const fs::path name = dir / "zorv0.disk";
+  const std::function<void()> table[] = {
+      [&] { fs::create_symlink(dir / "away", name); },
+      [&] { fs::create_directory(name); },
+  };
+  for (const auto& comes : table) {
+    for (const bool while_it_runs : {false, true}) {
+      EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
+      if (!while_it_runs) EXPECT_EQ(del(0), 0);
+      fs::rename(name, dir / "away");
+      comes();
+      log.clear();
+      if (!while_it_runs) EXPECT_EQ(add_filter(disk->path(), {.minor = 0}) | start(0), 0U);
+      {
+        client c(0U);
+        for (const u64 extent : {7, 8}) EXPECT_EQ(c.fill(extent * 65536, 512, 1), 0);
+      }
+      EXPECT_EQ(log.count("zorv_companion_attach(): Everything counts as changed"), 1);
+      EXPECT_EQ(del(0), 0);
+      fs::remove(name);
+      fs::rename(dir / "away", name);
+      add_filter(disk->path(), {.minor = 0});
+      EXPECT_EQ(changed(0, incr).size(), 16U);
+      EXPECT_EQ(start(0), 0);
+    }
+  }
+}
+
 TEST_F(companion_test, a_file_that_takes_the_name_is_marked_before_the_next_write_goes) {
   fs::copy_file(file, dir / "copy");
   fs::rename(file, dir / "aside");

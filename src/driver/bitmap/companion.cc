@@ -133,6 +133,8 @@ bool bitmap_files_there(const zorv_filter* f) {
 int zorv_companion_attach(zorv_filter* f) {
   zorv_companion& c = f->companion;
   const char* why = nullptr;
+  kernel::file_id there;
+  if (kernel::path_identity(c.fname, &there) != 0) there = {};
   int rc = open_locked(f, own_flags);
   c.absent = rc == -ENOENT;
   if (rc == -ENOENT) rc = open_locked(f, own_flags | kernel::FO_CREAT);
@@ -158,6 +160,7 @@ int zorv_companion_attach(zorv_filter* f) {
   }
   c.ours = why == nullptr;
   if (!c.ours && (rc = retire_pairs(f)) != 0) return rc;
+  c.unusable = c.file == nullptr ? there : kernel::file_id{};
   // A node's first life is nothing to report.
   const bool fresh = c.absent && c.file != nullptr && !bitmap_files_there(f);
   if (c.absent && c.file != nullptr && !fresh) why = "it is missing beside bitmap files";
@@ -224,6 +227,8 @@ int zorv_companion_follow(zorv_filter* f) {
     c.lost = true;
   } else if (looked != 0) {
     return 0;  // no companion, so nobody else's either
+  } else if (!c.lost && c.unusable.valid() && there == c.unusable) {
+    return 0;  // what it means has been seen to
   }
   const int rc = zorv_companion_attach(f);
   if (rc != 0) return rc;

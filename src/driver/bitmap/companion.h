@@ -32,6 +32,7 @@ struct zorv_companion {
   // Notes about the pair are made and taken back, each with what marks[].excused says of it. Inside
   // bmp_mutex; taken alone by waiting writes.
   rzmutex note_mutex;
+  kernel::file_id unusable;               // what stood at its name when that could not be opened
   std::atomic<const char*> why{nullptr};  // everything counted as changed when the node was made
 };
 
