@@ -164,8 +164,10 @@ int zorv_block_write_dirty_flag(zorv_filter* f, u32 type, int flag) {
   }
   int rc = bmpfile::follow_name(f, type, bmpfile::missing::fail);
   if (rc == 0 && !f->marks[type].foreign) return bmpfile::write_stale(f, type);
-  if (rc == -ENOENT) rc = kernel::fs_sync_parent(fname);  // nothing to mark, once that is certain
-  if (rc == -ENOENT) rc = 0;                              // not even a folder
+  // Nothing to mark, once that is certain.
+  if (rc == 0) rc = bmpfile::sync(f, type);
+  if (rc == 0 || rc == -ENOENT) rc = kernel::fs_sync_parent(fname);
+  if (rc == -ENOENT) rc = 0;  // not even a folder
   if (rc == 0) zorv_marks_file_void(f, type);
   return rc;
 }
