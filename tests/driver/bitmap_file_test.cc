@@ -309,6 +309,22 @@ TEST_F(bitmap_file_test, no_single_failure_leaves_a_file_that_misses_a_write) {
   }
 }
 
+TEST_F(bitmap_file_test, bits_that_a_stop_could_not_save_are_not_forgotten) {
+  using kernel::fault_site;
+  saved_node();
+  for (const auto site :
+       {fault_site::file_write, fault_site::file_unlink, fault_site::state_write}) {
+    kernel::fault_arm(site, 1, -1, EIO);
+  }
+  mark(9);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(stop(0), -EIO);
+  EXPECT_EQ(del(0), -EIO) << "the file looks current without them";
+  kernel::fault_disarm_all();
+  EXPECT_EQ(stop(0) | del(0), 0);
+  add_filter(disk.path());
+  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 9}));
+}
+
 // What the page cache shows of a file may be more, or less, than a power cut leaves.
 TEST_F(bitmap_file_test, a_file_that_the_load_finds_void_stays_void) {
   saved_node();

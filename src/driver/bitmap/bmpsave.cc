@@ -246,6 +246,7 @@ int zorv_block_save_bmp(zorv_filter* f, u32 type) {
   {
     marks_guard guard(f);
     if (rc != 0) bmp.dirty->store(1);
+    if (rc != 0) f->unsaved.store(true);
     f->holds[type].retrying = false;  // what failed before this save waits for no later try
   }
   // Marks that were cancelled for this save are queued anew if the file lacks their bits.
@@ -272,12 +273,15 @@ int zorv_block_await_writes(zorv_filter* f) {
 int zorv_block_save_dirty_bmps(zorv_filter* f) {
   zorv_log(1, "%s(): Saving dirty incr/diff bitmaps to disk", __func__);
   const rzmutex_hold one_at_a_time(&f->save_mutex, file_limit_jiffies, __func__);
+  f->unsaved.store(true);
   if (!one_at_a_time) return -EIO;
   int incr_rc = 0;
   int diff_rc = 0;
   if (f->incr_bmp_dirty.load() != 0) incr_rc = zorv_block_save_bmp(f, ZORV_BMP_INCREMENTAL);
   if (f->diff_bmp_dirty.load() != 0) diff_rc = zorv_block_save_bmp(f, ZORV_BMP_DIFFERENTIAL);
-  return incr_rc != 0 ? incr_rc : diff_rc;
+  const int rc = incr_rc != 0 ? incr_rc : diff_rc;
+  f->unsaved.store(rc != 0);
+  return rc;
 }
 
 }  // namespace zorv

@@ -300,7 +300,10 @@ bool stop_snap(zorv_blkdev* snap, zorv_blkdev* filter) {
 int zorv_block_stop_device(zorv_blkdev* dev) {
   zorv_log(2, "%s(): Stopping zorv(%d, %d)", __func__, zorv_blk_major, dev->minor);
   rzmutex_guard guard(&dev->dev_mutex);
-  if (dev->started.load() == 0) return 0;
+  if (dev->started.load() == 0) {
+    const bool unsaved = dev->dev_type == ZORV_DEV_FILTER && dev->f.unsaved.load();
+    return unsaved ? zorv_block_save_dirty_bmps(&dev->f) : 0;
+  }
   const bool in_use = dev->use_cnt.load() != 0 ||
                       (dev->dev_type == ZORV_DEV_FILTER && dev->f.snaps_starting.load() != 0);
   if (in_use) {

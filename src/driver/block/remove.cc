@@ -210,7 +210,7 @@ int take_down_nodes(int* unsaved) {
   }
   while (node_ref filter = topmost_filter()) {
     filter->left_behind = true;
-    int rc = filter->started.load() != 0 ? zorv_block_stop_device(filter.get()) : 0;
+    int rc = zorv_block_stop_device(filter.get());
     if (filter->started.load() == 0) {
       if (*unsaved == 0) *unsaved = rc;
       rc = 0;
@@ -248,13 +248,25 @@ int zorv_block_unknown_node(const char* caller, u32 minor) {
   return -EINVAL;
 }
 
+namespace {
+
+bool misses_bits(zorv_blkdev* dev) {
+  if (dev->dev_type != ZORV_DEV_FILTER) return false;
+  kernel::spin_guard guard(&dev->f.bmp_lock);
+  return zorv_marks_due(&dev->f, ZORV_BMP_INCREMENTAL, excused::no) ||
+         zorv_marks_due(&dev->f, ZORV_BMP_DIFFERENTIAL, excused::no);
+}
+
+}  // namespace
+
 int zorv_ioctl_del_node(const zorv_node_req* req) {
   zorv_log(1, "%s(): Removing zorv(%d, %d)", __func__, zorv_blk_major, req->minor);
   node_ref dev = zorv_node_get(req->minor);
   if (!dev) return zorv_block_unknown_node(__func__, req->minor);
   const int rc = zorv_block_stop_device(dev.get());
-  // One that has stopped, but without its bitmaps saved, goes all the same.
-  if (rc != 0 && dev->started.load() != 0) return rc;
+  // One that has stopped, but without its bitmaps saved, goes all the same, unless a file would be
+  // believed without them.
+  if (rc != 0 && (dev->started.load() != 0 || misses_bits(dev.get()))) return rc;
   return zorv_block_destroy_device(std::move(dev), 1);
 }
 

@@ -40,7 +40,8 @@ struct zorv_filter {
   kernel::block_device* hdd_bdev = nullptr;  // open from creation to destruction
   bool hdd_is_node = false;                  // the HDD is a node of this driver
   u32 filter_minor = 0;
-  u32 extent_size = 0;  // bytes per change-bitmap bit, a power of two
+  std::atomic<bool> unsaved{false};  // the last save has failed: a STOP tries again
+  u32 extent_size = 0;               // bytes per change-bitmap bit, a power of two
   u32 extent_shift = 0;
   u32 extent_cnt = 0;
   u64 dev_size = 0;  // bytes
