@@ -404,6 +404,25 @@ stopped_snap_misses_a_write() {
   z resume s >/dev/null
   refused valid s
 }
+copies_put_back() { # on a file system that keeps no times of birth
+  truncate -s 96M fs
+  mkfs.ext4 -q -F -I 128 fs 2>/dev/null
+  mkdir mnt
+  mount -o loop,noatime fs mnt
+  undo+=("umount -l mnt")
+  clean_disk
+  z add-snap data --chunk-size 64K --name s --cow-bmp "$PWD/mnt/s.bmp" --cow-data "$PWD/mnt/s.cow" >/dev/null
+  z start s >/dev/null
+  for f in mnt/s.bmp mnt/s.cow; do cp --sparse=always $f $f.old; done
+  io data write:0:1048576:2
+  crash run
+  for f in mnt/s.bmp mnt/s.cow; do rm $f && cp --sparse=always $f.old $f; done # the inode numbers come back, too
+  again
+  z add-snap data --chunk-size 64K --name s --cow-bmp "$PWD/mnt/s.bmp" --cow-data "$PWD/mnt/s.cow" >/dev/null
+  z resume s >/dev/null
+  refused valid s
+  end run
+}
 running_snap_survives_a_crash() {
   clean_disk
   snap data s
@@ -660,6 +679,7 @@ disk_error_stays||a disk error that a FUA write met is every later flush's
 failed_flush||a failed flush is an error to the client and costs no connection
 interrupted_start||a start that was interrupted leaves nothing that resumes as whole
 stopped_snap_misses_a_write||a snap that missed a write while stopped is not resumed as whole
+copies_put_back|root|older copies of a snap's files are told from them where no times of birth are kept
 running_snap_survives_a_crash||a running snap survives a crash, byte for byte
 resume_behind_a_start||a snap resumed after another was started leaves that one as it was
 pool_label||a superblock in front of a pool's labels frees nothing

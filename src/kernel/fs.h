@@ -104,7 +104,8 @@ void vfs_begin_write(file_writes* w, file* f, const void* buffer, std::size_t by
 [[nodiscard]] int vfs_truncate(file* f, u64 bytes);  // its length; 0 | negative errno
 
 // Which file of the host this is, whatever names lead to it. The time of birth tells it from a
-// later file that got its inode number; 0 where the host's file system keeps none.
+// later file that got its inode number; where the host's file system keeps none, the inode's
+// generation does (negative, of open files alone); 0 where there is neither.
 struct file_id {
   u64 dev = 0;
   u64 ino = 0;

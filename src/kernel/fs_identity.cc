@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Which file of the host a handle or a name stands for, and what is done only as long as it does.
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -16,7 +18,8 @@ namespace {
 //   at, path, flags  as for statx
 int identify(int at, const char* path, int flags, file_id* id) {
   struct statx st;
-  if (::statx(at, path, flags | AT_STATX_SYNC_AS_STAT, STATX_INO | STATX_BTIME, &st) != 0) {
+  if (::statx(at, path, flags | AT_STATX_SYNC_AS_STAT, STATX_TYPE | STATX_INO | STATX_BTIME, &st) !=
+      0) {
     return -errno;
   }
   id->dev = makedev(st.stx_dev_major, st.stx_dev_minor);
@@ -24,6 +27,11 @@ int identify(int at, const char* path, int flags, file_id* id) {
   id->birth_ns = 0;
   if ((st.stx_mask & STATX_BTIME) != 0) {
     id->birth_ns = st.stx_btime.tv_sec * 1000000000LL + st.stx_btime.tv_nsec;
+  } else if ((flags & AT_EMPTY_PATH) != 0 && S_ISREG(st.stx_mode)) {
+    long generation = 0;  // the host writes an int
+    if (::ioctl(at, FS_IOC_GETVERSION, &generation) == 0) {
+      id->birth_ns = -1 - static_cast<s64>(static_cast<u32>(generation));
+    }
   }
   return 0;
 }

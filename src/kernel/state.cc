@@ -3,6 +3,7 @@
 // one step each, and durable with their folder.
 #include "kernel/state.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -120,12 +121,29 @@ int read_or_make_id(int fd, u8 (&id)[state_id_bytes]) {
   }
 }
 
+// Of a copy of the folder nobody knows from when it is: its link is another file, made at another
+// time. Where the file system keeps no times of birth, the link's last change is as good.
+int bind_id(int fd, u8 (&id)[state_id_bytes]) {
+  struct statx st;
+  if (::statx(fd, id_name, AT_SYMLINK_NOFOLLOW, STATX_INO | STATX_BTIME | STATX_CTIME, &st) != 0) {
+    return -errno;
+  }
+  const auto& made = (st.stx_mask & STATX_BTIME) != 0 ? st.stx_btime : st.stx_ctime;
+  const u64 mine[] = {st.stx_ino, static_cast<u64>(made.tv_sec) * 1000000000U + made.tv_nsec};
+  static_assert(sizeof mine == state_id_bytes);
+  u8 bytes[sizeof mine];
+  std::memcpy(bytes, mine, sizeof mine);
+  for (std::size_t i = 0; i < sizeof bytes; ++i) id[i] ^= bytes[i];
+  return 0;
+}
+
 int open_folder(const std::string& dir, int* out, u8 (&id)[state_id_bytes]) {
   int rc = make_directories(dir);
   if (rc != 0) return rc;
   const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return -errno;
   rc = read_or_make_id(fd, id);
+  if (rc == 0) rc = bind_id(fd, id);
   if (rc == 0) rc = sync_fd(fd);
   if (rc != 0) {
     ::close(fd);
@@ -208,6 +226,38 @@ int state_forget(const char* key, const char* outdated) {
     stands_no_more(key);
   }
   return 0;
+}
+
+int state_forget_all(const char* prefix, const char* ending) {
+  might_sleep("state_forget_all");
+  if (const int rc = fault_check(fault_site::state_write); rc != 0) return rc;
+  const int fd = dir_fd();
+  if (fd < 0) return -ENOENT;
+  const int list_fd = ::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* list = list_fd < 0 ? nullptr : ::fdopendir(list_fd);
+  if (list == nullptr) {
+    const int rc = -errno;
+    if (list_fd >= 0) ::close(list_fd);
+    return rc;
+  }
+  int rc = 0;
+  for (;;) {
+    errno = 0;
+    const dirent* entry = ::readdir(list);
+    if (entry == nullptr) {
+      rc = -errno;
+      break;
+    }
+    char value[PATH_MAX];
+    if (!std::string_view(entry->d_name).starts_with(prefix)) continue;
+    const ssize_t n = ::readlinkat(fd, entry->d_name, value, sizeof value);
+    if (n < 0 || !std::string_view(value, static_cast<std::size_t>(n)).ends_with(ending)) continue;
+    if (::unlinkat(fd, entry->d_name, 0) == 0 || errno == ENOENT) continue;
+    rc = -errno;
+    break;
+  }
+  ::closedir(list);
+  return rc != 0 ? rc : sync_fd(fd);
 }
 
 bool state_stands(const char* text) {

@@ -16,7 +16,8 @@ constexpr std::size_t state_id_bytes = 16;
 //   dir      absolute; empty or null: no folder from now on
 //   returns  0 | negative errno: there is no folder then
 [[nodiscard]] int state_set_dir(const char* dir);
-// The folder's id, chosen at random when it was made; all zero while there is none.
+// The folder's id, chosen at random when it was made, another one in a copy of the folder; all zero
+// while there is none.
 void state_id(u8 (&id)[state_id_bytes]);
 
 // Keys are of letters, digits, '-' and '.', at most 200 of them. All three may sleep.
@@ -29,6 +30,9 @@ void state_id(u8 (&id)[state_id_bytes]);
 //             be any more: as long as the key has no new value, it stands as a note of that text
 //   returns   0 (also when it was not noted) | negative errno
 [[nodiscard]] int state_forget(const char* key, const char* outdated = nullptr);
+// Forgets every key that begins so and whose value ends so.
+//   returns  0 | as state_note
+[[nodiscard]] int state_forget_all(const char* prefix, const char* ending);
 // Of the notes that this process has made or found and that stand, from memory: whether one has
 // that text; how many there are.
 [[nodiscard]] bool state_stands(const char* text);

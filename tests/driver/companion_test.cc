@@ -64,6 +64,8 @@ TEST_F(companion_test, a_bitmap_is_believed_for_its_disk_extents_and_state_folde
       {1 << 20, 131072, "memory:d0", "zorv", "the extents have another size"},
       {1 << 20, 65536, "memory:d0", "elsewhere", "another state folder was in use"},
   };
+  constexpr auto as_it_is = fs::copy_options::recursive | fs::copy_options::copy_symlinks;
+  fs::copy(state / "zorv", state / "elsewhere", as_it_is);
   for (const auto& row : table) {
     EXPECT_EQ(del(0), 0);
     disk.emplace("d0", row.disk_bytes);
@@ -79,7 +81,8 @@ TEST_F(companion_test, a_bitmap_is_believed_for_its_disk_extents_and_state_folde
     disk.emplace("d0", 1 << 20);
     ASSERT_EQ(kernel::state_set_dir((state / "zorv").c_str()), 0);
     add_filter(disk->path(), {.minor = 0});
-    const bool in_use = row.identity == "memory:d0" && row.state == "zorv";
+    const bool in_use =
+        (row.identity == "memory:d0" || row.identity.empty()) && row.state == "zorv";
     EXPECT_EQ(changed(0, incr).empty(), !in_use) << row.reason;
     EXPECT_EQ(log.has("other bitmap files have been in use for the disk since"), in_use);
     EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
@@ -94,6 +97,12 @@ TEST_F(companion_test, a_bitmap_is_believed_for_its_disk_extents_and_state_folde
   fs::remove(dir / "zorv0.disk");
   EXPECT_EQ(after_add_again().size(), 16U);
   EXPECT_TRUE(proc("zorv/zorv0/bmp_trouble").find("zorv0.disk: it is missing") < 99);
+  EXPECT_EQ(start(0), 0);
+  add_started_filter("/dev/zorv/zorv0", {.minor = 1});
+  EXPECT_EQ(stop(1) | del(1), 0);
+  EXPECT_EQ(client(0U).fill(65536, 512, 1), 0) << "while no filter stands over it";
+  add_filter("/dev/zorv/zorv0", {.minor = 1});
+  EXPECT_EQ(changed(1, incr).size(), 16U);
 }
 
 TEST_F(companion_test, one_daemon_and_no_other_file_stands_behind_the_names) {

@@ -79,6 +79,20 @@ TEST_F(record_test, a_snap_that_has_missed_a_write_is_not_resumed_as_valid) {
          restart();
        },
        false},
+      {"a write with other files, and the state folder as it was before",
+       [this] {
+         using opt = std::filesystem::copy_options;
+         std::filesystem::copy(state / "zorv", state / "old", opt::recursive | opt::copy_symlinks);
+         restart(false, state.path());
+         EXPECT_EQ(write(), 0);
+         unload();
+         std::filesystem::remove_all(state / "zorv");
+         std::filesystem::rename(state / "old", state / "zorv");
+         EXPECT_EQ(kernel::state_set_dir((state / "zorv").c_str()), 0);
+         load();
+         restart();
+       },
+       false},
       {"a write and the record as it was before",
        [this] {
          const std::string record = dir / "zorv0.snaps";

@@ -53,9 +53,14 @@ bool is_zero(const u8 (&id)[16]) {
   return std::memcmp(id, zero, sizeof zero) == 0;
 }
 
+// Why no bitmap files of an earlier life are ever believed; null when they may be.
+const char* nameless(const zorv_filter* f) {
+  if (f->hdd_is_node) return "the disk is a node, which may have been written to without this one";
+  return f->disk_identity[0] == '\0' ? "the disk has nothing stable to name it by" : nullptr;
+}
+
 // Why the bitmap files beside it cannot be believed; null when they can.
 const char* difference(const companion_disk& d, const companion_disk& now) {
-  if (now.identity[0] == '\0') return "the disk has nothing stable to name it by";
   if (std::memcmp(d.identity, now.identity, sizeof d.identity) != 0) return "it is of another disk";
   if (d.disk_bytes != now.disk_bytes) return "the disk has another size";
   if (d.extent_bytes != now.extent_bytes) return "the extents have another size";
@@ -88,26 +93,38 @@ const char* read_companion(zorv_filter* f, zorv_file* file) {
 // What the state folder says of the pair that stands for the disk: which it is, and in which file,
 // since of a copy nobody knows from when it is.
 struct pair_text {
-  char text[96];
+  char text[112];
 };
-pair_text text_of_pair(const zorv_companion& c) {
+pair_text text_of_pair(const zorv_filter* f) {
+  const zorv_companion& c = f->companion;
   pair_text pair;
   const kernel::file_id id = c.claim.held() ? c.claim.id() : kernel::file_id{};
-  std::snprintf(pair.text, sizeof pair.text, "%s.%llu.%lld", kernel::hex_text(c.pair).text,
-                static_cast<unsigned long long>(id.ino), static_cast<long long>(id.birth_ns));
+  std::snprintf(pair.text, sizeof pair.text, "%s.%llu.%lld.%llu", kernel::hex_text(c.pair).text,
+                static_cast<unsigned long long>(id.ino), static_cast<long long>(id.birth_ns),
+                static_cast<unsigned long long>(f->dev_size));
   return pair;
 }
 
 bool pair_stands(const zorv_filter* f) {
   char said[sizeof(pair_text)] = {};
-  return kernel::state_get(zorv_disk_key(f).text, said, sizeof said) > 0 &&
-         std::strcmp(said, text_of_pair(f->companion).text) == 0;
+  // Without a birth a copy of the companion may pass for it.
+  return f->companion.claim.held() && f->companion.claim.id().birth_ns != 0 &&
+         kernel::state_get(zorv_disk_key(f).text, said, sizeof said) > 0 &&
+         std::strcmp(said, text_of_pair(f).text) == 0;
 }
 
 // No pair stands for the disk from now on, until one is written anew.
 //   returns  0 | negative errno (logged)
 int retire_pairs(const zorv_filter* f) {
-  const int rc = kernel::state_forget(zorv_disk_key(f).text);
+  if (f->hdd_is_node) return 0;  // the filter below sees what is written
+  int rc = 0;
+  if (f->disk_identity[0] != '\0') {
+    rc = kernel::state_forget(zorv_disk_key(f).text);
+  } else {  // it may be any disk of its size
+    char size[24];
+    std::snprintf(size, sizeof size, ".%llu", static_cast<unsigned long long>(f->dev_size));
+    rc = kernel::state_forget_all("disk-", size);
+  }
   if (rc == 0 || rc == -ENOENT) return 0;
   zorv_log(LOG_ERROR, "%s(): The state folder can't be changed: rc=%d", "zorv_companion_attach",
            rc);
@@ -155,6 +172,8 @@ int zorv_companion_attach(zorv_filter* f) {
       kernel::filp_close(filp);
     }
   }
+  const char* const never = nameless(f);
+  if (never != nullptr) why = never;
   if (why == nullptr && !pair_stands(f)) {
     why = "other bitmap files have been in use for the disk since";
   }
@@ -162,8 +181,9 @@ int zorv_companion_attach(zorv_filter* f) {
   if (!c.ours && (rc = retire_pairs(f)) != 0) return rc;
   c.unusable = c.file == nullptr ? there : kernel::file_id{};
   // A node's first life is nothing to report.
-  const bool fresh = c.absent && c.file != nullptr && !bitmap_files_there(f);
-  if (c.absent && c.file != nullptr && !fresh) why = "it is missing beside bitmap files";
+  const bool made = c.absent && c.file != nullptr && never == nullptr;
+  const bool fresh = made && !bitmap_files_there(f);
+  if (made && !fresh) why = "it is missing beside bitmap files";
   c.why.store(fresh ? nullptr : why);
   if (!c.ours) {
     zorv_log(1, "%s(): Everything counts as changed on zorv(%d, %d): %s: %s.", __func__,
@@ -198,7 +218,9 @@ int zorv_companion_renew(zorv_filter* f) {
     zorv_log(LOG_ERROR, "%s(): Failed to write %s: rc=%d", __func__, c.fname, rc);
     return rc;
   }
-  rc = kernel::state_put(zorv_disk_key(f).text, text_of_pair(c).text);
+  if (nameless(f) == nullptr) {
+    rc = kernel::state_put(zorv_disk_key(f).text, text_of_pair(f).text);
+  }
   if (rc != 0 && rc != -ENOENT) {
     zorv_log(LOG_ERROR, "%s(): The state folder can't be changed: rc=%d", __func__, rc);
     return rc;
@@ -260,9 +282,8 @@ zorv_state_key zorv_disk_key(const zorv_filter* f, const char* suffix) {
   u64 hash = kernel::fnv1a_seed;
   for (const char* c = f->disk_identity; *c != '\0'; ++c) hash = kernel::fnv1a(hash, *c);
   zorv_state_key key;
-  // A node says of itself what its disk says.
-  std::snprintf(key.text, sizeof key.text, "%s-%016llx%s", f->hdd_is_node ? "node" : "disk",
-                static_cast<unsigned long long>(hash), suffix);
+  std::snprintf(key.text, sizeof key.text, "disk-%016llx%s", static_cast<unsigned long long>(hash),
+                suffix);
   return key;
 }
 

@@ -74,19 +74,13 @@ const kernel::block_device_operations zorv_bdops = {
     .flush_cache = zorv_block_flush,
     .invalidate = nullptr,
     .mounted = nullptr,
-    .identity = zorv_block_identity,
+    .identity = nullptr,
 };
 
 // What went through a filter is on its HDD; a snap holds nothing back.
 int zorv_block_flush(kernel::block_device* bdev) {
   const auto* dev = static_cast<const zorv_blkdev*>(bdev->bd_disk->private_data);
   return dev->dev_type == ZORV_DEV_FILTER ? kernel::fsync_bdev(dev->f.hdd_bdev) : 0;
-}
-
-int zorv_block_identity(kernel::block_device* bdev, char* text, std::size_t bytes) {
-  const auto* dev = static_cast<const zorv_blkdev*>(bdev->bd_disk->private_data);
-  if (dev->dev_type != ZORV_DEV_FILTER) return -ENODATA;  // a snap's contents are no disk's
-  return kernel::bdev_identity(dev->f.hdd_bdev, text, bytes);
 }
 
 int zorv_block_open(kernel::block_device* bdev, kernel::fmode_t) {

@@ -180,6 +180,7 @@ const char* check_one(const zorv_snap& s, u32 which, seal_disk* found, seal_disk
   if (rc != static_cast<int>(sizeof *found)) return "cannot be read";
   if (!is_seal(*found)) return "have no seal";
   if (describe(s, which, wanted) != 0) return "cannot be told apart";
+  if (wanted->birth_ns == 0) return "are on a file system that does not tell a copy from them";
   if (found->ino != wanted->ino || found->birth_ns != wanted->birth_ns) {
     return "are copies: others than they were made in";
   }

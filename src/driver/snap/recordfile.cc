@@ -30,7 +30,7 @@ struct slot_disk {
   char magic[8];
   u64 seq;
   u8 file_id[16];
-  u8 unused[16];
+  u8 state[16];  // the state folder's id
   u64 disk_bytes;
   u32 count;
   u32 reserved;
@@ -111,6 +111,7 @@ u32 fill_slot(zorv_filter* f, slot_disk* d) {
   std::memcpy(d->magic, slot_magic, sizeof slot_magic);
   d->seq = r.seq + 1;
   std::memcpy(d->file_id, r.file_id, sizeof d->file_id);
+  kernel::state_id(d->state);
   d->disk_bytes = f->dev_size;
   copy_text(d->identity, f->disk_identity);
   kernel::spin_guard guard(&r.lock);
@@ -122,19 +123,22 @@ u32 fill_slot(zorv_filter* f, slot_disk* d) {
 // ---- the state folder's word -------------------------------------------------------------------
 
 struct word_text {
-  char text[64];
+  char text[96];
 };
-word_text word_of(const u8 (&file_id)[16], u64 seq) {
+word_text word_of(const u8 (&file_id)[16], u64 seq, u64 disk_bytes) {
   word_text word;
-  std::snprintf(word.text, sizeof word.text, "%s.%llu", kernel::hex_text(file_id).text,
-                static_cast<unsigned long long>(seq));
+  std::snprintf(word.text, sizeof word.text, "%s.%llu.%llu", kernel::hex_text(file_id).text,
+                static_cast<unsigned long long>(seq), static_cast<unsigned long long>(disk_bytes));
   return word;
 }
 
-// Whether the word is about the slot or an earlier one of its file.
+// Whether the word is about the slot or an earlier one of its file, and this folder's to give.
 bool names(const word_text& word, const slot_disk& d) {
   const int digits = 2 * sizeof d.file_id + 1;
-  return std::strncmp(word.text, word_of(d.file_id, 0).text, digits) == 0 &&
+  u8 folder[16];
+  kernel::state_id(folder);
+  return std::memcmp(d.state, folder, sizeof folder) == 0 &&
+         std::strncmp(word.text, word_of(d.file_id, 0, 0).text, digits) == 0 &&
          std::strtoull(word.text + digits, nullptr, 10) <= d.seq;
 }
 
@@ -150,7 +154,8 @@ int stand_in(zorv_filter* f, u32 strikes) {
   }
   int rc = 0;
   if (is_named(f)) {
-    rc = kernel::state_put(zorv_disk_key(f, ".snaps").text, word_of(r.file_id, r.seq).text);
+    rc = kernel::state_put(zorv_disk_key(f, ".snaps").text,
+                           word_of(r.file_id, r.seq, f->dev_size).text);
   }
   if (rc == 0) {
     r.named = true;
