@@ -170,6 +170,20 @@ TEST_F(record_test, a_held_write_that_a_stop_lets_go_is_missed) {
   EXPECT_TRUE(!resumed(a) || shown(a, 0, disk_bytes) == pattern(0, disk_bytes));
 }
 
+TEST_F(record_test, a_snap_that_is_lost_while_it_is_being_listed_is_not_believed) {
+  add_started_snap({.files = dir / "a"});
+  const u32 b = add_snap({.files = dir / "b"});
+  {
+    at_log_line hook("The state folder can't be told of",
+                     [b] { zorv_snap_abandon(zorv_blkdev_arr[b], "test"); });
+    kernel::fault_arm(fault_site::state_write, 1, 1, EIO);
+    EXPECT_EQ(start(b), 0);
+  }
+  EXPECT_EQ(write(), 0);
+  restart();
+  EXPECT_FALSE(resumed(b));
+}
+
 TEST_F(record_test, a_snap_that_loses_a_newer_one_while_it_is_resumed_is_invalid) {
   const u32 a = add_started_snap({.files = dir / "a"}), b = add_started_snap({.files = dir / "b"});
   EXPECT_EQ(stop(a), 0);

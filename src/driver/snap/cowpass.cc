@@ -151,14 +151,19 @@ decision add_to_group(pass* p, const need& n) {
   return {b.count >= b.capacity ? verdict::end_pass : verdict::keep};
 }
 
+// Whether what goes without a copy has to wait for the record.
+bool record_awaited(const zorv_filter* f) {
+  return f->record.stale.load() || (f->marks_exposed.load() >> zorv_hold_record & 1) != 0;
+}
+
 decision decide_filter(pass* p, cow_request* r, s32 snap_minor) {
   zorv_filter* f = p->w->filter;
   if (!r->is_write) return forward(f, r);
   // First: a resume may end between this and the look at the snaps, which then finds it running.
-  const bool stale = f->record.stale.load();
+  const bool stale = record_awaited(f);
   const need n = next_need(f, r, snap_minor);
   const bool free = !n.snap;
-  if (free && (stale || f->record.stale.load())) {
+  if (free && (stale || record_awaited(f))) {
     // A snap has been stopped or lost since the write came, and would miss it.
     zorv_record_wanted(f);
     const bool refused = (f->marks_refused.load() >> zorv_hold_record & 1) != 0;

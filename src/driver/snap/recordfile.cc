@@ -166,7 +166,7 @@ int stand_in(zorv_filter* f, u32 strikes) {
   }
   if (r.rival) return rc;
   kernel::spin_guard list(&r.lock);
-  r.ahead = false;
+  if (r.strikes == strikes) r.ahead = false;  // else the word is about a list that is too long
   zorv_record_update_stale(&r);
   return r.named ? 0 : rc;  // an earlier word about the file will do
 }
