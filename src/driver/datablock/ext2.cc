@@ -98,7 +98,7 @@ const char* doubt_of(const ext2_reader& r) {
   if (r.group_desc_count * r.inodes_per_group != sb.inodes_count) {
     return "has counts that contradict each other";
   }
-  return fs_reader_rival(r.hdd, fs_kind::ext2);
+  return fs_reader_rival(r.hdd, fs_kind::ext2, r.blocks_count * r.block_size);
 }
 
 // Sizes of the tables, and the level-2 lines.

@@ -83,9 +83,10 @@ void fs_reader_log_doubt(const char* caller, const char* fs_name, devt dev, cons
 // Why the device may belong to somebody else than the file system whose superblock was found: the
 // mark of another owner (a partition table, a volume manager, a RAID array, a cache, a storage
 // pool, a cipher, a swap area, another file system) stands where that owner puts it. Null when
-// there is no sign of that. Every reader asks before it believes anything. Reads some 600 KiB.
+// there is no sign of that. Every reader asks before it believes anything. Reads less than 2 MiB.
+//   fs_bytes  where the file system ends; it lies on the device
 enum class fs_kind { ext2, reiserfs, xfs };
-[[nodiscard]] const char* fs_reader_rival(kernel::block_device* hdd, fs_kind own);
+[[nodiscard]] const char* fs_reader_rival(kernel::block_device* hdd, fs_kind own, u64 fs_bytes);
 
 // The chunks that a read is asked for, and their output.
 struct chunk_window {

@@ -86,8 +86,9 @@ const char* doubt_of(reiserfs_reader* r, u16 fs_state) {
   if (r->block_count() == 0 || r->bitmap_count() != r->bitmaps_needed()) {
     return "has counts that contradict each other";
   }
-  if (const char* rival = fs_reader_rival(r->hdd, fs_kind::reiserfs); rival != nullptr)
-    return rival;
+  const u64 fs_bytes = static_cast<u64>(r->block_count()) * r->block_size();
+  const char* rival = fs_reader_rival(r->hdd, fs_kind::reiserfs, fs_bytes);
+  if (rival != nullptr) return rival;
   if (r->journal_dev() != 0) return nullptr;  // an unmount leaves nothing in it
   const int pending = journal_pending(r);
   if (pending < 0) return "has a journal that cannot be read";

@@ -199,7 +199,7 @@ bool load_group(xfs_reader* r, u32 group) {
 // Reads every group's headers and decides how far they can be trusted; false when not at all.
 bool load_groups(xfs_reader* r) {
   const char* why = doubt_of_geometry(*r);
-  if (why == nullptr) why = fs_reader_rival(r->hdd, fs_kind::xfs);
+  if (why == nullptr) why = fs_reader_rival(r->hdd, fs_kind::xfs, r->blocks() * r->block_size());
   if (why == nullptr) {
     if (!allocate_group_arrays(r)) return false;
     for (u32 a = 0; a < r->ag_count(); ++a) {
