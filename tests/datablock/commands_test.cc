@@ -15,10 +15,10 @@ constexpr u32 chunk = 65536;
 
 class datablock_commands : public driver_test {
  protected:
-  void make_image(u64 bytes = 24 * MiB) {
+  void make_image(u64 bytes = 24 * MiB, u64 extra_bytes = 0) {
     std::mt19937 random(7);
     image = make_ext2(dir / "image", bytes, "-t ext3 -b 1024", &random);
-    disk = std::make_unique<image_disk>(image);
+    disk = std::make_unique<image_disk>(image, extra_bytes);
   }
   // A filter over the disk and a started snap on it.
   void start_snap(const std::string& hdd) {
@@ -55,10 +55,10 @@ class datablock_commands : public driver_test {
 };
 
 TEST_F(datablock_commands, get_exports_the_map_at_the_extent_size) {
-  make_image();
+  make_image(24 * MiB, 3 * chunk);
   start_snap(disk->disk().path());
   for (const u32 extent_size : {chunk, chunk * 4, 1U << 30}) {
-    const bit_vector expected = chunks_of(image, image.bytes, extent_size);
+    const bit_vector expected = chunks_of(image, image.bytes + 3 * chunk, extent_size);
     bytes out(100, 0xa5);
     u32 size = 0;
     ASSERT_EQ(get(snap, extent_size, &out, &size), 0) << log.errors();

@@ -356,6 +356,8 @@ bit_vector chunks_of(const fs_image& image, u64 device_bytes, u32 chunk_size) {
   for (u64 b = 0; b < image.in_use.size(); ++b) {
     if (image.in_use[b]) chunks[b / per_chunk] = true;
   }
+  const u64 behind = image.in_use.size() * image.block_size;
+  for (u64 at = behind; at < device_bytes; at += 512) chunks[at / chunk_size] = true;
   return chunks;
 }
 

@@ -68,7 +68,7 @@ struct map_result {
 };
 map_result build_map(kernel::block_device* bdev, u32 chunk_size);
 
-// One bit per chunk of the device: some block of it is in use.
+// One bit per chunk of the device: some block of it is in use, or lies behind the file system.
 bit_vector chunks_of(const fs_image& image, u64 device_bytes, u32 chunk_size);
 // Where two bit vectors first differ, for messages; "" when they do not.
 std::string difference(const bit_vector& got, const bit_vector& expected);

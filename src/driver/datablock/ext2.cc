@@ -221,6 +221,7 @@ int ext2_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s
     return 0;
   }
   w.mark_span(0, r->first_data_block + 1ULL);
+  w.mark_behind(*r->hdd, r->blocks_count, r->block_size);
   u64 group = 0;
   if (w.first_block() > r->first_data_block) {
     group = (w.first_block() - r->first_data_block) / r->blocks_per_group;

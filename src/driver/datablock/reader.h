@@ -101,6 +101,12 @@ struct chunk_window {
   void mark_span(u64 from, u64 end) const;
   // Sets the chunks of the blocks in [from, end) whose bit is set; bit i stands for block base + i.
   void mark_bitmap(const u8* bitmap, u64 base, u64 from, u64 end) const;
+  // Sets the chunks of what the device has behind the last block of the file system, which its
+  // owner need not know of: a hash tree, metadata of a layer above, a neighbour since it was made
+  // smaller.
+  void mark_behind(const kernel::block_device& hdd, u64 fs_blocks, u32 fs_block_size) const {
+    mark_span(fs_blocks, (hdd.bd_size_bytes + fs_block_size - 1) / fs_block_size);
+  }
   void mark_all() const { set_bits(bits, 0, count); }
 };
 // Zeroes the output and describes it. The chunk size has passed fs_reader_check.

@@ -208,6 +208,7 @@ int reiserfs_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bit
     w.mark_all();
     return 0;
   }
+  w.mark_behind(*r->hdd, r->block_count(), r->block_size());
   const u64 per_bitmap = r->bits_per_bitmap;
   const u64 end = std::min<u64>(w.end_block(), r->block_count());
   for (u64 i = w.first_block() / per_bitmap; i < r->bitmap_count() && i * per_bitmap < end; ++i) {

@@ -284,11 +284,8 @@ int xfs_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s3
   int rc = fs_reader_check(__func__, r, r == nullptr ? 0 : r->block_size(), chunk_size);
   if (rc < 0) return rc;
   const chunk_window w = open_window(start_chunk, chunk_size, r->block_size(), bits, count);
-  if (r->in_doubt) {
-    w.mark_all();
-    return 0;
-  }
-  w.mark_span(0, group_start_of(*r, r->ag_count()));
+  w.mark_all();  // what lies behind the last group, too
+  if (r->in_doubt) return 0;
   for (u64 group = w.first_block() / r->ag_blocks();
        group < r->ag_count() && group_start_of(*r, static_cast<u32>(group)) < w.end_block();
        ++group) {
