@@ -85,7 +85,7 @@ bool publish(zorv_blkbmp* b, u32 generation, fragment_array* built, u32 chunk_cn
 }
 
 // Reads and packs every fragment; the size of the last one, 0 without any, or a negative errno.
-int build_fragments(const fs_reader_use& reader, u32 chunk_size, u32 chunk_cnt, map_build build,
+int build_fragments(const fs_reader_use& reader, u32 chunk_size, u32 chunk_cnt,
                     fragment_array* built) {
   built->frags = static_cast<sa*>(
       kernel::kzalloc(static_cast<size_t>(built->cnt) * sizeof(sa), kernel::GFP_KERNEL));
@@ -102,7 +102,7 @@ int build_fragments(const fs_reader_use& reader, u32 chunk_size, u32 chunk_cnt, 
   u32 left = chunk_cnt;
   s64 start = 0;
   for (s32 i = 0; i < built->cnt; ++i) {
-    if (build == map_build::interruptible && kernel::signal_pending()) return -EINTR;
+    if (kernel::signal_pending()) return -EINTR;
     const s32 chunks = static_cast<s32>(std::min(left, fragment_chunks));
     rc = reader.read(start, chunk_size, staging.get(), chunks);
     if (rc < 0) return rc;
@@ -134,6 +134,10 @@ int zorv_blkbmp_read(zorv_blkbmp* b, kernel::block_device* hdd, s32 chunk_size, 
     generation = b->generation;
   }
   const devt dev = hdd->bd_dev;
+  // Whatever asks below whether it should end is told no where the map is built to its end.
+  const bool may_end = build == map_build::interruptible;
+  const kernel::signal_scope patience(may_end ? kernel::current()->signal : nullptr,
+                                      kernel::current()->signal_arg);
   const fs_reader_use reader(hdd, nullptr);
   if (!reader) {
     zorv_log(1, "%s(): Cannot recognize file system on hdd(%d, %d). Datablocks will be disabled",
@@ -156,8 +160,7 @@ int zorv_blkbmp_read(zorv_blkbmp* b, kernel::block_device* hdd, s32 chunk_size, 
   const u32 chunk_cnt = static_cast<u32>(chunks);
   fragment_array built;
   built.cnt = static_cast<s32>((chunks + fragment_chunks - 1) >> fragment_shift);
-  const int rc =
-      built.cnt == 0 ? 0 : build_fragments(reader, chunk_bytes, chunk_cnt, build, &built);
+  const int rc = built.cnt == 0 ? 0 : build_fragments(reader, chunk_bytes, chunk_cnt, &built);
   if (rc < 0) return rc;
   if (!publish(b, generation, &built, chunk_cnt)) {
     zorv_log(1, "%s(): The bitmap of hdd(%d, %d) was given up while it was built", __func__,

@@ -57,6 +57,8 @@ ext2_superblock parse_superblock(const u8* p) {
   s.reserved_gdt_blocks = get_le16(p + 206);
   s.desc_size = get_le16(p + 254);
   s.blocks_count_hi = get_le32(p + 336);
+  s.free_blocks = get_le32(p + 12);
+  if ((s.incompat & incompat_64bit) != 0) s.free_blocks |= u64{get_le32(p + 344)} << 32;
   s.backup_groups[0] = get_le32(p + 588);
   s.backup_groups[1] = get_le32(p + 592);
   s.csum = ext2_csum_of(p);
@@ -201,9 +203,8 @@ void* ext2_reader_init(kernel::block_device* hdd, u32* fs_block_size) {
   }
   if (!r->in_doubt) {
     if (!load_tables(r)) return nullptr;
-    if (!ext2_descriptors_inside(*r)) {
-      fs_reader_log_doubt(__func__, "ext2/ext3 FS", hdd->bd_dev,
-                          "has a group descriptor that points outside of it");
+    if (const char* why = ext2_doubt_of_descriptors(*r); why != nullptr) {
+      fs_reader_log_doubt(__func__, "ext2/ext3 FS", hdd->bd_dev, why);
       r->in_doubt = true;
     }
   }
@@ -215,6 +216,10 @@ int ext2_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s
   auto* r = static_cast<ext2_reader*>(context);
   int rc = fs_reader_check(__func__, r, r == nullptr ? 0 : r->block_size, chunk_size);
   if (rc < 0) return rc;
+  if (!r->examined && !r->in_doubt) {
+    rc = ext2_examine_groups(r);
+    if (rc < 0) return rc;
+  }
   const chunk_window w = open_window(start_chunk, chunk_size, r->block_size, bits, count);
   if (r->in_doubt) {
     w.mark_all();
@@ -230,9 +235,7 @@ int ext2_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s
     rc = ext2_load_group(r, group);
     if (rc < 0) return rc;
     const u64 start = ext2_group_start(*r, group);
-    const u64 end =
-        r->cached_end_in_doubt ? start + r->blocks_per_group : ext2_group_end(*r, group);
-    w.mark_bitmap(r->bitmap.get(), start, start, end);
+    w.mark_bitmap(r->bitmap.get(), start, start, ext2_group_end(*r, group));
   }
   return 0;
 }

@@ -21,6 +21,7 @@ constexpr u32 ext2_classic_desc_bytes = 32;
 struct ext2_superblock {
   u32 inodes_count, blocks_count_lo, first_data_block, log_block_size, blocks_per_group,
       inodes_per_group;
+  u64 free_blocks;
   u16 magic, state;
   u32 compat, incompat, ro_compat;
   u32 inode_size;  // bytes
@@ -47,18 +48,23 @@ struct ext2_reader {
   kernel::vbuf<u8> descs;   // the whole descriptor table
   kernel::vbuf<u8> bitmap;  // one block: the block bitmap last read
   s64 cached_group = -1;    // the group that `bitmap` describes, -1 for none
-  // The cached group is the last one and its bitmap denies the end of the file system.
-  bool cached_end_in_doubt = false;
-  bool in_doubt = false;  // every chunk counts as allocated
-  u8 bit_cnt[256] = {};   // set bits of each byte value
+  bool examined = false;    // every group has been looked at
+  bool in_doubt = false;    // every chunk counts as allocated
+  u8 bit_cnt[256] = {};     // set bits of each byte value
 };
 
-// Whether every descriptor points into the file system. One that does not says that the file system
-// is larger than its superblock claims, or that the table is not its own: no group can be believed.
-[[nodiscard]] bool ext2_descriptors_inside(const ext2_reader& r);
+// Why the descriptors, all together, cannot be those of this file system, or null. One that points
+// outside of it says that it is larger than its superblock claims, or that the table is not its
+// own.
+[[nodiscard]] const char* ext2_doubt_of_descriptors(const ext2_reader& r);
 
-// Brings the group's bitmap into `bitmap`: what the disk says where that agrees with everything
-// else that is known of the group, all ones (and a log line) where it does not.
+// Looks at every group, once. The groups of a file system that was cleanly unmounted agree with
+// themselves: one that does not says that something else has been written over it, and then no
+// group can be believed (in_doubt, two log lines).
+//   returns  0 | -EINTR (kernel::signal_pending) | the read's error (logged)
+[[nodiscard]] int ext2_examine_groups(ext2_reader* r);
+
+// Brings the bitmap of a group that has been examined into `bitmap`.
 //   returns  0 | the read's error (logged)
 [[nodiscard]] int ext2_load_group(ext2_reader* r, u64 group);
 

@@ -5,6 +5,7 @@
 #include "driver/core/log.h"
 #include "driver/datablock/ext2.h"
 #include "driver/util/file.h"
+#include "kernel/task.h"
 
 namespace zorv {
 
@@ -101,86 +102,103 @@ u32 count_free(const ext2_reader& r) {
 
 // Compares the bitmap in the buffer with the descriptor and with what every bitmap must have set.
 // Why the group cannot be taken at its word, or null.
-const char* doubt_of_bitmap(ext2_reader* r, u64 group, const group_desc& d) {
-  const u8* bits = r->bitmap.get();
-  const u64 blocks = ext2_group_end(*r, group) - ext2_group_start(*r, group);
-  const u64 all_bits = r->block_size * 8ULL;
-  if (!r->sb.csum.desc_ok(d.raw, r->desc_bytes, static_cast<u32>(group))) {
+const char* doubt_of_bitmap(const ext2_reader& r, u64 group, const group_desc& d) {
+  const u8* bits = r.bitmap.get();
+  const u64 blocks = ext2_group_end(r, group) - ext2_group_start(r, group);
+  const u64 all_bits = r.block_size * 8ULL;
+  if (!r.sb.csum.desc_ok(d.raw, r.desc_bytes, static_cast<u32>(group))) {
     return "has a descriptor with a wrong checksum";
   }
-  if (!d.uninit && !r->sb.csum.bitmap_ok(d.raw, r->desc_bytes, bits, r->blocks_per_group / 8)) {
+  if (!d.uninit && !r.sb.csum.bitmap_ok(d.raw, r.desc_bytes, bits, r.blocks_per_group / 8)) {
     return "has a bitmap with a wrong checksum";
   }
   // Bits past the end of a group stand for no block and are always set; a clear one says that the
   // group, or the file system, goes on.
-  if (find_clear_bit(bits, blocks, all_bits) < all_bits) {
-    r->cached_end_in_doubt = group + 1 == r->group_desc_count;
-    return "has free blocks behind its end";
-  }
+  if (find_clear_bit(bits, blocks, all_bits) < all_bits) return "has free blocks behind its end";
   bool tables_in_use = true;
-  for_own_metadata(*r, group, d, [bits, &tables_in_use](u64 from, u64 to) {
+  for_own_metadata(r, group, d, [bits, &tables_in_use](u64 from, u64 to) {
     if (find_clear_bit(bits, from, to) < to) tables_in_use = false;
   });
   return tables_in_use ? nullptr : "has its own tables as free";
 }
 
-void distrust(ext2_reader* r, u64 group, const char* why) {
-  if (why != nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Block group %d %s: all its blocks count as allocated.",
-             "ext2_reader_read", static_cast<s32>(group), why);
+int load_bitmap(ext2_reader* r, u64 group, const group_desc& d) {
+  if (d.uninit) {
+    derive_bitmap(r, group, d);
+    return 0;
   }
-  std::memset(r->bitmap.get(), 0xff, r->block_size);
+  const int rc =
+      zorv_bread(r->hdd, r->bitmap.get(), r->block_size, static_cast<s64>(d.block_bitmap), 1);
+  if (rc < 0) {
+    zorv_log(LOG_ERROR, "%s(): Failed to read Data Bitmap of Block Group %d: rc=%d",
+             "ext2_reader_read", static_cast<s32>(group), rc);
+  }
+  return rc;
+}
+
+// Whether the group agrees with itself; logged where it does not. The bitmap is in the buffer.
+bool group_is_sound(const ext2_reader& r, u64 group, const group_desc& d) {
+  const char* why = nullptr;
+  const u32 free_blocks = count_free(r);
+  if (!d.uninit && !bitmap_block_plausible(r, group, d.block_bitmap)) {
+    why = "cannot have its bitmap where its descriptor says";
+  } else if (free_blocks != d.free_blocks) {
+    zorv_log(LOG_ERROR,
+             "%s(): Number of free blocks (%d) in block group %d is inconsistent with the bitmap "
+             "(%d).",
+             "ext2_reader_read", d.free_blocks, static_cast<s32>(group), free_blocks);
+    return false;
+  } else {
+    why = doubt_of_bitmap(r, group, d);
+  }
+  if (why == nullptr) return true;
+  zorv_log(LOG_ERROR, "%s(): Block group %d %s.", "ext2_reader_read", static_cast<s32>(group), why);
+  return false;
 }
 
 }  // namespace
 
-bool ext2_descriptors_inside(const ext2_reader& r) {
+const char* ext2_doubt_of_descriptors(const ext2_reader& r) {
   const auto inside = [&r](u64 first, u64 count) {
     return first > r.first_data_block && first < r.blocks_count && count <= r.blocks_count - first;
   };
   const u64 table_blocks = inode_table_blocks(r);
+  u64 free_blocks = 0;
   for (u64 group = 0; group < r.group_desc_count; ++group) {
     const group_desc d = parse_desc(r, group);
     if (!inside(d.block_bitmap, 1) || !inside(d.inode_bitmap, 1) ||
         !inside(d.inode_table, table_blocks)) {
-      return false;
+      return "has a group descriptor that points outside of it";
     }
+    free_blocks += d.free_blocks;
   }
-  return true;
+  return free_blocks == r.sb.free_blocks ? nullptr
+                                         : "has another count of free blocks than its groups";
+}
+
+int ext2_examine_groups(ext2_reader* r) {
+  for (u64 group = 0; group < r->group_desc_count; ++group) {
+    if (kernel::signal_pending()) return -EINTR;
+    const int rc = ext2_load_group(r, group);
+    if (rc < 0) return rc;
+    if (!group_is_sound(*r, group, parse_desc(*r, group))) {
+      fs_reader_log_doubt("ext2_reader_read", "ext2/ext3 FS", r->hdd->bd_dev,
+                          "has a block group that contradicts itself");
+      r->in_doubt = true;
+      return 0;
+    }
+    kernel::cond_resched();
+  }
+  r->examined = true;
+  return 0;
 }
 
 int ext2_load_group(ext2_reader* r, u64 group) {
   if (r->cached_group == static_cast<s64>(group)) return 0;
   r->cached_group = -1;
-  r->cached_end_in_doubt = false;
-  const group_desc d = parse_desc(*r, group);
-  if (!d.uninit && !bitmap_block_plausible(*r, group, d.block_bitmap)) {
-    distrust(r, group, "cannot have its bitmap where its descriptor says");
-  } else {
-    if (d.uninit) {
-      derive_bitmap(r, group, d);
-    } else {
-      const int rc =
-          zorv_bread(r->hdd, r->bitmap.get(), r->block_size, static_cast<s64>(d.block_bitmap), 1);
-      if (rc < 0) {
-        zorv_log(LOG_ERROR, "%s(): Failed to read Data Bitmap of Block Group %d: rc=%d",
-                 "ext2_reader_read", static_cast<s32>(group), rc);
-        return rc;
-      }
-    }
-    const u32 free_blocks = count_free(*r);
-    if (free_blocks != d.free_blocks) {
-      zorv_log(LOG_ERROR,
-               "%s(): Number of free blocks (%d) in block group %d is inconsistent with the bitmap "
-               "(%d).",
-               "ext2_reader_read", d.free_blocks, static_cast<s32>(group), free_blocks);
-      distrust(r, group, nullptr);
-    } else if (const char* why = doubt_of_bitmap(r, group, d); why != nullptr) {
-      distrust(r, group, why);
-    }
-  }
-  r->cached_group = static_cast<s64>(group);
-  return 0;
+  const int rc = load_bitmap(r, group, parse_desc(*r, group));
+  if (rc == 0) r->cached_group = static_cast<s64>(group);
+  return rc;
 }
 
 }  // namespace zorv

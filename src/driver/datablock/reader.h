@@ -24,7 +24,9 @@ struct fs_reader {
   void* (*init)(kernel::block_device* hdd, u32* fs_block_size);
   // Zeroes the array and sets bit i when chunk start_chunk + i holds an allocated block.
   //   bits     (count + 7) / 8 bytes
-  //   returns  0 | -EINVAL (context, chunk size; a broken tree) | -EIO, -ENOMEM (block reads)
+  // The first call may take long: it looks at the whole file system.
+  //   returns  0 | -EINVAL (context, chunk size; a broken tree) | -EIO, -ENOMEM (block reads) |
+  //            -EINTR (kernel::signal_pending)
   int (*read)(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s32 count);
   int (*destroy)(void* context);  // null is accepted; 0
 };

@@ -7,14 +7,15 @@
 //
 // What keeps a damaged tree from misleading or holding us: a pointer must stay in its group, each
 // step down must lose exactly one level, and extents must come in ascending order without overlap
-// and end inside the group, so that no chain of leaves can close into a circle. Before the first
-// use of a group its whole tree is added up and compared with the free count of the group's header.
+// and end inside the group, so that no chain of leaves can close into a circle. Before anything
+// is believed all trees are added up and compared with the free counts of the groups' headers.
 #include "driver/datablock/xfs.h"
 
 #include <algorithm>
 
 #include "driver/core/log.h"
 #include "driver/util/file.h"
+#include "kernel/task.h"
 
 namespace zorv {
 
@@ -104,21 +105,30 @@ int for_free_extents(xfs_reader* r, u32 group, u32 key, F fn) {
   }
 }
 
-// Adds the group's tree up, once.
-int examine_group(xfs_reader* r, u32 group) {
-  if (r->group_states[group] != group_unseen) return 0;
-  u64 sum = 0;
-  const int rc = for_free_extents(r, group, 0, [&sum](u64 start, u64 end) {
-    sum += end - start;
-    return true;
-  });
-  if (rc < 0) return rc;
-  r->group_states[group] = sum == r->free_blocks[group] ? group_sound : group_in_doubt;
-  if (sum != r->free_blocks[group]) {
-    zorv_log(LOG_ERROR,
-             "%s(): Number of free blocks (%u) in AG %d is inconsistent with its B+tree (%llu).",
-             "xfs_reader_read", r->free_blocks[group], group, static_cast<unsigned long long>(sum));
+// Adds every group's tree up, once. A group that contradicts itself says that something else has
+// been written over the file system: then no group can be believed.
+int examine_groups(xfs_reader* r) {
+  for (u32 group = 0; group < r->ag_count(); ++group) {
+    if (kernel::signal_pending()) return -EINTR;
+    u64 sum = 0;
+    const int rc = for_free_extents(r, group, 0, [&sum](u64 start, u64 end) {
+      sum += end - start;
+      return true;
+    });
+    if (rc < 0) return rc;
+    if (sum != r->free_blocks[group]) {
+      zorv_log(LOG_ERROR,
+               "%s(): Number of free blocks (%u) in AG %d is inconsistent with its B+tree (%llu).",
+               "xfs_reader_read", r->free_blocks[group], group,
+               static_cast<unsigned long long>(sum));
+      fs_reader_log_doubt("xfs_reader_read", "XFS", r->hdd->bd_dev,
+                          "has an allocation group that contradicts itself");
+      r->in_doubt = true;
+      return 0;
+    }
+    kernel::cond_resched();
   }
+  r->examined = true;
   return 0;
 }
 
@@ -139,9 +149,8 @@ bool allocate_group_arrays(xfs_reader* r) {
        {&r->bno_roots, &r->ag_lengths, &r->bno_levels, &r->free_blocks}) {
     array->reset(static_cast<u32*>(kernel::vmalloc(n * sizeof(u32))));
   }
-  r->group_states.reset(static_cast<u8*>(kernel::vzalloc(n)));
   if (r->bno_roots != nullptr && r->ag_lengths != nullptr && r->bno_levels != nullptr &&
-      r->free_blocks != nullptr && r->group_states != nullptr) {
+      r->free_blocks != nullptr) {
     return true;
   }
   zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "xfs_reader_init");
@@ -283,6 +292,10 @@ int xfs_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s3
   auto* r = static_cast<xfs_reader*>(context);
   int rc = fs_reader_check(__func__, r, r == nullptr ? 0 : r->block_size(), chunk_size);
   if (rc < 0) return rc;
+  if (!r->examined && !r->in_doubt) {
+    rc = examine_groups(r);
+    if (rc < 0) return rc;
+  }
   const chunk_window w = open_window(start_chunk, chunk_size, r->block_size(), bits, count);
   w.mark_all();  // what lies behind the last group, too
   if (r->in_doubt) return 0;
@@ -290,9 +303,6 @@ int xfs_reader_read(void* context, s64 start_chunk, u32 chunk_size, u8* bits, s3
        group < r->ag_count() && group_start_of(*r, static_cast<u32>(group)) < w.end_block();
        ++group) {
     const u32 a = static_cast<u32>(group);
-    rc = examine_group(r, a);
-    if (rc < 0) return rc;
-    if (r->group_states[a] != group_sound) continue;
     const u64 start = group_start_of(*r, a);
     const u64 key = w.first_block() > start ? w.first_block() - start : 0;
     rc = for_free_extents(r, a, static_cast<u32>(key), [&w, start](u64 from, u64 end) {

@@ -9,8 +9,6 @@ namespace zorv {
 
 constexpr u32 xfs_superblock_bytes = 208;  // what is used of it
 
-enum xfs_group_state : u8 { group_unseen, group_sound, group_in_doubt };
-
 struct xfs_reader {
   u8 sb[xfs_superblock_bytes] = {};     // as on the disk, big-endian
   kernel::block_device* hdd = nullptr;  // not owned
@@ -20,7 +18,7 @@ struct xfs_reader {
   kernel::vbuf<u32> ag_lengths;   // blocks
   kernel::vbuf<u32> bno_levels;   // height of that tree
   kernel::vbuf<u32> free_blocks;  // sum of its extents
-  kernel::vbuf<u8> group_states;  // xfs_group_state: what a walk over the whole tree has shown
+  bool examined = false;          // every group's tree has been added up
   bool in_doubt = false;          // every chunk counts as allocated
 
   [[nodiscard]] u32 magic() const { return get_be32(sb); }
