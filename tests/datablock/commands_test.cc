@@ -5,6 +5,7 @@
 #include "driver/datablock/bits.h"
 #include "images.h"
 #include "kernel/claim.h"
+#include "kernel/module.h"
 #include "kernel/task.h"
 
 namespace zorv_test {
@@ -79,6 +80,17 @@ TEST_F(datablock_commands, get_without_a_map_is_all_ones_over_the_whole_volume) 
   ASSERT_EQ(get(snap, chunk, &out, &size), 0);
   EXPECT_EQ(size, 49U);  // 385 chunks
   EXPECT_EQ(out, bytes(49, 0xff));
+}
+
+TEST_F(datablock_commands, maps_can_be_turned_off) {
+  make_image();
+  ASSERT_EQ(kernel::module_param_set("zorv_datablock_maps", "0"), 0);
+  start_snap(disk->disk().path());
+  ASSERT_EQ(kernel::module_param_set("zorv_datablock_maps", "1"), 0);
+  bytes out(48, 0);
+  u32 size = 0;
+  ASSERT_EQ(get(snap, chunk, &out, &size), 0);
+  EXPECT_EQ(out, bytes(48, 0xff));
 }
 
 TEST_F(datablock_commands, get_refusals) {

@@ -176,6 +176,7 @@ extern zorv_blkdev** zorv_blkdev_arr;  // zorv_max_blk_minor + 1 slots; null bef
 extern int zorv_chr_major;
 extern int zorv_blk_major;
 extern int zorv_max_blk_minor;
+extern int zorv_datablock_maps;  // 0: no snap gets a datablock map
 extern int zorv_blk_registered;  // 1 while the block major is ours
 
 // The live record of a minor, or null. The minor is compared unsigned, so a negative one is too

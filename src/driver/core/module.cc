@@ -15,6 +15,7 @@ namespace zorv {
 int zorv_chr_major = 100;
 int zorv_blk_major = 100;
 int zorv_max_blk_minor = 255;
+int zorv_datablock_maps = 1;
 int zorv_blk_registered = 0;
 
 namespace {
@@ -25,6 +26,8 @@ const kernel::module_param params[] = {
     {"zorv_chr_major", &zorv_chr_major, 100, "major number of the control device, 0: any"},
     {"zorv_blk_major", &zorv_blk_major, 100, "major number of the nodes, 0: any"},
     {"zorv_max_blk_minor", &zorv_max_blk_minor, 255, "highest minor number of a node"},
+    {"zorv_datablock_maps", &zorv_datablock_maps, 1,
+     "1: what clean file systems say is free is not preserved, 0: everything is"},
     {"zorv_debug", &debug_parameter, 1, "verbosity of the log, 0 to 4"},
 };
 

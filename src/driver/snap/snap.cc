@@ -53,6 +53,11 @@ u32 zorv_snap_valid_at_start(const zorv_blkdev* snap, const char* op) {
 }
 
 void zorv_snap_build_datablock_map(u32 snap_minor) {
+  if (zorv_datablock_maps == 0) {
+    zorv_log(1, "%s(): zorv_datablock_maps=0: all of zorv(%d, %d) counts as allocated", __func__,
+             zorv_blk_major, static_cast<s32>(snap_minor));
+    return;
+  }
   kernel::block_device* bdev = zorv_open_bdev(
       kernel::mkdev(static_cast<u32>(zorv_blk_major), snap_minor), kernel::FMODE_READ);
   if (bdev == nullptr) return;

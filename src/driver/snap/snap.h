@@ -23,7 +23,8 @@ void zorv_snap_disown_files(zorv_blkdev* snap);
 // What snap_valid is at the instant of a start: 1, or 0 (logged) without a COW thread, which would
 // leave every write that needs a copy waiting.
 [[nodiscard]] u32 zorv_snap_valid_at_start(const zorv_blkdev* snap, const char* op);
-// Builds the datablock map of a started snap, read through its own block device.
+// Builds the datablock map of a started snap, read through its own block device, unless maps are
+// turned off (zorv_datablock_maps).
 //   locks    none of the filter's or the snap's
 void zorv_snap_build_datablock_map(u32 snap_minor);
 
