@@ -190,6 +190,7 @@ TEST_F(bitmap_file_test, a_file_is_current_when_the_hdd_has_what_it_does_not_sho
       EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
       ended = true;
     });
+    EXPECT_TRUE(eventually([&] { return changed(0, incr).empty(); })) << "taken away";
     EXPECT_FALSE(eventually([&] { return ended.load(); }, 50));
     EXPECT_EQ(read_file(file)[7], 1) << "a kill here leaves nothing that looks current";
     if (write_meanwhile) mark(5);

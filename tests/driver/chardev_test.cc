@@ -80,11 +80,6 @@ TEST_F(chardev_test, texts_without_an_end_are_cut_to_their_field) {
   zorv_add_filter_req req;
   std::memset(&req, 'a', sizeof req);
   req.name[10] = '\0';
-  log.clear();
-  EXPECT_EQ(command(ZORV_ADD_FILTER_NODE, &req), -ENOENT);
-  EXPECT_TRUE(log.has("Unable to lookup " + std::string(ZORV_PATH_LEN - 1, 'a') + ": rc=-22"))
-      << log.errors();
-
   // The disk is fine, the other texts have no end.
   copy_text_n(req.hdd_name, sizeof req.hdd_name, disk.path().c_str());
   req.minor = -1;

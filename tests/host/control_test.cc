@@ -55,6 +55,10 @@ class raw_peer {
     text->erase(0, r.record_bytes + r.buffer_bytes);
     return r;
   }
+  int result() {
+    std::string text;
+    return reply(&text).result;
+  }
   bool closed() {
     char c = 0;
     return ::recv(fd_.get(), &c, 1, 0) <= 0 && errno != EAGAIN;
@@ -247,13 +251,12 @@ TEST_F(control_test, memory_comes_back_and_everybody_has_a_share) {
   options.max_buffer_bytes = 1 << 20;
   serve();
   add_filter(disk.path());
-  std::string text;
   raw_peer takes(options.socket_path);
   for (int i = 0; i < 5; ++i) {  // each time half of what there is
     take(&takes, 0, 1 << 19);
-    EXPECT_EQ(takes.reply(&text).result, 0) << text;
+    EXPECT_EQ(takes.result(), 0);
     send(&takes, request(ZORV_CTL_HOST, ZORV_HOST_DISKS), "");
-    EXPECT_EQ(takes.reply(&text).result, 0);
+    EXPECT_EQ(takes.result(), 0);
   }
   auto r = request(ZORV_CTL_IOCTL, ZORV_SET_BMP);
   r.flags = ZORV_CTL_BUFFER_IN;
@@ -264,11 +267,11 @@ TEST_F(control_test, memory_comes_back_and_everybody_has_a_share) {
     slow->send(&r, sizeof r);
     raw_peer large(options.socket_path);
     ask(&large, ZORV_GET_BMP, 0, 4097);
-    return large.reply(&text).result == -ENOMEM;
+    return large.result() == -ENOMEM;
   }));
   raw_peer small(options.socket_path);
   take(&small, 0, 4096);
-  EXPECT_EQ(small.reply(&text).result, 0);
+  EXPECT_EQ(small.result(), 0);
 }
 
 TEST_F(control_test, a_command_sees_that_nobody_waits_for_it) {
@@ -336,8 +339,7 @@ TEST_F(control_test, nonsense_gets_a_reason_and_the_end) {
     peer.send(&r, sizeof r);
     peer.send(&record, sizeof record);
     if (in) peer.send(bytes(32).data(), 32);
-    std::string text;
-    EXPECT_EQ(peer.reply(&text).result, -EFAULT);
+    EXPECT_EQ(peer.result(), -EFAULT);
   }
   // Host requests with arguments that end too early or too late are refused; the client stays.
   raw_peer peer(options.socket_path);
@@ -347,8 +349,7 @@ TEST_F(control_test, nonsense_gets_a_reason_and_the_end) {
     r.record_bytes = static_cast<u32>(arguments.size());
     peer.send(&r, sizeof r);
     peer.send(arguments.data(), arguments.size());
-    std::string text;
-    EXPECT_EQ(peer.reply(&text).result, -EBADMSG);
+    EXPECT_EQ(peer.result(), -EBADMSG);
   }
   zorv_device_list_req list{.dev_type = ZORV_DEV_FILTER};
   EXPECT_EQ(zorv_ioctl(bystander.get(), ZORV_GET_DEVICE_LIST, &list), 0);
@@ -360,8 +361,7 @@ TEST_F(control_test, a_peer_that_stalls_or_dies_in_the_middle_is_left_behind) {
   const auto r = request(ZORV_CTL_IOCTL, ZORV_START_NODE);
   raw_peer stalls(options.socket_path);
   stalls.send(&r, sizeof r / 2);
-  std::string text;
-  EXPECT_EQ(stalls.reply(&text).result, -ETIMEDOUT);
+  EXPECT_EQ(stalls.result(), -ETIMEDOUT);
   EXPECT_TRUE(stalls.closed());
   raw_peer dies(options.socket_path);
   dies.send(&r, sizeof r - 1);
@@ -380,8 +380,7 @@ TEST_F(control_test, connections_and_buffers_are_bounded) {
     r.flags = ZORV_CTL_BUFFER_OUT;
     r.buffer_bytes = (1 << 20) + 1;
     first.send(&r, sizeof r);
-    std::string text;
-    EXPECT_EQ(first.reply(&text).result, -ENOMEM);
+    EXPECT_EQ(first.result(), -ENOMEM);
   }
   const handle a = open();
   zorv_daemon info{};

@@ -35,8 +35,7 @@ TEST_F(nbd_test, a_large_read_with_one_reply_takes_no_more_memory_than_others) {
   constexpr u32 length = 32 * MiB;
   disk.poke(0, pattern(length, 8));
   for (const bool structured : {false, true}) {
-    raw_client c(options.socket_path);
-    ASSERT_TRUE(c.enter("disk", structured));
+    disk_client c(options, structured);
     const u16 flags = structured ? wire::cmd_flag_df : u16{0};
     disk.record(true);
     const u64 small = c.ask(wire::cmd_read, 0, 4096, flags);

@@ -158,8 +158,7 @@ INSTANTIATE_TEST_SUITE_P(replies, nbd_replies, ::testing::Bool(), [](const auto&
 });
 
 TEST_P(nbd_replies, wrong_requests_get_the_protocols_numbers_and_harm_nothing) {
-  raw_client c(options.socket_path);
-  ASSERT_TRUE(c.enter("disk", GetParam()));
+  disk_client c(options, GetParam());
   const struct {
     u16 type;
     u64 offset;
@@ -199,8 +198,7 @@ TEST_P(nbd_replies, wrong_requests_get_the_protocols_numbers_and_harm_nothing) {
 }
 
 TEST_P(nbd_replies, data_goes_both_ways_in_every_size) {
-  raw_client c(options.socket_path);
-  ASSERT_TRUE(c.enter("disk", GetParam()));
+  disk_client c(options, GetParam());
   for (const u32 length :
        {512U, 4096U, 4608U, 65536U, 256 * KiB, 256 * KiB + 512, MiB - 512, 3 * MiB, 32 * MiB}) {
     const u64 offset = disk_bytes / 2 - length / 1024 * 512;
@@ -219,8 +217,7 @@ TEST_P(nbd_replies, data_goes_both_ways_in_every_size) {
 }
 
 TEST_P(nbd_replies, a_disk_error_reaches_the_client_and_the_next_request_works) {
-  raw_client c(options.socket_path);
-  ASSERT_TRUE(c.enter("disk", GetParam()));
+  disk_client c(options, GetParam());
   disk.fail(5 * MiB, 4096, zorv::memory_disk::direction::both, -EIO);
   for (const u32 length : {64 * KiB, 4 * MiB}) {
     const auto r = c.call(cmd_read, 5 * MiB - length / 2, length);
@@ -249,8 +246,7 @@ TEST_P(nbd_replies, a_disk_error_reaches_the_client_and_the_next_request_works) 
 }
 
 TEST_F(nbd_test, what_fua_and_flush_acknowledge_survives_a_power_cut) {
-  raw_client c(options.socket_path);
-  ASSERT_TRUE(c.enter("disk"));
+  disk_client c(options);
   disk.remember_unsynced();
   const struct {
     u16 type;
@@ -277,8 +273,7 @@ TEST_F(nbd_test, what_fua_and_flush_acknowledge_survives_a_power_cut) {
 
 TEST_F(nbd_test, a_read_only_export_takes_no_write) {
   offered[0].read_only = true;
-  raw_client c(options.socket_path);
-  ASSERT_TRUE(c.enter("disk"));
+  disk_client c(options);
   EXPECT_EQ(c.call(cmd_write, 0, 512, 0, bytes(512)).error, wire::eperm);
   EXPECT_EQ(c.call(cmd_write_zeroes, 0, 512).error, wire::eperm);
   EXPECT_EQ(c.call(cmd_flush, 0, 0).error, 0U);
@@ -289,8 +284,7 @@ TEST_F(nbd_test, a_read_only_export_takes_no_write) {
 // ---- in flight -----------------------------------------------------------------------------
 
 TEST_F(nbd_test, replies_overtake_a_request_that_waits) {
-  raw_client c(options.socket_path);
-  ASSERT_TRUE(c.enter("disk"));
+  disk_client c(options);
   disk.serve(serving::held);
   const u64 slow = c.ask(cmd_write, 0, 4096, 0, pattern(4096, 1));
   ASSERT_TRUE(eventually([this] { return disk.held_count() == 1; }));
@@ -302,8 +296,7 @@ TEST_F(nbd_test, replies_overtake_a_request_that_waits) {
 }
 
 TEST_F(nbd_test, what_is_in_flight_is_bounded_and_everything_is_served_in_the_end) {
-  raw_client c(options.socket_path);
-  ASSERT_TRUE(c.enter("disk"));
+  disk_client c(options);
   disk.serve(serving::held);
   constexpr u32 count = 64;
   std::vector<u64> cookies;
@@ -335,8 +328,7 @@ TEST_F(nbd_test, pieces_that_end_in_any_order_make_whole_replies) {
   disk.poke(0, pattern(40 * MiB, 3));
   disk.serve(serving::by_worker);
   for (const bool structured : {true, false}) {
-    raw_client c(options.socket_path);
-    ASSERT_TRUE(c.enter("disk", structured));
+    disk_client c(options, structured);
     std::vector<std::pair<u64, u64>> asked;
     for (u64 i = 0; i < 10; ++i) {
       asked.emplace_back(c.ask(cmd_read, i * MiB, 3 * MiB), i * MiB);
@@ -351,10 +343,7 @@ TEST_F(nbd_test, pieces_that_end_in_any_order_make_whole_replies) {
 }
 
 TEST_F(nbd_test, a_slow_reader_holds_up_nobody_else) {
-  raw_client slow(options.socket_path);
-  raw_client fast(options.socket_path);
-  ASSERT_TRUE(slow.enter("disk"));
-  ASSERT_TRUE(fast.enter("disk"));
+  disk_client slow(options), fast(options);
   std::vector<u64> asked;
   for (int i = 0; i < 40; ++i) asked.push_back(slow.ask(cmd_read, 0, 2 * MiB));
   for (int i = 0; i < 200; ++i) ASSERT_EQ(fast.call(cmd_write, 0, 4096, 0, bytes(4096)).error, 0U);
@@ -366,8 +355,7 @@ TEST_F(nbd_test, a_slow_reader_holds_up_nobody_else) {
 }
 
 TEST_F(nbd_test, a_frozen_device_delays_requests_and_keeps_answering_earlier_ones) {
-  raw_client c(options.socket_path);
-  ASSERT_TRUE(c.enter("disk"));
+  disk_client c(options);
   disk.serve(serving::held);
   const u64 before = c.ask(cmd_write, 0, 4096, 0, pattern(4096, 1));
   ASSERT_TRUE(eventually([this] { return disk.held_count() == 1; }));
@@ -414,8 +402,7 @@ TEST_F(nbd_test, a_client_that_vanishes_leaves_nothing_open) {
       },
   };
   for (std::size_t i = 0; i < deaths.size(); ++i) {
-    raw_client c(options.socket_path);
-    ASSERT_TRUE(c.enter("disk"));
+    disk_client c(options);
     EXPECT_EQ(openers(), 1);
     deaths[i](&c);
     c.hang_up();
@@ -430,8 +417,7 @@ TEST_F(nbd_test, a_client_that_vanishes_leaves_nothing_open) {
 
 TEST_F(nbd_test, the_device_is_free_when_the_client_sees_the_connection_close) {
   for (int i = 0; i < 50; ++i) {
-    raw_client c(options.socket_path);
-    ASSERT_TRUE(c.enter("disk"));
+    disk_client c(options);
     const u64 last = c.ask(cmd_write, 0, 4096, 0, bytes(4096));
     c.ask(cmd_disc, 0, 0);
     EXPECT_EQ(c.hear(last).error, 0U);
@@ -444,12 +430,9 @@ TEST_F(nbd_test, stop_ends_requests_in_flight_and_every_connection) {
   server.reset();
   options.reply_limit_ms = 200;
   serve();
-  raw_client idle(options.socket_path);
+  disk_client idle(options), busy(options), zeroing(options);
   raw_client haggling(options.socket_path);
-  raw_client busy(options.socket_path);
-  raw_client zeroing(options.socket_path);
   raw_client deaf(options.socket_path);
-  for (raw_client* c : {&idle, &busy, &zeroing}) ASSERT_TRUE(c->enter("disk"));
   ASSERT_TRUE(deaf.enter("disk", /*structured=*/false));
   haggling.greet();
   deaf.ask(cmd_read, 0, 8 * MiB);
@@ -480,8 +463,7 @@ TEST_F(nbd_test, stop_ends_requests_in_flight_and_every_connection) {
 TEST_F(nbd_test, garbage_harms_only_who_sends_it) {
   const auto seed = static_cast<u32>(::testing::UnitTest::GetInstance()->random_seed());
   SCOPED_TRACE("seed " + std::to_string(seed));
-  raw_client good(options.socket_path);
-  ASSERT_TRUE(good.enter("disk"));
+  disk_client good(options);
   for (u32 i = 0; i < 200; ++i) {
     raw_client c(options.socket_path);
     const bytes dice = pattern(64, seed + i);
@@ -520,8 +502,7 @@ TEST_F(nbd_test, connections_and_handshakes_have_limits) {
   options.max_connections = 2;
   options.handshake_limit_ms = 300;
   serve();
-  raw_client served(options.socket_path);
-  ASSERT_TRUE(served.enter("disk"));
+  disk_client served(options);
   raw_client silent(options.socket_path);
   ASSERT_EQ(silent.receive(18).size(), 18U);
   EXPECT_TRUE(raw_client(options.socket_path).at_eof());

@@ -99,6 +99,14 @@ packed go_data(const std::string& name, const std::vector<u16>& infos = {});
 packed meta_data(const std::string& name, const std::vector<std::string>& queries);
 bytes pattern(std::size_t n, u32 seed);
 
+// One that has entered the export "disk".
+struct disk_client : raw_client {
+  explicit disk_client(const zorv::nbd_options& server, bool structured = true)
+      : raw_client(server.socket_path) {
+    EXPECT_TRUE(enter("disk", structured));
+  }
+};
+
 // "disk" (writable) and whatever a test adds, over memory disks.
 class nbd_test : public ::testing::Test, public zorv::nbd_export_source {
  protected:
