@@ -420,7 +420,7 @@ copies_put_back() { # on a file system that keeps no times of birth
   for f in mnt/s.bmp mnt/s.cow; do rm $f && cp --sparse=always $f.old $f; done # the inode numbers come back, too
   again
   z add-snap data --chunk-size 64K --name s --cow-bmp "$PWD/mnt/s.bmp" --cow-data "$PWD/mnt/s.cow" >/dev/null
-  z resume s >/dev/null
+  refused_for "copies" z resume s
   refused valid s
   end run
 }
