@@ -11,7 +11,7 @@ case "${1:-test}" in
   demo) want="$build $demo" ;;
   test) want="$build $demo $test" ;;
   ci) want="$build $demo $test clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev" ;;
-  bench) want="$build $demo $test libbenchmark-dev qemu-system-common nbdkit liburing-dev eatmydata jq gcc python3" ;;
+  bench) want="$build $demo $test libbenchmark-dev libnbd-dev qemu-system-common nbdkit liburing-dev eatmydata jq gcc python3" ;;
   *) echo "usage: $0 build|demo|test|ci|bench" >&2; exit 2 ;;
 esac
 missing=""
