@@ -74,8 +74,8 @@ const char* difference(const companion_disk& d, const companion_disk& now) {
 // Reads it and says why it does not do, or null.
 const char* read_companion(zorv_filter* f, zorv_file* file) {
   zorv_companion& c = f->companion;
-  if (kernel::file_size(file->filp) == 0) return "it is new";
   c.foreign = zorv_fis_foreign(file, 0, magic, sizeof magic);
+  if (kernel::file_size(file->filp) == 0) return "it is new";
   if (c.foreign) return "it is something else";
   companion_disk d;
   companion_disk now;
