@@ -15,6 +15,7 @@
 #include <list>
 #include <memory>
 
+#include "host/control/command_slots.h"
 #include "host/control/server.h"
 #include "host/unix_socket.h"
 #include "support/at_log_line.h"
@@ -430,6 +431,14 @@ TEST_F(control_test, a_node_whose_commands_hang_leaves_room_for_others) {
   for (raw_peer& p : peers) {
     if (&p != &peers.back()) EXPECT_EQ(p.reply(&text).result, 0);
   }
+}
+
+TEST(command_slots, disks_are_told_by_their_whole_names) {
+  command_slots slots(1);
+  const command_slots::slot one(&slots, ZORV_ADD_FILTER_NODE, "/dev/one");
+  const command_slots::slot other(&slots, ZORV_ADD_FILTER_NODE, "/dev/other");
+  const command_slots::slot again(&slots, ZORV_ADD_FILTER_NODE, "/dev/one");
+  EXPECT_TRUE(one && other && !again);
 }
 
 TEST_F(control_test, a_handle_outlives_its_daemon) {

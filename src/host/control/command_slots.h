@@ -3,11 +3,14 @@
 // take every connection with it.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "zorv/abi.h"
 
@@ -21,10 +24,7 @@ class command_slots {
   class [[nodiscard]] slot {
    public:
     slot(command_slots* slots, std::uint32_t command, const std::string& record)
-        : slots_(waits(command) ? slots : nullptr) {
-      // Records begin with the node that they are about, or with the name of a disk.
-      std::memcpy(&node_, record.data(),
-                  record.size() < sizeof node_ ? record.size() : sizeof node_);
+        : slots_(waits(command) ? slots : nullptr), node_(node_of(command, record)) {
       taken_ = slots_ == nullptr || slots_->take(node_);
     }
     ~slot() {
@@ -40,20 +40,30 @@ class command_slots {
       return command != ZORV_GET_INFO && command != ZORV_GET_DEVICE_LIST;
     }
 
+    // Records begin with a node's minor, or with the name of a disk.
+    static std::uint64_t node_of(std::uint32_t command, const std::string& record) {
+      if (command == ZORV_ADD_FILTER_NODE || command == ZORV_TEST_DATABLOCK) {
+        return std::hash<std::string_view>()(record.c_str()) | 1ULL << 63;
+      }
+      std::uint32_t minor = 0;
+      std::memcpy(&minor, record.data(), std::min(record.size(), sizeof minor));
+      return minor;
+    }
+
     command_slots* slots_;
-    std::uint32_t node_ = 0;
+    std::uint64_t node_;
     bool taken_;
   };
 
  private:
-  bool take(std::uint32_t node) {
+  bool take(std::uint64_t node) {
     const std::lock_guard guard(lock_);
     unsigned& running = running_[node];
     if (running == per_node_) return false;
     ++running;
     return true;
   }
-  void give_back(std::uint32_t node) {
+  void give_back(std::uint64_t node) {
     const std::lock_guard guard(lock_);
     const auto at = running_.find(node);
     if (--at->second == 0) running_.erase(at);
@@ -61,7 +71,7 @@ class command_slots {
 
   const unsigned per_node_;
   std::mutex lock_;
-  std::map<std::uint32_t, unsigned> running_;  // by node
+  std::map<std::uint64_t, unsigned> running_;  // by node
 };
 
 }  // namespace zorv
