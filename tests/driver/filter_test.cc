@@ -145,13 +145,14 @@ TEST_F(filter_test, a_name_is_one_nodes) {
 TEST_F(filter_test, failing_the_nth_call_of_creation_leaves_no_trace) {
   using site = kernel::fault_site;
   for (site where : {site::alloc, site::file_open, site::file_read, site::node_make,
-                     site::proc_create, site::user_copy}) {
+                     site::proc_create, site::user_copy, site::thread_create}) {
     for (u64 n = 1; n < 200; ++n) {
       auto req = with(disk.path());
       kernel::fault_arm(where, n, 1, ENOMEM);
       const int rc = command(ZORV_ADD_FILTER_NODE, &req);
       const bool reached = kernel::fault_calls(where) >= n;
       kernel::fault_disarm_all();
+      if (where == site::thread_create) EXPECT_EQ(rc != 0, reached) << "it has its threads";
       if (rc != 0) {
         EXPECT_EQ(disk.bdev()->bd_openers.load(), zorv_blkdev_arr[0] != nullptr ? 1 : 0);
         EXPECT_TRUE(rc == -ENOMEM || rc == -EIO || rc == -EINVAL || rc == -EFAULT || rc == -ENOENT)

@@ -110,8 +110,7 @@ int settle_added(zorv_filter* f) {
     const u64 event = zorv_marks_event();
     if (zorv_marks_refused(f)) return -EIO;
     if (!zorv_marks_pending(f)) return 0;
-    if (!zorv_marks_wait(event, deadline)) zorv_marks_overdue(f);
-    if (kernel::time_after_eq(kernel::jiffies(), deadline + mark_wait_limit_jiffies)) return -EIO;
+    if (!zorv_marks_wait_or_refuse(f, event, deadline)) return -EIO;
   }
 }
 

@@ -2,8 +2,7 @@
 // The queue of what filters' writes wait for, and the threads that see to it.
 //
 // kdirtyd takes the oldest request whose filter has none in hand and hands it to the filter's own
-// thread, which it makes when there is none; where no thread can be made it does the work itself.
-// What could not be done is tried again by the filter's thread.
+// thread. What could not be done is tried again by that.
 //
 // Locks: file_mutex, bmp_mutex, bmp_lock, req_spin, in this order. A save cancels marks while it
 // holds bmp_mutex; a thread takes the first two with no other lock held and looks again whether the
@@ -175,38 +174,23 @@ int mark_worker(void* arg) {
   return kernel::complete_and_exit(&w.exited, 0);
 }
 
-// Makes the filter's thread unless it is there. Only kdirtyd does, and it has the filter in hand.
-bool has_worker(zorv_filter* f) {
-  {
-    kernel::spin_guard guard(&req_spin);
-    if (f->worker.started) return true;
-  }
-  kernel::init_completion(&f->worker.exited);
-  if (kernel::kernel_thread(mark_worker, f, 0) < 0) return false;
-  kernel::spin_guard guard(&req_spin);
-  f->worker.started = true;
-  return true;
+int start_worker(zorv_mark_worker* w, int (*body)(void*), zorv_filter* f) {
+  kernel::init_completion(&w->exited);
+  const int rc = kernel::kernel_thread(body, f, 0);
+  w->started = rc >= 0;
+  return rc < 0 ? rc : 0;
+}
+
+void end_worker(zorv_mark_worker* w) {
+  if (!w->started) return;
+  w->ending.store(true);
+  kernel::wake_up_all(&w->wait);
+  kernel::wait_for_completion(&w->exited);
+  w->ending.store(false);
+  w->started = false;
 }
 
 // ---- kdirtyd -----------------------------------------------------------------------------------
-
-// Without a thread of the filter's, what fails goes to the end of the queue after a pause.
-void work_here(zorv_dirty_req* req) {
-  zorv_filter* f = req->filter;
-  const auto kind = static_cast<u32>(req->type);
-  const bool done = !is_active(req) || work_for(f, kind, tries_before_refusal);
-  if (!done) {
-    {
-      kernel::spin_guard guard(&f->bmp_lock);
-      f->holds[kind].noted = true;
-      f->holds[kind].retrying = false;
-    }
-    (void)kernel::wait_event_timeout(
-        &req_wait, [] { return kdirtyd_abort.load() != 0; }, first_pause);
-  }
-  finish(req);
-  if (!done) (void)zorv_sched_write_dirty_flag(f, kind);
-}
 
 void handle_next() {
   zorv_dirty_req* req = nullptr;
@@ -219,11 +203,7 @@ void handle_next() {
     busy_filter = f;
     req->in_hand = f->worker.busy = true;
   }
-  if (has_worker(f)) {
-    kernel::wake_up_all(&f->worker.wait);
-  } else {
-    work_here(req);
-  }
+  kernel::wake_up_all(&f->worker.wait);
   {
     kernel::spin_guard guard(&req_spin);
     busy_filter = nullptr;
@@ -309,6 +289,16 @@ int zorv_stop_kdirtyd() {
   return 0;
 }
 
+int zorv_start_mark_workers(zorv_filter* f) {
+  int rc = start_worker(&f->worker, mark_worker, f);
+  if (rc == 0) rc = start_worker(&f->note_worker, zorv_note_worker, f);
+  if (rc != 0) {
+    zorv_log(LOG_ERROR, "%s(): Failed to start the threads of zorv(%d, %d): rc=%d", __func__,
+             zorv_blk_major, f->filter_minor, rc);
+  }
+  return rc;
+}
+
 int zorv_sched_write_dirty_flag(zorv_filter* f, u32 type) {
   zorv_log(2, "%s(): Appending dirty request for %s bitmap of zorv(%d, %d)", __func__,
            zorv_bmp_type_name(type), zorv_blk_major, f->filter_minor);
@@ -374,16 +364,23 @@ int zorv_yield_to_dirty_requests(zorv_filter* f, u32 seconds) {
   return -ETIMEDOUT;
 }
 
+namespace {
+
+bool hangs(const zorv_mark_worker& w) {
+  const u64 since = w.since.load();
+  return since != 0 && kernel::time_after_eq(kernel::jiffies(), since + file_limit_jiffies);
+}
+
+}  // namespace
+
 int zorv_marks_await_rest(zorv_filter* f) {
   const auto at_rest = [f] {
     kernel::spin_guard guard(&req_spin);
-    return busy_filter != f && !f->worker.busy && f->worker.since.load() == 0;
+    return busy_filter != f && !f->worker.busy && f->worker.since.load() == 0 &&
+           f->note_worker.since.load() == 0;
   };
   while (!kernel::wait_event_timeout(&idle_wait, at_rest, kernel::HZ / 10)) {
-    const u64 since = f->worker.since.load();
-    if (since == 0 || !kernel::time_after_eq(kernel::jiffies(), since + file_limit_jiffies)) {
-      continue;
-    }
+    if (!hangs(f->worker) && !hangs(f->note_worker)) continue;
     zorv_log(LOG_ERROR, "%s(): Marking the files of zorv(%d, %d) makes no progress", __func__,
              zorv_blk_major, f->filter_minor);
     return -EBUSY;
@@ -393,7 +390,6 @@ int zorv_marks_await_rest(zorv_filter* f) {
 
 void zorv_drop_dirty_requests(zorv_filter* f) {
   kernel::list_of<zorv_dirty_req> dropped;
-  bool started = false;
   {
     kernel::spin_guard guard(&req_spin);
     for (zorv_dirty_req& req : req_list) {
@@ -413,17 +409,9 @@ void zorv_drop_dirty_requests(zorv_filter* f) {
     kernel::spin_guard guard(&req_spin);
     return busy_filter != f;
   });
-  {
-    kernel::spin_guard guard(&req_spin);
-    started = f->worker.started;
-    f->worker.started = false;
-  }
-  if (!started) return;
   kernel::wait_event(&idle_wait, [f] { return in_hand_of(f) == nullptr; });
-  f->worker.ending.store(true);
-  kernel::wake_up_all(&f->worker.wait);
-  kernel::wait_for_completion(&f->worker.exited);
-  f->worker.ending.store(false);
+  end_worker(&f->worker);
+  end_worker(&f->note_worker);
 }
 
 }  // namespace zorv

@@ -9,7 +9,8 @@
 // marks.h for the state that decides.
 //
 // kdirtyd hands a filter's requests to a thread of the filter, one at a time, so that a folder that
-// is slow or stuck delays no other node.
+// is slow or stuck delays no other node. Another one of the filter's makes the notes about what a
+// write has waited for too long: neither the thread that hangs nor a client's.
 #pragma once
 
 #include "driver/core/blkdev.h"
@@ -18,6 +19,11 @@ namespace zorv {
 
 [[nodiscard]] int zorv_start_kdirtyd();  // 0 | -EALREADY | thread creation's negative errno
 int zorv_stop_kdirtyd();                 // 0 | -ESRCH; queued requests are dropped unwritten
+// The filter's threads, before anything is queued for it; zorv_drop_dirty_requests ends them, also
+// when this has failed.
+//   returns  0 | thread creation's negative errno (logged)
+[[nodiscard]] int zorv_start_mark_workers(zorv_filter* f);
+int zorv_note_worker(void* filter);  // the body of the second
 // Queues the work that the caller has noted under bmp_lock (holds[].noted); what a save has made
 // needless since then is not queued.
 //   type     a zorv_hold_kind
@@ -32,8 +38,8 @@ int zorv_yield_to_dirty_requests(zorv_filter* f, u32 seconds);
 // Waits until nothing of the filter's is being worked on, or what is hangs in a file.
 //   returns  0 | -EBUSY (it hangs; logged)
 [[nodiscard]] int zorv_marks_await_rest(zorv_filter* f);
-// Ends the filter's thread and takes its remaining requests away, waiting while one is being worked
-// on; afterwards nothing of this touches the filter. Nobody may queue any more.
+// Ends the filter's threads and takes its remaining requests away, waiting while one is being
+// worked on; afterwards nothing of this touches the filter. Nobody may queue any more.
 void zorv_drop_dirty_requests(zorv_filter* f);
 
 // ---- writes that wait ----------------------------------------------------------------------
@@ -50,14 +56,17 @@ inline bool zorv_marks_pending(const zorv_filter* f) {
 inline bool zorv_marks_refused(const zorv_filter* f) {
   return f->marks_refused.load(std::memory_order_acquire) != 0;
 }
-// Sleeps until the number differs from the given one, no longer than until the deadline.
+// Sleeps until the number differs from the given one. From the deadline on what is awaited is
+// overdue; when it is not settled as long after that, as the state folder may be stuck as well, it
+// is refused.
 //   locks    none of the driver's may be held
-//   returns  false when the deadline has passed
-[[nodiscard]] bool zorv_marks_wait(u64 event, u64 deadline_jiffies);
-// A write has waited for too long: what can be noted in the state folder is, the rest is refused.
-// One caller sees to it, the others wait for a moment.
-//   locks    none of the driver's may be held
+//   returns  false when that moment has come
+[[nodiscard]] bool zorv_marks_wait_or_refuse(zorv_filter* f, u64 event, u64 deadline_jiffies);
+// A write has waited for too long: has what can be noted in the state folder noted, and refuses the
+// rest. It does not wait for that; whatever comes of it ends the waits. Also with locks held.
 void zorv_marks_overdue(zorv_filter* f);
+// It has waited for as long again: what is still being noted is refused.
+void zorv_marks_refuse(zorv_filter* f);
 
 // ---- for whoever makes writes wait -----------------------------------------------------------
 // Computes anew which writes have to wait.

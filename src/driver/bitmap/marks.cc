@@ -3,8 +3,6 @@
 
 #include "driver/bitmap/bitmap.h"
 #include "driver/bitmap/dirty.h"
-#include "driver/core/log.h"
-#include "driver/snap/record.h"
 #include "kernel/time.h"
 
 namespace zorv {
@@ -14,10 +12,6 @@ namespace {
 // One queue for all filters: a waiting write holds nothing that keeps its filter alive.
 kernel::wait_queue_head marks_wait;
 std::atomic<u64> marks_event{0};
-
-const char* name_of(u32 kind) {
-  return kind == zorv_hold_record ? "record of the snaps" : zorv_bmp_type_name(kind);
-}
 
 }  // namespace
 
@@ -53,37 +47,23 @@ void zorv_marks_let_go() {
 
 u64 zorv_marks_event() { return marks_event.load(std::memory_order_acquire); }
 
-bool zorv_marks_wait(u64 event, u64 deadline_jiffies) {
+namespace {
+
+//   returns  false when the deadline has passed
+bool wait_until(u64 event, u64 deadline_jiffies) {
   const auto changed = [event] { return zorv_marks_event() != event; };
   const s64 left = static_cast<s64>(deadline_jiffies - kernel::jiffies());
-  if (left <= 0) return changed();
-  return kernel::wait_event_timeout(&marks_wait, changed, static_cast<u64>(left));
+  return left > 0 && kernel::wait_event_timeout(&marks_wait, changed, static_cast<u64>(left));
 }
 
-void zorv_marks_overdue(zorv_filter* f) {
-  u32 mine = 0;
-  {
-    kernel::spin_guard guard(&f->bmp_lock);
-    const u32 waiting = f->marks_exposed.load() & ~f->marks_refused.load();
-    for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
-      if ((waiting >> kind & 1) == 0 || f->holds[kind].overdue) continue;
-      f->holds[kind].overdue = true;
-      mine |= 1U << kind;
-    }
-  }
-  for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
-    if ((mine >> kind & 1) == 0) continue;
-    const int rc =
-        kind == zorv_hold_record ? zorv_record_excuse(f) : zorv_block_excuse_bmp(f, kind);
-    zorv_log(LOG_ERROR, "%s(): The stale mark of the %s of zorv(%d, %d) is not on disk in time. %s",
-             __func__, name_of(kind), zorv_blk_major, f->filter_minor,
-             rc == 0 ? "It is noted in the state folder that the file is not to be believed."
-                     : "That can't be noted either: writes end with an error.");
-    marks_guard guard(f);
-    f->holds[kind].overdue = false;
-    if (rc != 0) f->holds[kind].refused = true;
-  }
-  if (mine == 0) (void)zorv_marks_wait(zorv_marks_event(), kernel::jiffies() + kernel::HZ / 10);
+}  // namespace
+
+bool zorv_marks_wait_or_refuse(zorv_filter* f, u64 event, u64 deadline_jiffies) {
+  if (wait_until(event, deadline_jiffies)) return true;
+  zorv_marks_overdue(f);
+  if (wait_until(event, deadline_jiffies + mark_wait_limit_jiffies)) return true;
+  zorv_marks_refuse(f);
+  return false;
 }
 
 void zorv_marks_file_void(zorv_filter* f, u32 type) {

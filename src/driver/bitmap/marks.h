@@ -53,7 +53,7 @@ struct zorv_hold {
   bool noted = false;      // work is to be queued by whoever set this
   bool refused = false;    // it cannot be done: writes that would wait end with -EIO
   bool retrying = false;   // the filter's thread tries it again from time to time
-  bool overdue = false;    // a write that has waited too long is seeing to it
+  bool overdue = false;    // a write has waited too long: it is to be noted, or being noted
   zorv_dirty_req reserve;  // for when memory is short
 };
 
@@ -77,10 +77,10 @@ struct zorv_mark_state {
   bool sync_failed = false;   // the page cache may show what is not on disk
 };
 
-// The thread that works for one filter, from its first request on.
+// A thread that works for one filter, from its creation to its end.
 struct zorv_mark_worker {
-  bool started = false;       // both under req_spin
-  bool busy = false;          // a request of the filter is in hand
+  bool started = false;
+  bool busy = false;          // under req_spin: a request of the filter is in hand
   std::atomic<u64> since{0};  // jiffies since when it has been at a file; 0: it is not
   std::atomic<bool> ending{false};
   kernel::wait_queue_head wait;

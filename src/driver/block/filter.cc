@@ -151,6 +151,8 @@ int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
     kernel::vfree(f.diff_bmp);
     f.incr_bmp = f.diff_bmp = nullptr;
   });
+  int rc = zorv_start_mark_workers(&f);
+  if (rc != 0) return rc;
   f.incr_bmp = static_cast<u8*>(kernel::vmalloc(bytes));
   if (f.incr_bmp != nullptr) f.diff_bmp = static_cast<u8*>(kernel::vmalloc(bytes));
   if (f.incr_bmp == nullptr || f.diff_bmp == nullptr) {
@@ -160,7 +162,7 @@ int set_up(zorv_blkdev* dev, const zorv_add_filter_req* req, u32 block_size)
   }
 
   set_bitmap_dir(f, req->bmp_dir);
-  int rc = zorv_block_open_bmps(&f);
+  rc = zorv_block_open_bmps(&f);
   if (rc == 0) rc = zorv_record_attach(&f);
   if (rc != 0) return rc;
   // An unusable file leaves its bitmap all set, which is what an unknown past means; so does a

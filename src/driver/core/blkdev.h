@@ -74,7 +74,8 @@ struct zorv_filter {
   zorv_hold holds[zorv_hold_kinds];  // by kind
   bool record_due = false;           // under bmp_lock: the record of the snaps has to be changed
   zorv_record record;
-  zorv_mark_worker worker;
+  zorv_mark_worker worker;                 // writes marks and the record
+  zorv_mark_worker note_worker;            // notes what is overdue
   kernel::list_of<zorv_handout> handouts;  // under bmp_lock
   zorv_companion companion;
   // Writes under way, by the epoch in which they were marked; a save that relies on writes being on

@@ -207,9 +207,7 @@ int zorv_make_request(kernel::request_queue* q, kernel::bio* bio) {
   const u64 deadline = kernel::jiffies() + mark_wait_limit_jiffies;
   outcome o = route(dev, bio, flags);
   while (o.marks_pending) {
-    if (!zorv_marks_wait(o.event, deadline)) zorv_marks_overdue(&dev->f);
-    // What should settle the matter may be stuck as well.
-    if (kernel::time_after_eq(kernel::jiffies(), deadline + mark_wait_limit_jiffies)) {
+    if (!zorv_marks_wait_or_refuse(&dev->f, o.event, deadline)) {
       o.rc = -EIO;
       break;
     }

@@ -100,7 +100,7 @@ void zorv_record_wanted(zorv_filter* f);
 //   returns  0 (also when the state folder stands in for it) | negative errno: it is tried again
 int zorv_record_write(zorv_filter* f);
 // The same without the file, which makes no progress: by the state folder alone.
-//   context  a waiting write
+//   context  the filter's note thread; may sleep; no lock held
 //   returns  0 | negative errno: the writes that wait end with -EIO
 int zorv_record_excuse(zorv_filter* f);
 
