@@ -155,19 +155,37 @@ TEST_F(record_test, a_record_that_could_not_be_read_lists_what_starts_after_that
   expect_unchanged(a);
 }
 
-TEST_F(record_test, a_held_write_that_a_stop_lets_go_is_missed) {
-  const u32 a = add_started_snap({.files = dir / "a"});
-  kernel::block_device* bdev = client(filter).bdev();
-  disk.serve(memory_disk::serving::held);
-  pending_io held(bdev, kernel::WRITE, 0, bytes(512, 1));
-  EXPECT_TRUE(eventually([this] { return disk.held_count() > 0; }));
-  std::thread stopper([&] { EXPECT_EQ(stop(a), 0); });
-  EXPECT_TRUE(eventually([a] { return zorv_blkdev_arr[a]->started.load() == 0; }));
-  disk.serve(memory_disk::serving::at_once);
-  disk.release_all();
-  EXPECT_EQ(held.wait(), 0);
-  stopper.join();
-  EXPECT_TRUE(!resumed(a) || shown(a, 0, disk_bytes) == pattern(0, disk_bytes));
+// A mutex that the test holds stands for a folder that hangs.
+TEST_F(record_test, a_held_write_that_a_stop_lets_go_is_missed) NO_THREAD_SAFETY_ANALYSIS {
+  enum { nothing, the_record, the_state_folder_too };
+  for (const int hangs : {nothing, the_record, the_state_folder_too}) {
+    const u32 a = add_started_snap({.files = dir / "a"});
+    zorv_record& record = zorv_blkdev_arr[filter]->f.record;
+    kernel::block_device* bdev = client(filter).bdev();
+    disk.serve(memory_disk::serving::held);
+    pending_io held(bdev, kernel::WRITE, 0, bytes(512, 1));
+    EXPECT_TRUE(eventually([this] { return disk.held_count() > 0; }));
+    if (hangs != nothing) rzmutex_lock(&record.mutex);
+    if (hangs == the_state_folder_too) rzmutex_lock(&record.word_mutex);
+    std::thread stopper([&] { EXPECT_EQ(stop(a), 0); });
+    EXPECT_TRUE(eventually([a] { return zorv_blkdev_arr[a]->started.load() == 0; }));
+    disk.serve(memory_disk::serving::at_once);
+    disk.release_all();
+    if (hangs != nothing) EXPECT_FALSE(eventually([&] { return held.done(); }, 100));
+    const u64 begin = kernel::jiffies();
+    EXPECT_TRUE(eventually([&] {
+      if (hangs != nothing) kernel::turn_clock(1000);
+      return held.done();
+    }));
+    EXPECT_GE(kernel::jiffies() - begin, hangs * 29000U);
+    EXPECT_EQ(held.wait(), hangs == the_state_folder_too ? -EIO : 0);
+    stopper.join();
+    if (hangs == the_state_folder_too) rzmutex_unlock(&record.word_mutex);
+    if (hangs != nothing) rzmutex_unlock(&record.mutex);
+    EXPECT_TRUE(!resumed(a) || shown(a, 0, disk_bytes) == pattern(0, disk_bytes));
+    EXPECT_EQ(del(a), 0);
+    disk.poke(0, pattern(0, disk_bytes));
+  }
 }
 
 TEST_F(record_test, a_snap_that_is_lost_while_it_is_being_listed_is_not_believed) {

@@ -9,6 +9,7 @@
 // Progress: the head of the queue overlaps nothing earlier, so it is settled, or waits for a chunk
 // that is on its way or becomes so as soon as the copying task is idle; a batch that is copied sets
 // its bits or invalidates its snap.
+#include "driver/bitmap/dirty.h"
 #include "driver/core/log.h"
 #include "driver/io/aio.h"
 #include "driver/snap/cowwork.h"
@@ -156,6 +157,24 @@ bool record_awaited(const zorv_filter* f) {
   return f->record.stale.load() || (f->marks_exposed.load() >> zorv_hold_record & 1) != 0;
 }
 
+// A snap has been stopped or lost since the write came, and would miss it. As in routing, there is
+// an end to the wait.
+decision await_record(cow_worker* w, cow_request* r) {
+  zorv_filter* f = w->filter;
+  zorv_record_wanted(f);
+  const u64 now = kernel::jiffies();
+  if (r->record_since == 0) r->record_since = now | 1;
+  const u64 overdue = r->record_since + mark_wait_limit_jiffies;
+  if (kernel::time_after_eq(now, overdue + mark_wait_limit_jiffies)) {
+    zorv_marks_refuse(f);
+    return {verdict::ended, -EIO};
+  }
+  if (kernel::time_after_eq(now, overdue)) zorv_marks_overdue(f);
+  if ((f->marks_refused.load() >> zorv_hold_record & 1) != 0) return {verdict::ended, -EIO};
+  w->awaits_record = true;
+  return {verdict::keep};
+}
+
 decision decide_filter(pass* p, cow_request* r, s32 snap_minor) {
   zorv_filter* f = p->w->filter;
   if (!r->is_write) return forward(f, r);
@@ -163,12 +182,7 @@ decision decide_filter(pass* p, cow_request* r, s32 snap_minor) {
   const bool stale = record_awaited(f);
   const need n = next_need(f, r, snap_minor);
   const bool free = !n.snap;
-  if (free && (stale || record_awaited(f))) {
-    // A snap has been stopped or lost since the write came, and would miss it.
-    zorv_record_wanted(f);
-    const bool refused = (f->marks_refused.load() >> zorv_hold_record & 1) != 0;
-    return refused ? decision{verdict::ended, -EIO} : decision{verdict::keep};
-  }
+  if (free && (stale || record_awaited(f))) return await_record(p->w, r);
   if (free) return forward(f, r);
   if (p->batch == nullptr) {
     r->waits_since = p->copies;

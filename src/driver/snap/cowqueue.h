@@ -36,6 +36,7 @@ struct cow_request {
   bool is_write = false;
   bool picked_out = false;  // a read that the reading tasks serve; under lock
   u32 waits_since = 0;      // the consumer's: the copy that it waits to see the end of
+  u64 record_since = 0;     // ... jiffies since when it has waited for the record; 0: it has not
 };
 
 constexpr u32 cowqueue_hash_size = 16384;

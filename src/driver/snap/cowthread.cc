@@ -86,6 +86,7 @@ bool hand_out(cow_worker* w) {
 
 // The copies come first: what is sent on goes to the HDD beside them.
 void pass(cow_worker* w) {
+  w->awaits_record = false;
   if (hand_out(w)) kernel::blk_unplug(kernel::bdev_get_queue(w->filter->hdd_bdev));
 }
 
@@ -168,10 +169,11 @@ void serve(zorv_cowthread* t, cow_worker* w) {
   while (t->stop.load() == 0) {
     const bool at_files =
         w->copying.load() != 0 || w->reading.load() != 0 || w->nr_reads.load() != 0;
-    if (!at_files && w->filter->cow_left.load() == 0) {
+    if (!at_files && w->filter->cow_left.load() == 0 && !w->awaits_record) {
       kernel::wait_event(&q.wait, due, kernel::TASK_INTERRUPTIBLE);
     } else if (!kernel::wait_event_timeout(&q.wait, due, kernel::HZ)) {
       leave_hanging(w);
+      if (w->awaits_record) q.events.fetch_add(1);  // another pass looks how long
       continue;
     }
     leave_hanging(w);
