@@ -101,6 +101,22 @@ TEST_F(pins_test, a_start_waits_for_requests_no_longer_than_a_minute_and_holds_u
   EXPECT_EQ(start(snap), 0);
 }
 
+// A lock that the test holds stands for a file that hangs.
+TEST_F(pins_test, a_start_that_hangs_in_its_files_keeps_nobody_from_its_filter)
+NO_THREAD_SAFETY_ANALYSIS {
+  const u32 snap = add_snap();
+  rzrwlock& files = zorv_blkdev_arr[snap]->s.file_lock;
+  rzwrite_lock(&files);
+  std::thread starter([&] { EXPECT_EQ(start(snap), 0); });
+  EXPECT_TRUE(eventually([&] { return zorv_blkdev_arr[filter]->f.snaps_starting == 1; }));
+  expect_others_go_on("a start at its files");
+  EXPECT_EQ(stop(filter), -EBUSY);
+  rzwrite_unlock(&files);
+  starter.join();
+  EXPECT_EQ(client(filter).fill(0, 4096, 2), 0);
+  EXPECT_EQ(shown(snap, 0, 4096), bytes(4096, 1));
+}
+
 TEST_F(pins_test, nodes_on_nodes_go_upper_first_and_one_in_use_keeps_only_itself) {
   const u32 snap = add_started_snap({.minor = 5});
   const u32 upper = add_started_filter("/dev/zorv/zorv0", {.minor = 2});

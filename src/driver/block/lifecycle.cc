@@ -4,7 +4,12 @@
 // A filter's dev_mutex comes before its snaps', an older snap's before a newer one's. A snap start
 // cannot keep its filter's mutex while it freezes the filter's device: a front end that closes the
 // node needs it, and may have to get past that before it serves the requests the freeze waits for.
-// `snaps_starting` keeps the filter from being stopped in the meantime.
+// Nor while it is at the snap's files, which may hang. `snaps_starting` keeps the filter from being
+// stopped in the meantime.
+//
+// For the instant the start takes the filter's mutex again, with the snap's held. Nobody who has it
+// waits for the snap's then: other starts of the snap wait for its start_mutex first, and a stop of
+// the filter is refused.
 #include "driver/bitmap/bitmap.h"
 #include "driver/block/block.h"
 #include "driver/core/log.h"
@@ -79,9 +84,7 @@ void take_snapshot(zorv_blkdev* filter, zorv_blkdev* snap) REQUIRES(filter->f.sn
 }
 
 // From the files to the instant; the caller holds the snap's dev_mutex and both pins.
-//   filter_bdev  the filter's device while a front end has it open, else null
-int bring_up_snap(zorv_blkdev* filter, zorv_blkdev* snap, kernel::block_device* filter_bdev,
-                  u64 deadline) NO_THREAD_SAFETY_ANALYSIS {
+int bring_up_snap(zorv_blkdev* filter, zorv_blkdev* snap, u64 deadline) NO_THREAD_SAFETY_ANALYSIS {
   {
     rzwrite_guard files(&snap->s.file_lock);
     int rc = zorv_snap_open_files(snap);
@@ -90,20 +93,25 @@ int bring_up_snap(zorv_blkdev* filter, zorv_blkdev* snap, kernel::block_device* 
   }
   // Most of what has to be on disk before the snap is listed, while nobody waits for it.
   (void)kernel::fsync_bdev(filter->f.hdd_bdev);
-  if (filter_bdev == nullptr) {
-    // Nobody can open the filter now, so nothing but a request being routed has to be waited for.
-    rzwrite_guard routing(&filter->f.snap_rwlock);
-    take_snapshot(filter, snap);
-    return 0;
+  kernel::block_device* open = nullptr;
+  {
+    rzmutex_guard opening(&filter->dev_mutex);
+    open = filter->bdev;
+    if (open == nullptr) {
+      // Nobody can open the filter now, so nothing but a request being routed has to be waited for.
+      rzwrite_guard routing(&filter->f.snap_rwlock);
+      take_snapshot(filter, snap);
+      return 0;
+    }
   }
-  kernel::super_block* frozen = kernel::freeze_bdev(filter_bdev, deadline);
+  kernel::super_block* frozen = kernel::freeze_bdev(open, deadline);
   if (kernel::is_err(frozen)) return not_stable(filter);
   const int rc = quiesce(filter, deadline);
   if (rc == 0) {
     take_snapshot(filter, snap);
     rzwrite_unlock(&filter->f.snap_rwlock);
   }
-  kernel::thaw_bdev(filter_bdev, frozen);
+  kernel::thaw_bdev(open, frozen);
   return rc;
 }
 
@@ -135,7 +143,7 @@ int start_snap(zorv_blkdev* snap) {
   } else {
     rc = zorv_snap_start_pin(&st);
     if (rc == 0) {
-      rc = bring_up_snap(filter_of(snap), snap, st.filter_bdev, deadline);
+      rc = bring_up_snap(filter_of(snap), snap, deadline);
       if (rc == 0) {
         if (list_snap(&filter_of(snap)->f, snap) != 0) {
           zorv_log(LOG_ERROR, "%s(): zorv(%d, %d) can't be resumed after a restart", op,
@@ -160,6 +168,7 @@ int start_snap(zorv_blkdev* snap) {
 }  // namespace
 
 void zorv_snap_start_lock(snap_start* st) NO_THREAD_SAFETY_ANALYSIS {
+  rzmutex_lock(&st->snap->s.start_mutex);
   rzmutex_lock(&st->snap->s.filter->dev_mutex);
   st->filter_locked = true;
   rzmutex_lock(&st->snap->dev_mutex);
@@ -187,11 +196,8 @@ int zorv_snap_start_pin(snap_start* st) NO_THREAD_SAFETY_ANALYSIS {
   }
   filter->f.snaps_starting.fetch_add(1);
   st->pinned = true;
-  st->filter_bdev = filter->bdev;
-  if (st->filter_bdev != nullptr) {
-    rzmutex_unlock(&filter->dev_mutex);
-    st->filter_locked = false;
-  }
+  rzmutex_unlock(&filter->dev_mutex);
+  st->filter_locked = false;
   return 0;
 }
 
@@ -200,6 +206,7 @@ void zorv_snap_start_unlock(snap_start* st) NO_THREAD_SAFETY_ANALYSIS {
   if (st->pinned) filter->f.snaps_starting.fetch_sub(1);
   rzmutex_unlock(&st->snap->dev_mutex);
   if (st->filter_locked) rzmutex_unlock(&filter->dev_mutex);
+  rzmutex_unlock(&st->snap->s.start_mutex);
 }
 
 int zorv_block_start_device(zorv_blkdev* dev) {

@@ -105,6 +105,7 @@ struct zorv_snap {
   u32 chunk_shift = 0;
   u64 chunk_cnt = 0;
   zorv_blkdev* filter = nullptr;
+  rzmutex start_mutex;  // one start or resume at a time; outside the filter's dev_mutex
   char cow_data_fname[ZORV_PATH_LEN] = {};
   char cow_bmp_fname[ZORV_PATH_LEN] = {};
   // Read: the COW thread while it uses the files and the COW bitmap of a started snap (`started`

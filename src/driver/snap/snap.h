@@ -28,19 +28,19 @@ void zorv_snap_disown_files(zorv_blkdev* snap);
 //   locks    none of the filter's or the snap's
 void zorv_snap_build_datablock_map(u32 snap_minor);
 
-// The frame of a start and of a resume, in this order: take both mutexes, look at the snap's
-// state, pin the filter, do the work, release. While pinned the filter stays started; its
-// dev_mutex stays held only while no front end has it open, so that nobody can open it.
+// The frame of a start and of a resume, in this order: take the mutexes, look at the snap's state,
+// pin the filter, do the work, release. While pinned the filter stays started; its dev_mutex is
+// free, so that what hangs in a snap's file keeps nobody from opening or closing the filter.
 struct snap_start {
   explicit snap_start(zorv_blkdev* s) : snap(s) {}
   zorv_blkdev* snap;
-  kernel::block_device* filter_bdev = nullptr;  // the filter's device while a front end has it open
   bool filter_locked = false;
   bool pinned = false;
 };
-// Takes the filter's dev_mutex, then the snap's. The snap is pinned by the caller.
+// Takes the snap's start_mutex, its filter's dev_mutex, its own. The snap is pinned by the caller.
 void zorv_snap_start_lock(snap_start* st);
-// Starts the filter and its COW thread where they are not running (the thread's result is ignored).
+// Starts the filter and its COW thread where they are not running (the thread's result is ignored),
+// and lets go of the filter's dev_mutex.
 //   returns  0 | -EINVAL (one of the two is being removed) | the filter start's failure
 [[nodiscard]] int zorv_snap_start_pin(snap_start* st);
 void zorv_snap_start_unlock(snap_start* st);
