@@ -76,6 +76,7 @@ void enqueue_locked(wait_queue_head* q, wait_queue_entry* e) REQUIRES(q->lock) {
 }  // namespace
 
 void spinlock_t::lock() noexcept NO_THREAD_SAFETY_ANALYSIS {
+  place_.taking(this, lock_use::exclusive);
   while (held_.exchange(1, std::memory_order_acquire) != 0) wait_for_release(held_);
   ++current()->spin_depth;
 }
@@ -83,6 +84,7 @@ void spinlock_t::lock() noexcept NO_THREAD_SAFETY_ANALYSIS {
 // The releasing store comes last: whoever takes the lock next may free it.
 void spinlock_t::unlock() noexcept NO_THREAD_SAFETY_ANALYSIS {
   --current()->spin_depth;
+  place_.dropped(this);
   held_.store(0, std::memory_order_release);
 }
 

@@ -9,6 +9,7 @@
 
 #include "kernel/annotations.h"
 #include "kernel/list.h"
+#include "kernel/lock_order.h"
 #include "kernel/task.h"
 #include "kernel/time.h"
 #include "kernel/types.h"
@@ -17,7 +18,8 @@ namespace kernel {
 
 class CAPABILITY("spinlock") spinlock_t {
  public:
-  spinlock_t() = default;
+  constexpr spinlock_t() = default;
+  constexpr explicit spinlock_t(const lock_class& place) : place_(place) {}
   spinlock_t(const spinlock_t&) = delete;
   spinlock_t& operator=(const spinlock_t&) = delete;
 
@@ -26,6 +28,7 @@ class CAPABILITY("spinlock") spinlock_t {
 
  private:
   std::atomic<u32> held_{0};
+  [[no_unique_address]] lock_place place_;
 };
 
 inline void spin_lock(spinlock_t* l) noexcept ACQUIRE(l) { l->lock(); }

@@ -234,6 +234,7 @@ TEST_F(bitmap_file_test, a_load_keeps_what_is_marked_meanwhile) {
 TEST_F(bitmap_file_test, a_load_of_a_file_known_to_lack_bits_keeps_them) {
   saved_node();
   {
+    const kernel::lock_order_exception stands_in_for_another_task;
     rzmutex_guard slow(&filter()->bmp_mutex);
     mark(7);
     EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);

@@ -78,6 +78,7 @@ class slow_files {
   }
 
  private:
+  kernel::lock_order_exception stands_in_for_another_task_;
   zorv_filter* f_;
 };
 

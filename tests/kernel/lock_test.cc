@@ -152,6 +152,31 @@ TEST(clock, sleepers_notice_when_it_is_turned) {
   EXPECT_LT(jiffies() - before, 700000U);
 }
 
+#ifdef ZORV_LOCK_ORDER
+TEST(lock_order_deathtest, a_lock_taken_against_it_ends_the_program_with_both_stacks) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  static constexpr lock_class outer{"outer", 1, false};
+  static constexpr lock_class inner{"inner", 2, true};
+  spinlock_t a(outer), b(inner), c(inner);
+  {
+    spin_guard first(&a);
+    spin_guard second(&b);
+    spin_guard third(&c);
+  }
+  EXPECT_DEATH(
+      {
+        spinlock_t d(outer);
+        spin_guard first(&a);
+        spin_guard second(&d);
+      },
+      "takes outer");
+  spin_guard holds(&c);  // whose place is free again
+  EXPECT_DEATH(
+      { spin_guard takes(&a); },
+      "against their order\nholds inner (.|\n)*TestBody(.|\n)*takes outer (.|\n)*TestBody");
+}
+#endif
+
 TEST(time_compare, survives_the_wrap) {
   constexpr u64 top = ~u64{0};
   static_assert(time_after(5, top) && !time_after(top, 5) && !time_after(7, 7));

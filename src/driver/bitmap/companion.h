@@ -31,7 +31,7 @@ struct zorv_companion {
   bool foreign = false;  // what is there is somebody else's
   // Notes about the pair are made and taken back, each with what marks[].excused says of it. Inside
   // bmp_mutex; taken alone by waiting writes.
-  rzmutex note_mutex;
+  rzmutex note_mutex{order::bmp_notes};
   kernel::file_id unusable;               // what stood at its name when that could not be opened
   std::atomic<const char*> why{nullptr};  // everything counted as changed when the node was made
 };

@@ -20,7 +20,7 @@ namespace zorv {
 
 namespace {
 
-kernel::spinlock_t req_spin;
+kernel::spinlock_t req_spin{order::dirty_requests};
 kernel::list_of<zorv_dirty_req> req_list GUARDED_BY(req_spin);  // oldest first
 // The filter that kdirtyd has in hand.
 const zorv_filter* busy_filter GUARDED_BY(req_spin) = nullptr;

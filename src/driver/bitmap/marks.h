@@ -68,7 +68,7 @@ struct zorv_mark_state {
   u8* load_marks = nullptr;  // while loading: the bits that the load must keep
   // Outside bmp_mutex: held by whoever marks the file or writes its contents, so that a save of one
   // bitmap does not keep the other from being marked.
-  rzmutex file_mutex;
+  rzmutex file_mutex{order::bmp_file};
   // Under bmp_mutex; also used by a save that holds file_mutex alone.
   zorv_file* file = nullptr;  // open from the node's creation, or the first save, to its end
   kernel::file_claim claim;   // held while open

@@ -118,6 +118,7 @@ void fill_record(zorv_blkdev* dev, const zorv_add_filter_req* req, devt hdd_dev,
                  kernel::block_device* hdd) {
   zorv_filter& f = dev->f;
   dev->dev_type = ZORV_DEV_FILTER;
+  dev->dev_mutex.place = kernel::lock_place(order::filter_dev);
   f.hdd_dev = hdd_dev;
   f.hdd_bdev = hdd;
   f.hdd_is_node = hdd->bd_disk->fops == &zorv_bdops;

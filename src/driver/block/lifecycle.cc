@@ -95,6 +95,7 @@ int bring_up_snap(zorv_blkdev* filter, zorv_blkdev* snap, u64 deadline) NO_THREA
   (void)kernel::fsync_bdev(filter->f.hdd_bdev);
   kernel::block_device* open = nullptr;
   {
+    const kernel::lock_order_exception start_mutex_held;  // see the top
     rzmutex_guard opening(&filter->dev_mutex);
     open = filter->bdev;
     if (open == nullptr) {

@@ -6,7 +6,7 @@
 
 namespace zorv {
 
-rzrwlock zorv_blkdev_rwlock;
+rzrwlock zorv_blkdev_rwlock{order::table};
 zorv_blkdev** zorv_blkdev_arr = nullptr;
 
 kernel::wait_queue_head zorv_removal_wait;

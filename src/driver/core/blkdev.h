@@ -51,16 +51,16 @@ struct zorv_filter {
   char bmp_dir[ZORV_PATH_LEN] = {};
   // Held for a walk over the snaps or a change of their list, never across file or block I/O; a
   // snap that is needed for longer is pinned. Inside the table's lock and snap_rwlock.
-  mutable rzrwlock snaps_lock;
+  mutable rzrwlock snaps_lock{order::snaps};
   // Oldest first: in the order of creation, and a snap that starts after one behind it had its
   // instant goes behind that.
   kernel::list_of<zorv_blkdev> snaps GUARDED_BY(snaps_lock);
   std::atomic<u32> nr_snaps{0};  // their number; also read without the lock
 
-  rzmutex save_mutex;           // one save or load at a time; outside file_mutex and bmp_mutex
-  rzmutex bmp_mutex;            // bitmap file work
-  kernel::spinlock_t bmp_lock;  // bits and dirty flags
-  s32 incr_bmp_size = 0;        // bytes
+  rzmutex save_mutex{order::save};           // one save or load at a time
+  rzmutex bmp_mutex{order::bmp_files};       // bitmap file work
+  kernel::spinlock_t bmp_lock{order::bits};  // bits and dirty flags
+  s32 incr_bmp_size = 0;                     // bytes
   s32 diff_bmp_size = 0;
   u8* incr_bmp = nullptr;
   u8* diff_bmp = nullptr;
@@ -88,10 +88,10 @@ struct zorv_filter {
 
   zorv_cowthread cowthread;
   zorv_cowqueue cowqueue;
-  rzrwlock snap_rwlock;             // routing (read) against snap start and stop (write)
-  std::atomic<u32> inflight{0};     // requests that entered since it was last cleared
-  std::atomic<u32> cow_writing{0};  // tasks that write to COW data files
-  std::atomic<u32> cow_left{0};     // copying tasks that hang in a file and were left behind
+  rzrwlock snap_rwlock{order::routing};  // routing (read) against snap start and stop (write)
+  std::atomic<u32> inflight{0};          // requests that entered since it was last cleared
+  std::atomic<u32> cow_writing{0};       // tasks that write to COW data files
+  std::atomic<u32> cow_left{0};          // copying tasks that hang in a file and were left behind
   // Snap starts and resumes under way; the filter is not stopped meanwhile. Raised under dev_mutex.
   std::atomic<u32> snaps_starting{0};
   std::atomic<u32> closes{0};  // of the device, that the save which one of them does has to cover
@@ -105,12 +105,13 @@ struct zorv_snap {
   u32 chunk_shift = 0;
   u64 chunk_cnt = 0;
   zorv_blkdev* filter = nullptr;
-  rzmutex start_mutex;  // one start or resume at a time; outside the filter's dev_mutex
+  rzmutex start_mutex{
+      order::snap_start};  // one start or resume at a time; outside the filter's dev_mutex
   char cow_data_fname[ZORV_PATH_LEN] = {};
   char cow_bmp_fname[ZORV_PATH_LEN] = {};
   // Read: the COW thread while it uses the files and the COW bitmap of a started snap (`started`
   // tested inside). Write: start, stop and resume while they set these up or take them away.
-  rzrwlock file_lock;
+  rzrwlock file_lock{order::file};
   // Whose the files are, from the first start or resume on, while the snap is stopped too. The
   // claims say which files they were.
   kernel::file_claim data_claim;
@@ -125,7 +126,7 @@ struct zorv_snap {
   // others, and leaves the files open for these.
   std::atomic<u32> in_copy{0};
   std::atomic<u32> left{0};
-  rzmutex bits_lock;                   // a byte of the bitmap file is written by one task at a time
+  rzmutex bits_lock{order::cow_bits};  // a byte of the bitmap file is written by one task at a time
   zorv_file* cow_data_file = nullptr;  // open while started
   zorv_file* cow_bmp_file = nullptr;
   zorv_cowbmp cowbmp;

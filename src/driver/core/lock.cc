@@ -34,6 +34,7 @@ void wait_until(rzrwlock* l, Cond can_enter) REQUIRES(l->lock) {
 // The bodies implement the capability, so the analysis has nothing to check in them.
 void rzread_lock(rzrwlock* l) NO_THREAD_SAFETY_ANALYSIS {
   kernel::might_sleep("rzread_lock");
+  l->place.taking(l, kernel::lock_use::shared);
   kernel::spin_lock(&l->lock);
   wait_until(l, [l] { return l->count >= 0; });
   ++l->count;
@@ -45,8 +46,9 @@ void rzread_unlock(rzrwlock* l) NO_THREAD_SAFETY_ANALYSIS {
   kernel::spin_lock(&l->lock);
   if (l->count < 1) {
     misuse = true;
-  } else if (--l->count == 0) {
-    kernel::wake_up(&l->wait);
+  } else {
+    l->place.dropped(l);
+    if (--l->count == 0) kernel::wake_up(&l->wait);
   }
   kernel::spin_unlock(&l->lock);
   if (misuse) zorv_log(LOG_ERROR, "rzread_unlock(): Can't release RO lock: not locked.");
@@ -56,6 +58,7 @@ void rzwrite_lock(rzrwlock* l) NO_THREAD_SAFETY_ANALYSIS {
   kernel::might_sleep("rzwrite_lock");
   kernel::spin_lock(&l->lock);
   if (!(l->count < 0 && l->owner == current())) {
+    l->place.taking(l, kernel::lock_use::exclusive);
     wait_until(l, [l] { return l->count == 0; });
     l->owner = current();
   }
@@ -68,6 +71,7 @@ void rzwrite_unlock(rzrwlock* l) NO_THREAD_SAFETY_ANALYSIS {
   kernel::spin_lock(&l->lock);
   if (l->count < 0 && l->owner == current()) {
     if (++l->count == 0) {
+      l->place.dropped(l);
       l->owner = nullptr;
       kernel::wake_up(&l->wait);
     }
@@ -99,12 +103,14 @@ void become_owner(rzmutex* m) {
 
 void rzmutex_lock(rzmutex* m) NO_THREAD_SAFETY_ANALYSIS {
   if (enter_again(m)) return;
+  m->place.taking(m, kernel::lock_use::exclusive);
   kernel::down(&m->sem);
   become_owner(m);
 }
 
 bool rzmutex_lock_unless_stuck(rzmutex* m, u64 limit_jiffies) NO_THREAD_SAFETY_ANALYSIS {
   if (enter_again(m)) return true;
+  m->place.taking(m, kernel::lock_use::exclusive);
   constexpr u64 moment = 10;  // for who has just got it to say so
   for (;;) {
     const u64 since = m->since.load(std::memory_order_relaxed);
@@ -113,7 +119,10 @@ bool rzmutex_lock_unless_stuck(rzmutex* m, u64 limit_jiffies) NO_THREAD_SAFETY_A
       become_owner(m);
       return true;
     }
-    if (left <= 0 && m->since.load(std::memory_order_relaxed) == since) return false;
+    if (left <= 0 && m->since.load(std::memory_order_relaxed) == since) {
+      m->place.dropped(m);
+      return false;
+    }
   }
 }
 
@@ -137,6 +146,7 @@ void rzmutex_unlock(rzmutex* m) NO_THREAD_SAFETY_ANALYSIS {
     return;
   }
   if (m->depth.fetch_sub(1, std::memory_order_relaxed) == 1) {
+    m->place.dropped(m);
     m->owner.store(nullptr, std::memory_order_relaxed);
     kernel::up(&m->sem);
   }

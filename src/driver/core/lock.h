@@ -6,24 +6,33 @@
 // A task that holds it for writing and asks for it for reading waits for itself forever.
 #pragma once
 
+#include "driver/core/lock_order.h"
 #include "driver/core/types.h"
 #include "kernel/lock.h"
 
 namespace zorv {
 
 struct CAPABILITY("rzrwlock") rzrwlock {
+  rzrwlock() = default;
+  explicit rzrwlock(const kernel::lock_class& in_order) : place(in_order) {}
+
   kernel::spinlock_t lock;
   kernel::wait_queue_head wait;
   kernel::task_struct* owner = nullptr;  // the writer
   s32 count = 0;                         // > 0 readers, 0 free, < 0 the writer's depth
+  [[no_unique_address]] kernel::lock_place place;
 };
 
 struct CAPABILITY("rzmutex") rzmutex {
+  rzmutex() = default;
+  explicit rzmutex(const kernel::lock_class& in_order) : place(in_order) {}
+
   kernel::semaphore sem;
   // Read by tasks that do not hold the mutex: only the owner can find itself there.
   std::atomic<kernel::task_struct*> owner{nullptr};
   std::atomic<u32> depth{0};
   std::atomic<u64> since{0};  // jiffies when the owner got it, or has last got on
+  [[no_unique_address]] kernel::lock_place place;
 };
 
 void rzread_lock(rzrwlock* l) ACQUIRE_SHARED(l);

@@ -13,6 +13,7 @@
 
 #include <atomic>
 
+#include "driver/core/lock_order.h"
 #include "driver/core/types.h"
 #include "kernel/blkdev.h"
 
@@ -36,7 +37,7 @@ struct zorv_blkbmp {
   s32 frag_cnt = 0;
   sa* frags = nullptr;
 
-  kernel::spinlock_t lock;              // publishing and taking away
+  kernel::spinlock_t lock{order::map};  // publishing and taking away
   u32 generation GUARDED_BY(lock) = 0;  // a build publishes only into the one it began in
   mutable std::atomic<u32> users{0};    // look-ups and exports under way
 };

@@ -42,13 +42,13 @@ constexpr u32 rounds_before_sleep = 8;   // of yield, for an overlap that is abo
 constexpr u64 conflict_wait_ticks = 10;  // longest sleep before the target is unplugged again
 
 // Shared by all trackers. Completions take it.
-kernel::spinlock_t aio_spin;
+kernel::spinlock_t aio_spin{order::clones};
 u64 aio_gone GUARDED_BY(aio_spin) = 0;       // clones that stopped counting so far
 u32 aio_waiters GUARDED_BY(aio_spin) = 0;    // tasks that wait for one
 u32 aio_releasing GUARDED_BY(aio_spin) = 0;  // destructors between unlinking and their end
 kernel::wait_queue_head aio_wait;
 
-rzmutex allocators_mutex;
+rzmutex allocators_mutex{order::allocators};
 s32 aio_cnt GUARDED_BY(allocators_mutex) = 0;  // live trackers; the first makes the allocators
 kernel::kmem_cache* item_cache = nullptr;
 kernel::kmem_cache* block_cache = nullptr;

@@ -22,7 +22,7 @@ constexpr std::size_t work_bytes = 1024;  // of a write
 // Read by handlers while load and unload change it.
 std::atomic<kernel::proc_dir_entry*> zorv_proc_root{nullptr};
 // Held while entries are made or removed: nodes come and go beside each other.
-rzmutex tree_mutex;
+rzmutex tree_mutex{order::status_tree};
 
 // The reader's page. A value that does not fit is left out whole, so that no line comes in half.
 class page_text {

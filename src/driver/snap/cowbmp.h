@@ -20,7 +20,7 @@
 namespace zorv {
 
 struct zorv_cowbmp {
-  rzrwlock lock;  // write: install a page, load, destroy
+  rzrwlock lock{order::cowbmp};  // write: install a page, load, destroy
   u64 nbits GUARDED_BY(lock) = 0;
   s32 npages GUARDED_BY(lock) = 0;
   // A slot is null (32768 clear bits) or 4096 bytes of bits and 4096 bytes of marks.

@@ -20,7 +20,7 @@ constexpr u32 pool_reserve = 8192;  // requests, and blocks
 constexpr u32 block_shift = 3;      // sectors to 4 KiB blocks
 
 // Shared by all queues.
-rzmutex allocators_mutex;
+rzmutex allocators_mutex{order::allocators};
 s32 cowqueue_cnt GUARDED_BY(allocators_mutex) = 0;  // live queues; the first makes the allocators
 kernel::kmem_cache* queue_cache = nullptr;
 kernel::kmem_cache* block_cache = nullptr;

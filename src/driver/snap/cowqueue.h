@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "driver/core/lock_order.h"
 #include "driver/core/types.h"
 #include "kernel/bio.h"
 #include "kernel/list.h"
@@ -44,7 +45,7 @@ constexpr u32 cowqueue_hash_size = 16384;
 struct zorv_cowqueue {
   kernel::list_of<cow_request> reqs;           // oldest first; under lock
   kernel::list_of<cow_block>* hash = nullptr;  // cowqueue_hash_size buckets; under lock
-  kernel::spinlock_t lock;
+  kernel::spinlock_t lock{order::cow_queue};
   std::atomic<s32> cnt{0};
   // Counts what may let the consumer get further: requests that came, copies that were made.
   std::atomic<u32> events{0};

@@ -57,7 +57,8 @@ struct cow_copier {
   kernel::completion done;        // it has ended
   std::atomic<bool> ended{false};
 
-  kernel::spinlock_t hand;            // between it and the first task: left, and batch.snap's end
+  kernel::spinlock_t hand{
+      order::cow_task};               // between it and the first task: left, and batch.snap's end
   std::atomic<bool> left{false};      // it hangs in a file: nobody waits for it until it is back
   std::atomic<u64> file_since{0};     // jiffies since when it has been at a file; 0: it is not
   kernel::bio bios[group_pages];      // one per run of adjacent pages, the first page's
@@ -77,7 +78,7 @@ struct cow_reader {
   std::atomic<bool> ended{false};
 
   // Between it and the first task, which takes the request away from one that hangs in a file.
-  kernel::spinlock_t hand;
+  kernel::spinlock_t hand{order::cow_task};
   cow_request* serving GUARDED_BY(hand) = nullptr;
   zorv_blkdev* source GUARDED_BY(hand) = nullptr;  // whose file it is at, pinned
   u64 file_since GUARDED_BY(hand) = 0;             // jiffies; 0: it is at no file

@@ -75,6 +75,7 @@ int fit_chunk_size(const zorv_blkdev* filter, u32* chunk_size) {
 void fill_record(zorv_blkdev* dev, const zorv_add_snap_req* req, zorv_blkdev* filter) {
   zorv_snap& s = dev->s;
   dev->dev_type = ZORV_DEV_SNAP;
+  dev->dev_mutex.place = kernel::lock_place(order::snap_dev);
   copy_text(dev->uuid, req->uuid);
   s.snap_minor = dev->minor;
   s.chunk_size = req->chunk_size;

@@ -32,7 +32,7 @@ struct zorv_record_entry {
 struct zorv_record {
   char fname[1024] = {};
 
-  rzmutex mutex;              // file work
+  rzmutex mutex{order::record};  // file work
   zorv_file* file = nullptr;  // under mutex, as the next three; open and locked to the node's end
   kernel::file_claim claim;
   u64 seq = 0;
@@ -41,12 +41,12 @@ struct zorv_record {
 
   // The state folder's word on which file counts for the disk. Inside mutex, and taken alone by
   // waiting writes.
-  rzmutex word_mutex;
+  rzmutex word_mutex{order::word};
   u8 file_id[16] = {};  // random; another one whenever the file did not count before
   bool named = false;   // the word is about this file
   bool rival = false;   // it may be about another
 
-  kernel::spinlock_t lock;
+  kernel::spinlock_t lock{order::record_list};
   zorv_record_entry* entries GUARDED_BY(lock) = nullptr;  // record_max, in the order of instants
   u32 count GUARDED_BY(lock) = 0;
   u64 instants GUARDED_BY(lock) = 0;     // the last one given
