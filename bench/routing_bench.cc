@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <memory>
 
+#include "doubles/memory_disk.h"
 #include "driver/bitmap/bitmap.h"
 #include "driver/core/blkdev.h"
 #include "driver/core/module.h"
-#include "host/disk/memory.h"
 #include "kernel/chrdev.h"
 #include "kernel/printk.h"
 #include "support/own_user_space.h"

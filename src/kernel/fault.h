@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// The switchboard for injected faults. With nothing armed a test of a switch costs one relaxed
-// load. For tests only: nothing in the daemon arms a switch.
+// Where a test can make a service fail, and what it can have remembered for a power cut. Both are
+// in builds with ZORV_FAULTS alone, which link the switchboard and the recorder of tests/doubles;
+// a product has neither: there the tests of a switch are constants.
 #pragma once
 
+#ifdef ZORV_FAULTS
 #include <atomic>
+#endif
 
 #include "kernel/types.h"
 
@@ -29,27 +32,18 @@ enum class fault_site : u32 {
   count_,
 };
 
-// From the n-th call of that site (1 = the next one) on, `times` calls fail with -error.
-//   times  -1: until disarmed
-void fault_arm(fault_site site, u64 nth, s64 times, int error);
-void fault_disarm_all();
-// Calls of the site since it was last armed (armed with times 0, a switch only counts).
-u64 fault_calls(fault_site site);
-
+#ifdef ZORV_FAULTS
 extern std::atomic<u32> fault_armed;  // number of armed switches
 int fault_check_slow(fault_site site);
+#endif
 
 // 0, or the negative errno to fail with. Called by the services.
-inline int fault_check(fault_site site) {
+inline int fault_check([[maybe_unused]] fault_site site) {
+#ifdef ZORV_FAULTS
   return fault_armed.load(std::memory_order_relaxed) == 0 ? 0 : fault_check_slow(site);
+#else
+  return 0;
+#endif
 }
-
-// What a power cut takes away: between begin and cut, every change of a host file through this
-// layer is remembered until the file (or, for names, its directory) is synced; cut undoes what
-// was not.
-//   fault_power_cut  every open handle stays usable; contents and names go back
-void fault_record_unsynced_begin();
-void fault_power_cut();
-void fault_record_unsynced_end();
 
 }  // namespace kernel

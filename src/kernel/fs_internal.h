@@ -27,8 +27,9 @@ std::string fs_parent_of(std::string_view path);
 devt fs_device_of(const char* path, bool follow);
 devt fs_device_of_open(int fd);
 
-// The record of what is not on stable storage yet (fault_record_unsynced_begin). While it is on,
-// changes go through these, which make the change and remember what it replaced in one step.
+#ifdef ZORV_FAULTS
+// The record of what is not on stable storage yet (tests/doubles/fault.h). While it is on, changes
+// go through these, which make the change and remember what it replaced in one step.
 extern std::atomic<bool> fs_recording;
 inline bool fs_is_recording() { return fs_recording.load(std::memory_order_relaxed); }
 int unsynced_open(const char* path, int host_flags, u32 mode);  // a descriptor | negative errno
@@ -37,6 +38,15 @@ int unsynced_fsync(int fd);
 int unsynced_truncate(int fd, u64 bytes);
 int unsynced_unlink(const char* path);
 int unsynced_sync_directory(const char* directory);
+#else
+constexpr bool fs_is_recording() { return false; }
+constexpr int unsynced_open(const char*, int, u32) { return -ENOSYS; }
+constexpr s64 unsynced_write(int, const void*, std::size_t, u64, bool) { return -ENOSYS; }
+constexpr int unsynced_fsync(int) { return -ENOSYS; }
+constexpr int unsynced_truncate(int, u64) { return -ENOSYS; }
+constexpr int unsynced_unlink(const char*) { return -ENOSYS; }
+constexpr int unsynced_sync_directory(const char*) { return -ENOSYS; }
+#endif
 
 // A write at an offset, recorded when that is on: a count, short ones as the host gives them, or a
 // negative errno.

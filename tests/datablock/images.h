@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "doubles/memory_disk.h"
 #include "driver/datablock/bits.h"
 #include "driver/datablock/blkbmp.h"
-#include "host/disk/memory.h"
 #include "support/driver_fixture.h"
 
 namespace zorv_test {

@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-#include "kernel/fault.h"
+#include "doubles/fault.h"
 #include "support/driver_fixture.h"
 
 using namespace zorv;

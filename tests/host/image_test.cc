@@ -9,10 +9,10 @@
 #include <filesystem>
 #include <thread>
 
+#include "doubles/fault.h"
 #include "host/disk/disk.h"
 #include "host/held_file.h"
 #include "kernel/claim.h"
-#include "kernel/fault.h"
 #include "kernel/fs.h"
 #include "kernel/uaccess.h"
 #include "support/driver_fixture.h"

@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/disk/memory.h"
-#include "kernel/fault.h"
+#include "doubles/fault.h"
+#include "doubles/memory_disk.h"
 #include "kernel/fs.h"
 #include "support/driver_fixture.h"
 

@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <random>
 
-#include "kernel/fault.h"
+#include "doubles/fault.h"
 #include "kernel/fs_internal.h"
 #include "support/driver_fixture.h"
 

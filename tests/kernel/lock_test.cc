@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "kernel/fault.h"
+#include "doubles/fault.h"
 #include "kernel/task.h"
 #include "kernel/time.h"
 #include "support/driver_fixture.h"

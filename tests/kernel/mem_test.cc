@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "kernel/fault.h"
+#include "doubles/fault.h"
 #include "kernel/module.h"
 #include "support/driver_fixture.h"
 

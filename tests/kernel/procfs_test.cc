@@ -2,7 +2,7 @@
 // The entry tree: what the host sees of it, and entries that go while a handler runs.
 #include "kernel/procfs.h"
 
-#include "kernel/fault.h"
+#include "doubles/fault.h"
 #include "support/driver_fixture.h"
 
 using namespace kernel;

@@ -13,10 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "doubles/fault.h"
+#include "doubles/memory_disk.h"
 #include "driver/core/blkdev.h"
-#include "host/disk/memory.h"
 #include "kernel/blkdev.h"
-#include "kernel/fault.h"
 #include "zorv/abi.h"
 
 namespace zorv_test {

@@ -16,7 +16,7 @@
 #include <mutex>
 #include <tuple>
 
-#include "kernel/fault.h"
+#include "doubles/fault.h"
 #include "kernel/fs_internal.h"
 
 namespace kernel {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-#include "host/disk/memory.h"
+#include "doubles/memory_disk.h"
 
 #include <algorithm>
 #include <cstdio>

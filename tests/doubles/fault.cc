@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-#include "kernel/fault.h"
+#include "doubles/fault.h"
 
 #include "kernel/lock.h"
 
