@@ -14,7 +14,7 @@ struct cowqueue_test : testing::Test {
   void SetUp() override { ASSERT_EQ(zorv_cowqueue_init(&q), 0); }
   void TearDown() override {
     kernel::fault_disarm_all();
-    if (q.hash != nullptr) zorv_cowqueue_destroy(&q);
+    if (q.hash.ready()) zorv_cowqueue_destroy(&q);
     for (kernel::bio* b : bios) kernel::bio_put(b);
   }
   kernel::bio* bio(u32 rw, u64 sector, u32 sectors) {
@@ -55,7 +55,7 @@ struct cowqueue_test : testing::Test {
   std::string blocked() {
     std::string out;
     kernel::spin_guard guard(&q.lock);
-    for (const cow_request& r : q.reqs) out += zorv_cowqueue_overlaps_earlier(&q, &r) ? 'b' : 'f';
+    for (cow_request& r : q.reqs) out += zorv_cowqueue_overlaps_earlier(&q, &r) ? 'b' : 'f';
     return out;
   }
 

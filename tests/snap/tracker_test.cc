@@ -13,7 +13,7 @@ struct tracker_test : testing::Test {
   void SetUp() override { ASSERT_EQ(zorv_aio_init(&aio), 0); }
   void TearDown() override {
     kernel::fault_disarm_all();
-    if (aio.hash != nullptr) zorv_aio_destroy(&aio, 0);
+    if (aio.hash.ready()) zorv_aio_destroy(&aio, 0);
   }
 
   struct request {

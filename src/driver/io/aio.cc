@@ -28,16 +28,9 @@ struct aio_item {
   sector_t last_sector = 0;  // inclusive
 };
 
-struct aio_block {
-  kernel::list_node<aio_block> item_link{this};
-  kernel::list_node<aio_block> hash_link{this};
-  aio_item* item = nullptr;
-};
-
 namespace {
 
 constexpr u32 pool_reserve = 4096;       // items, and blocks
-constexpr u32 block_shift = 3;           // sectors to 4 KiB blocks
 constexpr u32 rounds_before_sleep = 8;   // of yield, for an overlap that is about to go
 constexpr u64 conflict_wait_ticks = 10;  // longest sleep before the target is unplugged again
 
@@ -48,101 +41,13 @@ u32 aio_waiters GUARDED_BY(aio_spin) = 0;    // tasks that wait for one
 u32 aio_releasing GUARDED_BY(aio_spin) = 0;  // destructors between unlinking and their end
 kernel::wait_queue_head aio_wait;
 
-rzmutex allocators_mutex{order::allocators};
-s32 aio_cnt GUARDED_BY(allocators_mutex) = 0;  // live trackers; the first makes the allocators
-kernel::kmem_cache* item_cache = nullptr;
-kernel::kmem_cache* block_cache = nullptr;
-kernel::mempool* item_pool = nullptr;
-kernel::mempool* block_pool = nullptr;
+block_pools<aio_item> pools{"aio_item", "aio_block", pool_reserve,
+                            "zorv_aio_destroy(): Destroying global AIO allocators."};
 
-void drop_allocators() {
-  rzmutex_guard guard(&allocators_mutex);
-  if (--aio_cnt != 0) return;
-  zorv_log(2, "%s(): Destroying global AIO allocators.", "zorv_aio_destroy");
-  kernel::mempool_destroy(item_pool);
-  kernel::mempool_destroy(block_pool);
-  kernel::kmem_cache_destroy(item_cache);
-  kernel::kmem_cache_destroy(block_cache);
-  item_pool = block_pool = nullptr;
-  item_cache = block_cache = nullptr;
-}
-
-// To be dropped, whatever comes of it.
-bool take_allocators() {
-  rzmutex_guard guard(&allocators_mutex);
-  ++aio_cnt;
-  if (item_cache == nullptr) {
-    item_cache = kernel::kmem_cache_create("aio_item", sizeof(aio_item), 8);
-  }
-  if (block_cache == nullptr) {
-    block_cache = kernel::kmem_cache_create("aio_block", sizeof(aio_block), 8);
-  }
-  if (item_pool == nullptr && item_cache != nullptr) {
-    item_pool = kernel::mempool_create(pool_reserve, item_cache);
-  }
-  if (block_pool == nullptr && block_cache != nullptr) {
-    block_pool = kernel::mempool_create(pool_reserve, block_cache);
-  }
-  return item_pool != nullptr && block_pool != nullptr;
-}
-
-void free_item(aio_item* item) {
-  for (aio_block& b : item->blocks) {
-    b.item_link.unlink();
-    kernel::mempool_free(block_pool, &b);
-  }
-  kernel::mempool_free(item_pool, item);
-}
-
-// The item with an entry for every block of the bio, not linked anywhere; or null (logged).
-aio_item* alloc_item(const kernel::bio* bio, gfp_t flags) {
-  void* memory = kernel::mempool_alloc(item_pool, flags);
-  if (memory == nullptr) {
-    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_aio_clone");
-    return nullptr;
-  }
-  auto* item = new (memory) aio_item;
-  item->first_sector = bio->bi_sector;
-  item->last_sector = bio->bi_sector + kernel::bio_sectors(bio) - 1;
-  const u64 last_block = item->last_sector >> block_shift;
-  for (u64 block = item->first_sector >> block_shift; block <= last_block; ++block) {
-    memory = kernel::mempool_alloc(block_pool, flags);
-    if (memory == nullptr) {
-      zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", "zorv_aio_clone");
-      free_item(item);
-      return nullptr;
-    }
-    auto* entry = new (memory) aio_block;
-    entry->item = item;
-    item->blocks.push_back(&entry->item_link);
-  }
-  return item;
-}
-
-kernel::list_of<aio_block>* bucket(zorv_aio* aio, u64 block) {
-  return &aio->hash[block & (aio_hash_size - 1)];
-}
-
-// Whether a clone in flight touches the item's sectors. Entries of other blocks in the same bucket
-// fall out through the sector test.
-bool overlaps_locked(zorv_aio* aio, const aio_item* item) REQUIRES(aio_spin) {
-  const u64 last_block = item->last_sector >> block_shift;
-  for (u64 block = item->first_sector >> block_shift; block <= last_block; ++block) {
-    for (const aio_block& entry : *bucket(aio, block)) {
-      const aio_item* other = entry.item;
-      if (other->orig != nullptr && other->first_sector <= item->last_sector &&
-          item->first_sector <= other->last_sector) {
-        return true;
-      }
-    }
-  }
-  return false;
-}
-
-void link_item_locked(zorv_aio* aio, aio_item* item) REQUIRES(aio_spin) {
-  u64 block = item->first_sector >> block_shift;
-  for (aio_block& entry : item->blocks) bucket(aio, block++)->push_back(&entry.hash_link);
-  aio->items.push_back(&item->link);
+// Whether a clone in flight touches the item's sectors.
+bool overlaps_locked(const zorv_aio* aio, const aio_item* item) REQUIRES(aio_spin) {
+  return aio->hash.any_overlap(item->first_sector, item->last_sector,
+                               [](const aio_item& other) { return other.orig != nullptr; });
 }
 
 // A clone has stopped counting as in flight: whether someone has to be woken for it.
@@ -174,12 +79,15 @@ void wait_for_conflict(const kernel::bio* bio, u32 round, u64 seen) {
 
 kernel::bio* zorv_aio_clone(zorv_aio* aio, kernel::bio* bio, int wait, gfp_t flags) {
   assert(aio != nullptr && bio != nullptr && bio->bi_size >= kernel::sector_size);
-  aio_item* item = alloc_item(bio, flags);
-  if (item == nullptr) return nullptr;
+  aio_item* item = pools.make(bio, flags);
+  if (item == nullptr) {
+    zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
+    return nullptr;
+  }
   kernel::bio* clone = kernel::bio_clone(bio, flags);
   if (clone == nullptr) {
     zorv_log(LOG_ERROR, "%s(): Failed to clone BIO.", "zorv_aio_clone");
-    free_item(item);
+    pools.free(item);
     return nullptr;
   }
 
@@ -195,7 +103,8 @@ kernel::bio* zorv_aio_clone(zorv_aio* aio, kernel::bio* bio, int wait, gfp_t fla
         clone->bi_destructor = zorv_aio_destructor;
         clone->bi_private = item;
         clone->bi_end_io = zorv_aio_end_io;
-        link_item_locked(aio, item);
+        aio->hash.add(item);
+        aio->items.push_back(&item->link);
         return clone;
       }
       if (wait != 0) ++aio_waiters;
@@ -205,7 +114,7 @@ kernel::bio* zorv_aio_clone(zorv_aio* aio, kernel::bio* bio, int wait, gfp_t fla
     wait_for_conflict(bio, round, seen);
   }
   kernel::bio_put(clone);
-  free_item(item);
+  pools.free(item);
   return nullptr;
 }
 
@@ -236,14 +145,14 @@ void zorv_aio_destructor(kernel::bio* clone) {
     item = static_cast<aio_item*>(clone->bi_private);
     if (item == nullptr) return;
     item->link.unlink();
-    for (aio_block& entry : item->blocks) entry.hash_link.unlink();
+    block_index<aio_item>::remove(item);
     if (item->orig != nullptr) wake = note_gone_locked();  // dropped without having been sent
     ++aio_releasing;
   }
   if (wake) kernel::wake_up_all(&aio_wait);
   clone->bi_destructor = item->saved_destructor;
   if (clone->bi_destructor != nullptr) clone->bi_destructor(clone);
-  free_item(item);
+  pools.free(item);
   kernel::spin_guard guard(&aio_spin);
   --aio_releasing;
 }
@@ -251,18 +160,13 @@ void zorv_aio_destructor(kernel::bio* clone) {
 int zorv_aio_init(zorv_aio* aio) {
   assert(aio != nullptr);
   zorv_log(2, "%s(): Initializing AIO tracker.", __func__);
-  aio->hash = static_cast<kernel::list_of<aio_block>*>(
-      kernel::kzalloc(aio_hash_size * sizeof(kernel::list_of<aio_block>), kernel::GFP_KERNEL));
-  if (aio->hash != nullptr) {
-    for (u32 i = 0; i < aio_hash_size; ++i) new (&aio->hash[i]) kernel::list_of<aio_block>;
-  }
-  const bool have_allocators = take_allocators();
-  if (aio->hash != nullptr && have_allocators) return 0;
+  const int rc = aio->hash.init(aio_hash_size);
+  const bool have_allocators = pools.take();
+  if (rc == 0 && have_allocators) return 0;
 
   zorv_log(LOG_ERROR, "%s(): Memory allocation failed.", __func__);
-  kernel::kfree(aio->hash);
-  aio->hash = nullptr;
-  drop_allocators();
+  aio->hash.release();
+  pools.drop();
   return -ENOMEM;
 }
 
@@ -292,9 +196,8 @@ int zorv_aio_destroy(zorv_aio* aio, int /*abort*/) {
     kernel::spin_guard guard(&aio_spin);
     --aio_waiters;
   }
-  drop_allocators();
-  kernel::kfree(aio->hash);
-  aio->hash = nullptr;
+  pools.drop();
+  aio->hash.release();
   return 0;
 }
 

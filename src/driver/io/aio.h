@@ -5,19 +5,20 @@
 #pragma once
 
 #include "driver/core/types.h"
+#include "driver/util/block_index.h"
 #include "kernel/bio.h"
 #include "kernel/list.h"
 
 namespace zorv {
 
 struct aio_item;
-struct aio_block;
+using aio_block = block_entry<aio_item>;
 
 constexpr u32 aio_hash_size = 4096;
 
 struct zorv_aio {
-  kernel::list_of<aio_item> items;             // live clones, oldest first
-  kernel::list_of<aio_block>* hash = nullptr;  // aio_hash_size buckets by block number
+  kernel::list_of<aio_item> items;  // live clones, oldest first
+  block_index<aio_item> hash;
 };
 
 [[nodiscard]] int zorv_aio_init(zorv_aio* aio);  // 0 | -ENOMEM

@@ -7,6 +7,7 @@
 
 #include "driver/core/lock_order.h"
 #include "driver/core/types.h"
+#include "driver/util/block_index.h"
 #include "kernel/bio.h"
 #include "kernel/list.h"
 #include "kernel/lock.h"
@@ -14,14 +15,7 @@
 namespace zorv {
 
 struct cow_request;
-
-// One 4 KiB block of a held bio.
-struct cow_block {
-  kernel::list_node<cow_block> req_link{this};
-  kernel::list_node<cow_block> hash_link{this};
-  kernel::bio* bio = nullptr;
-  cow_request* req = nullptr;
-};
+using cow_block = block_entry<cow_request>;
 
 // A request stays in the queue for a moment after its bio has ended or has been sent on, so range
 // and direction are kept here and nobody but the consumer looks into the bio.
@@ -43,8 +37,8 @@ struct cow_request {
 constexpr u32 cowqueue_hash_size = 16384;
 
 struct zorv_cowqueue {
-  kernel::list_of<cow_request> reqs;           // oldest first; under lock
-  kernel::list_of<cow_block>* hash = nullptr;  // cowqueue_hash_size buckets; under lock
+  kernel::list_of<cow_request> reqs;  // oldest first; under lock
+  block_index<cow_request> hash;      // under lock
   kernel::spinlock_t lock{order::cow_queue};
   std::atomic<s32> cnt{0};
   // Counts what may let the consumer get further: requests that came, copies that were made.
@@ -64,7 +58,7 @@ struct zorv_cowqueue {
 [[nodiscard]] int zorv_cowqueue_find_overlap_req(zorv_cowqueue* q, int match_reads,
                                                  int match_writes, const kernel::bio* bio);
 // Whether a request that stands before r in the queue overlaps it.
-[[nodiscard]] bool zorv_cowqueue_overlaps_earlier(zorv_cowqueue* q, const cow_request* r)
+[[nodiscard]] bool zorv_cowqueue_overlaps_earlier(zorv_cowqueue* q, cow_request* r)
     REQUIRES(q->lock);
 void zorv_cowqueue_remove(zorv_cowqueue* q, cow_request* r) REQUIRES(q->lock);
 int zorv_cowqueue_purge(zorv_cowqueue* q);  // every held bio ends with -EIO
