@@ -77,7 +77,13 @@ void enqueue_locked(wait_queue_head* q, wait_queue_entry* e) REQUIRES(q->lock) {
 
 void spinlock_t::lock() noexcept NO_THREAD_SAFETY_ANALYSIS {
   place_.taking(this, lock_use::exclusive);
-  while (held_.exchange(1, std::memory_order_acquire) != 0) wait_for_release(held_);
+  if (held_.exchange(1, std::memory_order_acquire) != 0) {
+    waiting_.fetch_add(1, std::memory_order_relaxed);
+    do {
+      wait_for_release(held_);
+    } while (held_.exchange(1, std::memory_order_acquire) != 0);
+    waiting_.fetch_sub(1, std::memory_order_relaxed);
+  }
   ++current()->spin_depth;
 }
 

@@ -25,14 +25,21 @@ class CAPABILITY("spinlock") spinlock_t {
 
   void lock() noexcept ACQUIRE();
   void unlock() noexcept RELEASE();
+  [[nodiscard]] bool contended() const noexcept {
+    return waiting_.load(std::memory_order_relaxed) != 0;
+  }
 
  private:
   std::atomic<u32> held_{0};
+  std::atomic<u32> waiting_{0};
   [[no_unique_address]] lock_place place_;
 };
 
 inline void spin_lock(spinlock_t* l) noexcept ACQUIRE(l) { l->lock(); }
 inline void spin_unlock(spinlock_t* l) noexcept RELEASE(l) { l->unlock(); }
+// Whether tasks wait for it. The lock is not fair: who takes it again and again, each time for
+// long, asks this in between and stays away while it is true.
+[[nodiscard]] inline bool spin_is_contended(const spinlock_t* l) noexcept { return l->contended(); }
 class [[nodiscard]] SCOPED_CAPABILITY spin_guard {
  public:
   explicit spin_guard(spinlock_t* l) noexcept ACQUIRE(l) : l_(l) { l_->lock(); }

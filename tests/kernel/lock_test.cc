@@ -47,6 +47,22 @@ TEST(spinlock, holders_exclude_each_other) {
   EXPECT_EQ(current()->spin_depth, 0U);
 }
 
+// Who works under the lock in pieces lets others in by that.
+TEST(spinlock, a_task_that_waits_is_seen_until_it_has_the_lock) {
+  spinlock_t lock;
+  std::atomic<bool> had{false};
+  lock.lock();
+  std::thread waiter([&] {
+    spin_guard guard(&lock);
+    had = true;
+  });
+  EXPECT_TRUE(eventually([&] { return spin_is_contended(&lock); }));
+  EXPECT_FALSE(had);
+  lock.unlock();
+  waiter.join();
+  EXPECT_FALSE(spin_is_contended(&lock));
+}
+
 TEST(sleeping_deathtest, is_a_bug_under_a_spin_lock_and_in_completion_context) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_DEATH(

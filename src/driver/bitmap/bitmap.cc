@@ -32,8 +32,7 @@ bool all_bytes(const u8* bytes, u32 count, u8 value) {
   return count == 0 || (bytes[0] == value && std::memcmp(bytes, bytes + 1, count - 1) == 0);
 }
 
-// A request waits for no longer than this takes to copy.
-constexpr u32 piece_bytes = 256 * 1024;
+constexpr u32 piece_bytes = zorv_bmp_piece_bytes;
 
 void add_bits(u8* to, const u8* from, u32 count) {
   for (u32 i = 0; i < count; ++i) to[i] = static_cast<u8>(to[i] | from[i]);
@@ -45,7 +44,7 @@ enum class handed_out { left_out, added };
 void copy_bits(zorv_filter* f, u32 type, u8* to, handed_out extra) {
   const u32 size = zorv_bmp_of(f, type).size;
   u64 exchanges = 0;
-  for (u32 at = 0; at < size;) {
+  for (u32 at = 0; at < size; zorv_bmp_give_way(f)) {
     const u32 count = std::min(piece_bytes, size - at);
     kernel::spin_guard guard(&f->bmp_lock);
     if (at == 0) exchanges = f->marks[type].exchanges;
@@ -54,6 +53,9 @@ void copy_bits(zorv_filter* f, u32 type, u8* to, handed_out extra) {
       continue;
     }
     std::memcpy(to + at, zorv_bmp_bits(f, type) + at, count);
+    if (const u8* kept = f->marks[type].load_marks; kept != nullptr) {
+      add_bits(to + at, kept + at, count);
+    }
     for (const zorv_handout& h : f->handouts) {
       if (extra == handed_out::added && h.type == type) add_bits(to + at, h.bits + at, count);
     }
@@ -62,6 +64,13 @@ void copy_bits(zorv_filter* f, u32 type, u8* to, handed_out extra) {
 }
 
 }  // namespace
+
+void zorv_bmp_give_way(zorv_filter* f) {
+  constexpr u32 most = 80;  // some naps: many may be waiting
+  for (u32 turn = 0; turn < most && kernel::spin_is_contended(&f->bmp_lock); ++turn) {
+    kernel::yield();
+  }
+}
 
 void zorv_bmp_copy(zorv_filter* f, u32 type, u8* to) {
   copy_bits(f, type, to, handed_out::left_out);
@@ -74,9 +83,14 @@ void zorv_bmp_copy_to_save(zorv_filter* f, u32 type, u8* to) {
 void zorv_bmp_merge(zorv_filter* f, u32 type, const u8* added) {
   const zorv_bmp_view bmp = zorv_bmp_of(f, type);
   for (u32 at = 0; at < bmp.size; at += piece_bytes) {
-    marks_guard guard(f);
-    bmp.dirty->store(1);
-    add_bits(zorv_bmp_bits(f, type) + at, added + at, std::min(piece_bytes, bmp.size - at));
+    const u32 count = std::min(piece_bytes, bmp.size - at);
+    if (at != 0 && all_bytes(added + at, count, 0)) continue;
+    {
+      marks_guard guard(f);
+      bmp.dirty->store(1);
+      add_bits(zorv_bmp_bits(f, type) + at, added + at, count);
+    }
+    zorv_bmp_give_way(f);
   }
 }
 
@@ -121,7 +135,7 @@ zorv_bmp_extremes zorv_bmp_look(zorv_filter* f, u32 type) {
   const auto rest = static_cast<u8>((1U << f->extent_cnt % 8) - 1);  // of the last byte
   zorv_bmp_extremes found{true, true};
   u64 exchanges = 0;
-  for (u32 at = 0; at < whole || at == 0;) {
+  for (u32 at = 0; at < whole || at == 0; zorv_bmp_give_way(f)) {
     const u32 count = std::min(piece_bytes, whole - at);
     kernel::spin_guard guard(&f->bmp_lock);
     const u8* bits = zorv_bmp_bits(f, type);

@@ -39,9 +39,15 @@ const char* zorv_bmp_type_name(u32 type);
 void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors,
                              kernel::bio* bio = nullptr);
 
-// A whole bitmap at once; writes go on being marked: bmp_lock is held for a piece at a time.
+// Work on a whole bitmap goes piece by piece, with bmp_lock held for a piece at a time; between two
+// of them whoever waits for the lock gets it.
+constexpr u32 zorv_bmp_piece_bytes = 256 * 1024;
+void zorv_bmp_give_way(zorv_filter* f) EXCLUDES(f->bmp_lock);
+
+// A whole bitmap at once; writes go on being marked.
 //   locks    takes bmp_lock
-// Every bit that was set when the call began is in the copy, unless a command took it away.
+// Every bit that was set when the call began is in the copy, unless a command took it away; those
+// that a load is going to put back are in it, too.
 void zorv_bmp_copy(zorv_filter* f, u32 type, u8* to);
 // The same with the bits that have been handed out and not confirmed.
 void zorv_bmp_copy_to_save(zorv_filter* f, u32 type, u8* to);

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Loading a change bitmap.
+#include <algorithm>
+
 #include "driver/bitmap/bitmap.h"
 #include "driver/bitmap/bmpfile.h"
 #include "driver/bitmap/dirty.h"
@@ -12,6 +14,8 @@ namespace zorv {
 namespace {
 
 constexpr const char* op = "zorv_block_load_bmp";
+
+using bits_buffer = kernel::vbuf<u8>;
 
 u32 get_le32(const u8* from) {
   u32 v = 0;
@@ -118,40 +122,92 @@ bool is_lasting(zorv_filter* f, u32 type) {
 // From here until load_end every bit that is marked is also noted in kept. A file that is known to
 // lack bits - its stale mark is still due - does not take them away from the bitmap either.
 void load_begin(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, u8* kept) {
-  marks_guard guard(f);
-  zorv_mark_state& m = f->marks[type];
-  m.loading = true;
-  if (m.maybe_current && bmp.dirty->load() != 0) {
-    std::memcpy(kept, zorv_bmp_bits(f, type), bmp.size);
-  }
-  m.load_marks = kept;
-}
-
-void load_end(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, const u8* bits, const u8* kept,
-              verdict file) {
+  bool lacks_bits = false;
   {
     marks_guard guard(f);
     zorv_mark_state& m = f->marks[type];
-    u8* to = zorv_bmp_bits(f, type);
+    m.loading = true;
+    m.load_marks = kept;
+    lacks_bits = m.maybe_current && bmp.dirty->load() != 0;
+  }
+  if (!lacks_bits) return;
+  for (u32 at = 0; at < bmp.size; at += zorv_bmp_piece_bytes) {
+    const u32 end = std::min(at + zorv_bmp_piece_bytes, bmp.size);
+    {
+      kernel::spin_guard guard(&f->bmp_lock);
+      const u8* from = zorv_bmp_bits(f, type);
+      for (u32 i = at; i < end; ++i) kept[i] = static_cast<u8>(kept[i] | from[i]);
+    }
+    zorv_bmp_give_way(f);
+  }
+}
+
+// Puts what was loaded in the bitmap's place, with the flag that goes with it.
+void put_in_place(zorv_filter* f, u32 type, u32 dirty, bits_buffer* bits) REQUIRES(f->bmp_lock) {
+  u8*& place = zorv_bmp_bits(f, type);
+  u8* before = place;
+  place = bits->release();
+  bits->reset(before);
+  zorv_bmp_of(f, type).dirty->store(dirty);
+  f->marks[type].known = true;
+}
+
+// Adds what has to be kept to the file's bits, which writes have been marked in meanwhile.
+//   returns  whether the file lacks some of it
+bool add_kept(zorv_filter* f, u32 type, u32 size, const u8* kept) {
+  u8 lacking = 0;
+  for (u32 at = 0; at < size; at += zorv_bmp_piece_bytes) {
+    const u32 end = std::min(at + zorv_bmp_piece_bytes, size);
+    {
+      kernel::spin_guard guard(&f->bmp_lock);
+      u8* to = zorv_bmp_bits(f, type);
+      for (u32 i = at; i < end; ++i) {
+        lacking = static_cast<u8>(lacking | (kept[i] & ~to[i]));
+        to[i] = static_cast<u8>(to[i] | kept[i]);
+      }
+    }
+    zorv_bmp_give_way(f);
+  }
+  return lacking != 0;
+}
+
+// What is marked in the file's bits from their exchange on turns the flag 1; what was marked before
+// is found in kept.
+void load_current(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, bits_buffer* bits,
+                  const u8* kept) {
+  {
+    marks_guard guard(f);
+    zorv_mark_state& m = f->marks[type];
+    if (m.known) ++m.exchanges;  // bits may have gone
+    put_in_place(f, type, 0, bits);
+    m.maybe_current = true;
+  }
+  const bool lacking = add_kept(f, type, bmp.size, kept);
+  {
+    marks_guard guard(f);
+    if (lacking) bmp.dirty->store(1);
+    f->marks[type].loading = false;
+    f->marks[type].load_marks = nullptr;
+    if (bmp.dirty->load() == 0) zorv_marks_cancel(f, type);
+  }
+  zorv_marks_settle(f);
+}
+
+// Writes wait no longer than what is wrong with the file is known: until all is set in the bitmap's
+// place, it has at least the bits that it had.
+void load_nothing(zorv_filter* f, u32 type, const zorv_bmp_view& bmp, bits_buffer* bits,
+                  verdict file) {
+  {
+    marks_guard guard(f);
+    zorv_mark_state& m = f->marks[type];
     m.loading = false;
     m.load_marks = nullptr;
-    if (m.known && file == verdict::current) ++m.exchanges;  // bits may have gone
-    m.known = true;
     m.maybe_current = file != verdict::useless;
-    if (file == verdict::current) {
-      u8 lacking = 0;
-      for (u32 i = 0; i < bmp.size; ++i) {
-        lacking = static_cast<u8>(lacking | (kept[i] & ~bits[i]));
-        to[i] = static_cast<u8>(bits[i] | kept[i]);
-      }
-      bmp.dirty->store(lacking != 0 ? 1 : 0);
-      if (lacking == 0) zorv_marks_cancel(f, type);
-    } else {
-      bmp.dirty->store(1);
-      std::memset(to, 0xFF, bmp.size);
-    }
+    bmp.dirty->store(1);
   }
-  if (file == verdict::current) zorv_marks_settle(f);
+  std::memset(bits->get(), 0xFF, bmp.size);
+  marks_guard guard(f);
+  put_in_place(f, type, 1, bits);
 }
 
 // Without memory for the load nothing is known of the file. A bitmap in use stays as it is; a new
@@ -171,7 +227,7 @@ int zorv_block_load_bmp(zorv_filter* f, u32 type) {
   zorv_log(2, "%s(): Loading %s bitmap of zorv(%d, %d)", __func__, zorv_bmp_type_name(type),
            zorv_blk_major, f->filter_minor);
   const zorv_bmp_view bmp = zorv_bmp_of(f, type);
-  const kernel::vbuf<u8> bits(static_cast<u8*>(kernel::vmalloc(bmp.size)));
+  bits_buffer bits(static_cast<u8*>(kernel::vmalloc(bmp.size)));
   const kernel::vbuf<u8> kept(bits == nullptr ? nullptr
                                               : static_cast<u8*>(kernel::vzalloc(bmp.size)));
   if (kept == nullptr) {
@@ -188,7 +244,11 @@ int zorv_block_load_bmp(zorv_filter* f, u32 type) {
   load_begin(f, type, bmp, kept.get());
   read_result result = read_file(f, type, bmp, bits.get());
   if (result.file == verdict::useless && !is_lasting(f, type)) result.file = verdict::in_doubt;
-  load_end(f, type, bmp, bits.get(), kept.get(), result.file);
+  if (result.file == verdict::current) {
+    load_current(f, type, bmp, &bits, kept.get());
+  } else {
+    load_nothing(f, type, bmp, &bits, result.file);
+  }
   return result.rc;
 }
 
