@@ -19,16 +19,23 @@ namespace {
 
 constexpr u32 crc_seed = 0xFFFFFFFF;
 
-constexpr std::array<u32, 256> make_crc_table() {
-  std::array<u32, 256> table{};
+// The first is the usual one; entry i of the n-th is what byte i does n bytes later.
+constexpr u32 crc_step = 8;
+constexpr std::array<std::array<u32, 256>, crc_step> make_crc_tables() {
+  std::array<std::array<u32, 256>, crc_step> tables{};
   for (u32 i = 0; i < 256; ++i) {
     u32 v = i;
     for (int bit = 0; bit < 8; ++bit) v = (v & 1) != 0 ? v >> 1 ^ 0xEDB88320 : v >> 1;
-    table[i] = v;
+    tables[0][i] = v;
   }
-  return table;
+  for (u32 n = 1; n < crc_step; ++n) {
+    for (u32 i = 0; i < 256; ++i) {
+      tables[n][i] = tables[0][tables[n - 1][i] & 0xFF] ^ tables[n - 1][i] >> 8;
+    }
+  }
+  return tables;
 }
-constexpr std::array<u32, 256> crc_table = make_crc_table();
+constexpr auto crc_tables = make_crc_tables();
 
 void close_file(zorv_filter* f, u32 type) {
   zorv_mark_state& m = f->marks[type];
@@ -146,7 +153,15 @@ u32 crc_of(const u8* bits, u32 size) {
 void zorv_crc32(const void* buffer, s32 length, u32* value) {
   const u8* p = static_cast<const u8*>(buffer);
   u32 v = *value;
-  for (s32 i = 0; i < length; ++i) v = crc_table[(v ^ p[i]) & 0xFF] ^ v >> 8;
+  s32 i = 0;
+  for (; i + static_cast<s32>(crc_step) <= length; i += crc_step) {  // eight bytes at once
+    u64 word = 0;
+    std::memcpy(&word, p + i, sizeof word);
+    word ^= v;
+    v = 0;
+    for (u32 n = 0; n < crc_step; ++n) v ^= crc_tables[crc_step - 1 - n][word >> 8 * n & 0xFF];
+  }
+  for (; i < length; ++i) v = crc_tables[0][(v ^ p[i]) & 0xFF] ^ v >> 8;
   *value = v;
 }
 
