@@ -240,6 +240,39 @@ TEST_F(dirty_test, a_mark_that_hangs_keeps_no_command) {
   EXPECT_EQ(del(0), 0);
 }
 
+TEST_F(dirty_test, a_command_that_hangs_keeps_neither_writes_nor_other_commands) {
+  const auto hang_at = [](const char* line, const std::function<int()>& command,
+                          const std::function<void()>& meanwhile) {
+    std::atomic<bool> hung{false}, hangs{true};
+    at_log_line hook(line, [&] {
+      for (hung = true; hangs;) kernel::yield();
+    });
+    std::thread hanging([&] { EXPECT_EQ(command(), 0); });
+    EXPECT_TRUE(eventually([&] { return hung.load(); }));
+    meanwhile();
+    hangs = false;
+    hanging.join();
+  };
+  client c(0U);
+  kernel::fault_arm(kernel::fault_site::file_write, 1, -1, EROFS);
+  kernel::fault_arm(kernel::fault_site::file_unlink, 1, -1, EROFS);
+  EXPECT_EQ(c.fill(65536, 512, 1), 0);  // noted in the state folder
+  kernel::fault_disarm_all();
+  hang_at(
+      "Taking back the note", [this] { return bmp(ZORV_SAVE_BMP, 0, incr); },
+      [&] { EXPECT_EQ(c.fill(196608, 512, 2), 0) << "its mark is written"; });
+  EXPECT_TRUE(is_stale(incr_file));
+  c.close();
+  hang_at(
+      "Saving dirty incr/diff", [this] { return stop(0); },
+      [&] {
+        kernel::turn_clock(30000);
+        EXPECT_EQ(stop(0), -EBUSY);
+        EXPECT_EQ(del(0), -EBUSY);
+        EXPECT_EQ(start(0), -EBUSY);
+      });
+}
+
 TEST_F(dirty_test, where_the_state_folder_hangs_as_well_the_write_ends_with_an_error) {
   client keeps_open(0U);
   slow_files slow(0);

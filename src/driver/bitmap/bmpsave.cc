@@ -33,6 +33,7 @@ struct save {
   bool sync_hdd = false;  // bits have gone since the last time
   u32 epoch = 0;          // the writes to wait for then
   kernel::file_id file;   // what the contents were written to
+  zorv_state_key note{};  // empty: no note can be about the file
 };
 
 bool wait_for_writes(zorv_filter* f, u32 epoch) {
@@ -151,11 +152,11 @@ bool still_the_same(save* s) {
   return true;
 }
 
-// The file on disk is current: what the state folder says of an earlier one goes.
+// The file on disk is current: what the state folder says of an earlier one goes. With neither of
+// the file's mutexes held: where the state folder hangs the file can be marked all the same.
 void forget_note(save* s) {
   zorv_filter* f = s->f;
   zorv_mark_state& m = f->marks[s->type];
-  zorv_state_key key;
   rzmutex_guard notes(&f->companion.note_mutex);  // a new one is not made before the old has gone
   {
     marks_guard guard(f);
@@ -163,8 +164,8 @@ void forget_note(save* s) {
     m.excused = false;  // from here on a new bit waits for its mark again
   }
   zorv_log(2, "%s(): Taking back the note about %s", op, s->bmp.fname);
-  if (!bmpfile::note_key(f, s->type, &key)) return;
-  if (const int rc = kernel::state_forget(key.text); rc != 0) {
+  if (s->note.text[0] == '\0') return;
+  if (const int rc = kernel::state_forget(s->note.text); rc != 0) {
     zorv_log(LOG_ERROR, "%s(): The note about %s can't be taken back: rc=%d", op, s->bmp.fname, rc);
   }
 }
@@ -201,7 +202,7 @@ int make_current(save* s) {
   if (rc >= 0) rc = bmpfile::sync(f, s->type);
   if (rc < 0) return rc;
   sync_name(s);
-  forget_note(s);
+  if (!bmpfile::note_key(f, s->type, &s->note)) s->note = {};
   return 0;
 }
 
@@ -222,9 +223,13 @@ int run(save* s) {
   }
   if (rc == 0) rc = settle_hdd(s);
   if (rc != 0) return rc;
-  const rzmutex_hold files(&s->f->bmp_mutex, file_limit_jiffies, op);
-  if (!files) return -EIO;
-  return make_current(s);
+  {
+    const rzmutex_hold files(&s->f->bmp_mutex, file_limit_jiffies, op);
+    if (!files) return -EIO;
+    rc = make_current(s);
+  }
+  if (rc == 0) forget_note(s);
+  return rc;
 }
 
 }  // namespace

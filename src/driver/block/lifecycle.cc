@@ -21,6 +21,7 @@ namespace zorv {
 namespace {
 
 constexpr u64 quiesce_limit_jiffies = 60000;
+constexpr u64 no_limit_jiffies = u64{1} << 40;
 
 zorv_blkdev* filter_of(const zorv_blkdev* snap) {
   zorv_blkdev* f = snap->s.filter;
@@ -214,7 +215,8 @@ int zorv_block_start_device(zorv_blkdev* dev) {
   zorv_log(2, "%s(): Starting zorv(%d, %d)", __func__, zorv_blk_major, dev->minor);
   if (dev->dev_type == ZORV_DEV_SNAP) return start_snap(dev);
   {
-    rzmutex_guard guard(&dev->dev_mutex);
+    const rzmutex_hold guard(&dev->dev_mutex, file_limit_jiffies, __func__);
+    if (!guard) return -EBUSY;
     if (dev->state.load() != node_state::live) return zorv_block_unknown_node(__func__, dev->minor);
     if (dev->started.load() == 0) {
       dev->started.store(1);
@@ -307,7 +309,10 @@ bool stop_snap(zorv_blkdev* snap, zorv_blkdev* filter) {
 
 int zorv_block_stop_device(zorv_blkdev* dev) {
   zorv_log(2, "%s(): Stopping zorv(%d, %d)", __func__, zorv_blk_major, dev->minor);
-  rzmutex_guard guard(&dev->dev_mutex);
+  // A filter's is held by a stop while it saves; what holds a snap's has limits of its own.
+  const u64 limit = dev->dev_type == ZORV_DEV_FILTER ? file_limit_jiffies : no_limit_jiffies;
+  const rzmutex_hold guard(&dev->dev_mutex, limit, __func__);
+  if (!guard) return -EBUSY;
   if (dev->started.load() == 0) {
     const bool unsaved = dev->dev_type == ZORV_DEV_FILTER && dev->f.unsaved.load();
     return unsaved ? zorv_block_save_dirty_bmps(&dev->f) : 0;
