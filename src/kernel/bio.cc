@@ -125,7 +125,8 @@ void bio_endio(bio* b, int error) {
   // Before its submitter hears of it: then what the tally belongs to may go.
   if (bio_tally* tally = b->bi_tally; tally != nullptr) {
     b->bi_tally = nullptr;
-    if (tally->under_way.fetch_sub(1) == 1 && tally->awaited.load()) wake_up_all(&tally->zero);
+    if (tally->under_way.fetch_sub(1) == 1 && tally->awaiting.load() != 0)
+      wake_up_all(&tally->zero);
   }
   if (b->bi_end_io == nullptr) return;
   ++self->irq_depth;

@@ -31,7 +31,7 @@ constexpr u32 REQ_FUA = 1U << 9;  // the write itself is on stable storage when 
 // Counts bios under way. Whoever routes a bio may count it in one; bio_endio takes it out.
 struct bio_tally {
   std::atomic<u32> under_way{0};
-  std::atomic<bool> awaited{false};  // somebody wants to know when none is left
+  std::atomic<u32> awaiting{0};  // tasks that wait for none to be left
   wait_queue_head zero;
 };
 

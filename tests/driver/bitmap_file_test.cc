@@ -214,6 +214,9 @@ TEST_F(bitmap_file_test, a_file_is_current_when_the_hdd_has_what_it_does_not_sho
   EXPECT_EQ(read_file(file)[7], 1);
   EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
   EXPECT_EQ(read_file(file)[7], 0);
+  for (const auto& writes : zorv_blkdev_arr[0]->f.writes) {
+    EXPECT_EQ(writes.awaiting.load(), 0U) << "writes that end wake nobody when nobody waits";
+  }
 }
 
 // The load reads the file, a write marks, the load puts the file's bits in place.

@@ -38,9 +38,10 @@ struct save {
 
 bool wait_for_writes(zorv_filter* f, u32 epoch) {
   kernel::bio_tally& writes = f->writes[epoch];
-  writes.awaited.store(true);
+  writes.awaiting.fetch_add(1);
   const bool ended = kernel::wait_event_timeout(
       &writes.zero, [&writes] { return writes.under_way.load() == 0; }, mark_wait_limit_jiffies);
+  writes.awaiting.fetch_sub(1);
   if (!ended) {
     zorv_log(LOG_ERROR, "%s(): Writes to zorv(%d, %d) do not end. Its bitmap stays unsaved.", op,
              zorv_blk_major, f->filter_minor);
