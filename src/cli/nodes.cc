@@ -62,19 +62,24 @@ std::uint32_t given_minor(const std::string& text) {
 
 }  // namespace
 
+// The names are asked of the status tree: the driver's record of a filter costs a look at its
+// bitmaps.
 std::uint32_t find_node(session& s, const std::string& node) {
   if (node.rfind(':', 0) == 0) return given_minor(node.substr(1));
   std::optional<std::uint32_t> found;
   std::optional<std::string> of_minor;  // the other node that a number could mean
-  for (const zorv_info_req& info : all_nodes(s, 0)) {
-    if (field(info.name) == node) {
+  for (const std::uint32_t minor : all_minors(s)) {
+    std::string name = status_text(s, minor, "name").value_or("");
+    if (name.empty()) continue;  // gone meanwhile
+    name.pop_back();
+    if (name == node) {
       if (found) {
         throw failure(status_refused, EEXIST,
                       "several nodes are named " + node + "; give --minor instead");
       }
-      found = info.minor;
-    } else if (std::to_string(info.minor) == node) {
-      of_minor = field(info.name);
+      found = minor;
+    } else if (std::to_string(minor) == node) {
+      of_minor = std::move(name);
     }
   }
   if (found && of_minor) {
@@ -188,6 +193,11 @@ std::optional<std::uint64_t> copied_bytes(session& s, std::uint32_t snap_minor) 
 
 std::optional<std::uint64_t> queue_length(session& s, std::uint32_t filter_minor) {
   return status_number(s, filter_minor, "cowqueue_len");
+}
+
+std::optional<std::uint64_t> changed_extents(session& s, std::uint32_t filter_minor,
+                                             const char* entry) {
+  return status_number(s, filter_minor, entry);
 }
 
 std::string bitmap_trouble(session& s, std::uint32_t filter_minor) {

@@ -52,6 +52,12 @@ void ask(session& s, const zorv_info_req& node, const std::string& question,
 // Requests that wait in a filter's COW queue, by the status tree.
 [[nodiscard]] std::optional<std::uint64_t> queue_length(session& s, std::uint32_t filter_minor);
 
+// Extents that a filter's bitmap counts as changed, by the status tree; the daemon reads the whole
+// bitmap for it.
+//   entry    "incr_bmp_changed" | "diff_bmp_changed"
+[[nodiscard]] std::optional<std::uint64_t> changed_extents(session& s, std::uint32_t filter_minor,
+                                                           const char* entry);
+
 // What is wrong with a filter's bitmap files, by the status tree; lines, "" when nothing is.
 [[nodiscard]] std::string bitmap_trouble(session& s, std::uint32_t filter_minor);
 

@@ -3,6 +3,8 @@
 
 #include "driver/bitmap/bitmap.h"
 
+#include <bit>
+
 #include "driver/bitmap/dirty.h"
 #include "driver/bitmap/handout.h"
 #include "kernel/uaccess.h"
@@ -62,12 +64,23 @@ TEST_F(bitmap_test, info_looks_only_at_the_extents) {
     map[12] = last;
     EXPECT_EQ(range(ZORV_SET_BMP, m, incr, &map), 0);
     const auto i = info(m);
-    return std::pair{i.incr_bmp_clear, i.incr_bmp_full};
+    return std::tuple{i.incr_bmp_clear, i.incr_bmp_full, proc("zorv/zorv0/incr_bmp_changed")};
   };
-  EXPECT_EQ(info_of(0, 0xF0), std::pair(1U, 0U)) << "spare bits count as nothing";
-  EXPECT_EQ(info_of(0, 0x08), std::pair(0U, 0U));
-  EXPECT_EQ(info_of(0xFF, 0x0F), std::pair(0U, 1U));
-  EXPECT_EQ(info_of(0xFE, 0xFF), std::pair(0U, 0U));
+  EXPECT_EQ(info_of(0, 0xF0), std::tuple(1U, 0U, "0\n")) << "spare bits count as nothing";
+  EXPECT_EQ(info_of(0, 0x08), std::tuple(0U, 0U, "1\n"));
+  EXPECT_EQ(info_of(0xFF, 0x0F), std::tuple(0U, 1U, "100\n"));
+  EXPECT_EQ(info_of(0xFE, 0xFF), std::tuple(0U, 0U, "88\n"));
+
+  memory_disk large{"d1", u64{4096} * 8 * 40003};
+  const u32 n = add_filter(large.path(), {.extent_size = 4096});
+  bytes map(40003);
+  u32 set = 0;
+  for (u32 i = 0; i < map.size(); ++i) {
+    map[i] = static_cast<u8>(i < 1000 ? 0xFF : i * 37 >> 4);
+    set += static_cast<u32>(std::popcount(map[i]));
+  }
+  EXPECT_EQ(range(ZORV_SET_BMP, n, incr, &map), 0);
+  EXPECT_EQ(proc("zorv/zorv1/incr_bmp_changed"), std::to_string(set) + "\n");
 }
 
 TEST_F(bitmap_test, refusals_name_their_cause) {

@@ -44,6 +44,8 @@ TEST_F(proc_test, a_filter_shows_every_field) {
                        {"incr_bmp_dirty", proc("zorv/zorv3/incr_bmp_dirty")},
                        {"diff_bmp_size", "1908\n"},
                        {"diff_bmp_dirty", proc("zorv/zorv3/diff_bmp_dirty")},
+                       {"incr_bmp_changed", "15259\n"},
+                       {"diff_bmp_changed", "15259\n"},
                        {"bmp_trouble", ""},
                        {"cowqueue_len", "0\n"},
                        {"snaps", ""}}));
@@ -97,7 +99,7 @@ TEST_F(proc_test, a_directory_that_cannot_be_completed_is_not_there) {
   add_filter(disk.path());
   zorv_blkdev* dev = zorv_blkdev_arr[0];
   zorv_proc_del_device(dev);
-  for (u64 nth = 1; nth <= 23; nth++) {
+  for (u64 nth = 1; nth <= 25; nth++) {
     kernel::fault_arm(kernel::fault_site::proc_create, nth, 1, ENOMEM);
     EXPECT_EQ(zorv_proc_add_device(dev), -EINVAL) << nth;
     EXPECT_FALSE(there("zorv/zorv0")) << nth;

@@ -88,6 +88,9 @@ TEST_F(ctl_bitmap, what_went_wrong_in_the_file_is_said) {
 
 TEST_F(ctl_bitmap, ranges_end_with_the_disk) {
   set_incr({0x0b, 0xfe});  // behind the last extent's bit nothing counts
+  EXPECT_NE(d->must({"info", "zorv0"}).find("5 of 11 extents changed (45.45 %)"),
+            std::string::npos);
+  EXPECT_EQ(d->ctl_json({"info", "zorv0"}).at("incr_bmp_changed"), 5);
   EXPECT_EQ(d->must({"bmp", "show", "zorv0", "incr"}),
             "0 131072\n196608 65536\n589824 66048\ntotal 262656 of 655872 bytes in 3 ranges\n");
   const json shown = d->ctl_json({"bmp", "show", "zorv0", "incr"});

@@ -27,6 +27,9 @@ inline zorv_bmp_view zorv_bmp_of(zorv_filter* f, u32 type) {
 inline u8*& zorv_bmp_bits(zorv_filter* f, u32 type) REQUIRES(f->bmp_lock) {
   return type == ZORV_BMP_INCREMENTAL ? f->incr_bmp : f->diff_bmp;
 }
+inline const u8* zorv_bmp_bits(const zorv_filter* f, u32 type) REQUIRES(f->bmp_lock) {
+  return type == ZORV_BMP_INCREMENTAL ? f->incr_bmp : f->diff_bmp;
+}
 
 // "Incremental" (1), "Differential" (0), "Unknown".
 const char* zorv_bmp_type_name(u32 type);
@@ -42,7 +45,7 @@ void zorv_block_mark_extents(zorv_filter* f, sector_t sector, u32 sectors,
 // Work on a whole bitmap goes piece by piece, with bmp_lock held for a piece at a time; between two
 // of them whoever waits for the lock gets it.
 constexpr u32 zorv_bmp_piece_bytes = 256 * 1024;
-void zorv_bmp_give_way(zorv_filter* f) EXCLUDES(f->bmp_lock);
+void zorv_bmp_give_way(const zorv_filter* f) EXCLUDES(f->bmp_lock);
 
 // A whole bitmap at once; writes go on being marked.
 //   locks    takes bmp_lock
@@ -59,6 +62,10 @@ struct zorv_bmp_extremes {
   bool all_clear, all_set;
 };
 zorv_bmp_extremes zorv_bmp_look(zorv_filter* f, u32 type);
+// How many of the extents have their bit set, at about this moment: writes go on being marked.
+//   locks    takes bmp_lock, each time for some microseconds
+//   cost     reads the whole bitmap
+u32 zorv_bmp_count(const zorv_filter* f, u32 type);
 
 // Command handlers; the node is pinned by the caller.
 int zorv_ioctl_get_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req);

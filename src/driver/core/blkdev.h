@@ -57,10 +57,10 @@ struct zorv_filter {
   kernel::list_of<zorv_blkdev> snaps GUARDED_BY(snaps_lock);
   std::atomic<u32> nr_snaps{0};  // their number; also read without the lock
 
-  rzmutex save_mutex{order::save};           // one save or load at a time
-  rzmutex bmp_mutex{order::bmp_files};       // bitmap file work
-  kernel::spinlock_t bmp_lock{order::bits};  // bits and dirty flags
-  s32 incr_bmp_size = 0;                     // bytes
+  rzmutex save_mutex{order::save};                   // one save or load at a time
+  rzmutex bmp_mutex{order::bmp_files};               // bitmap file work
+  mutable kernel::spinlock_t bmp_lock{order::bits};  // bits and dirty flags
+  s32 incr_bmp_size = 0;                             // bytes
   s32 diff_bmp_size = 0;
   u8* incr_bmp = nullptr;
   u8* diff_bmp = nullptr;

@@ -6,6 +6,7 @@
 
 #include <cstdarg>
 
+#include "driver/bitmap/bitmap.h"
 #include "driver/core/log.h"
 #include "kernel/mem.h"
 #include "kernel/state.h"
@@ -99,6 +100,12 @@ void print_trouble(const zorv_blkdev& d, page_text* out) {
   }
 }
 
+// Extents with their bit set. Reads the whole bitmap, so it is nothing for who asks often.
+template <u32 type>
+void print_changed(const zorv_blkdev& d, page_text* out) {
+  out->add_long(zorv_bmp_count(&d.f, type));
+}
+
 constexpr field filter_fields[] = {
     {"dev_type", [](const zorv_blkdev&, page_text* out) { out->add_text("filter"); }},
     {"minor", print_minor},
@@ -124,6 +131,8 @@ constexpr field filter_fields[] = {
      [](const zorv_blkdev& d, page_text* out) { out->add("%d\n", d.f.diff_bmp_size); }},
     {"diff_bmp_dirty",
      [](const zorv_blkdev& d, page_text* out) { out->add_number(now(d.f.diff_bmp_dirty)); }},
+    {"incr_bmp_changed", print_changed<ZORV_BMP_INCREMENTAL>},
+    {"diff_bmp_changed", print_changed<ZORV_BMP_DIFFERENTIAL>},
     {"bmp_trouble", print_trouble},
     {"cowqueue_len",
      [](const zorv_blkdev& d, page_text* out) { out->add("%d\n", now(d.f.cowqueue.cnt)); }},
