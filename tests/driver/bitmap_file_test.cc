@@ -6,6 +6,7 @@
 #include "driver/bitmap/bitmap.h"
 #include "driver/bitmap/dirty.h"
 #include "kernel/fs.h"
+#include "kernel/state.h"
 #include "support/at_log_line.h"
 #include "support/driver_fixture.h"
 
@@ -159,6 +160,11 @@ TEST_F(bitmap_file_test, a_load_that_fails_trusts_nothing_or_changes_nothing) {
       EXPECT_EQ(get_bmp(0, incr), bytes(2, 0xFF));
     }
   }
+  EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
+  ASSERT_EQ(kernel::state_set_dir(nullptr), 0);
+  EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
+  EXPECT_EQ(get_bmp(0, incr), bytes(2, 0xFF)) << "there may be a note";
+  ASSERT_EQ(kernel::state_set_dir((state / "zorv").c_str()), 0);
 }
 
 TEST_F(bitmap_file_test, a_file_on_the_node_itself_is_refused) {
@@ -207,7 +213,26 @@ TEST_F(bitmap_file_test, a_file_is_current_when_the_hdd_has_what_it_does_not_sho
   clear(false);
   EXPECT_GT(disk.flushes(), flushes);
   EXPECT_EQ(read_file(file).size(), 18U);
+  const auto unsaved = c.start_write(6 * 65536, bytes(512, 1));
+  ASSERT_TRUE(eventually([&] { return disk.held_count() == 1; }));
+  kernel::fault_arm(kernel::fault_site::file_write, 1, -1, EIO);
+  clear(false);
+  kernel::fault_disarm_all();
+  EXPECT_EQ(after->wait() | unsaved->wait(), 0);
   disk.serve(memory_disk::serving::at_once);
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
+  {
+    at_log_line hook("Killing all dirty requests", [this] {
+      const kernel::lock_order_exception stands_in_for_another_task;
+      kernel::fault_arm(kernel::fault_site::file_write, 1, -1, EIO);
+      EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
+      kernel::fault_disarm_all();
+    });
+    EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
+    const u64 saved = disk.flushes();
+    EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
+    EXPECT_EQ(disk.flushes(), saved) << "what went while the save began is on the HDD";
+  }
   kernel::fault_arm(kernel::fault_site::bio_flush, 1, 1, ENOSPC);
   EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
   EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, diff), 0) << "nothing has been taken from it";
@@ -321,7 +346,9 @@ TEST_F(bitmap_file_test, bits_that_a_stop_could_not_save_are_not_forgotten) {
        {fault_site::file_write, fault_site::file_unlink, fault_site::state_write}) {
     kernel::fault_arm(site, 1, -1, EIO);
   }
-  mark(9);
+  bytes added{0, 2};
+  zorv_bmp_range_req merge{0, incr, 2, {}, reinterpret_cast<u64>(added.data())};
+  EXPECT_EQ(command(ZORV_MERGE_BMP, &merge), -EIO);
   for (int i = 0; i < 2; ++i) EXPECT_EQ(stop(0), -EIO);
   EXPECT_EQ(del(0), -EIO) << "the file looks current without them";
   kernel::fault_disarm_all();
