@@ -190,10 +190,15 @@ TEST_F(bitmap_file_test, a_file_is_current_when_the_hdd_has_what_it_does_not_sho
   disk.serve(memory_disk::serving::held);
   const auto before = c.start_write(3 * 65536, bytes(512, 1));
   ASSERT_TRUE(eventually([&] { return disk.held_count() == 1; }));
-  const auto clear = [&](bool write_meanwhile) {
+  confirms = false;
+  const auto clear = [&](u32 number, bool write_meanwhile) {
     std::atomic<bool> ended{false};
     std::thread command([&] {
-      EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), 0);
+      if (number == ZORV_CLR_BMP) {
+        EXPECT_EQ(bmp(number, 0, incr), 0);
+      } else {
+        EXPECT_EQ(get_bmp(0, incr, number)[0], 9);
+      }
       ended = true;
     });
     EXPECT_TRUE(eventually([&] { return changed(0, incr).empty(); })) << "taken away";
@@ -203,20 +208,20 @@ TEST_F(bitmap_file_test, a_file_is_current_when_the_hdd_has_what_it_does_not_sho
     disk.release_all();
     command.join();
   };
-  clear(true);
+  clear(ZORV_GET_AND_CLR_BMP, true);
   EXPECT_EQ(before->wait(), 0);
   EXPECT_EQ(read_file(file), stale);
   EXPECT_EQ(changed(0, incr), std::vector<u32>{5});
   const auto after = c.start_write(5 * 65536, bytes(512, 1));
   ASSERT_TRUE(eventually([&] { return disk.held_count() == 1; }));
   const u64 flushes = disk.flushes();
-  clear(false);
+  clear(ZORV_CLR_BMP, false);
   EXPECT_GT(disk.flushes(), flushes);
   EXPECT_EQ(read_file(file).size(), 18U);
   const auto unsaved = c.start_write(6 * 65536, bytes(512, 1));
   ASSERT_TRUE(eventually([&] { return disk.held_count() == 1; }));
   kernel::fault_arm(kernel::fault_site::file_write, 1, -1, EIO);
-  clear(false);
+  clear(ZORV_CLR_BMP, false);
   kernel::fault_disarm_all();
   EXPECT_EQ(after->wait() | unsaved->wait(), 0);
   disk.serve(memory_disk::serving::at_once);
@@ -244,6 +249,32 @@ TEST_F(bitmap_file_test, a_file_is_current_when_the_hdd_has_what_it_does_not_sho
   }
 }
 
+// While a command may still fail, what it has taken away is in every save that others make.
+TEST_F(bitmap_file_test, a_command_that_fails_has_taken_nothing_away) {
+  saved_node();
+  {
+    rzmutex_guard stuck(&filter()->save_mutex);
+    std::thread command([&] { EXPECT_EQ(bmp(ZORV_CLR_BMP, 0, incr), -EIO); });
+    EXPECT_TRUE(eventually([&] { return changed(0, incr).empty(); }));
+    EXPECT_EQ(zorv_block_save_bmp(filter(), incr), 0);
+    kernel::turn_clock(31000);
+    command.join();
+  }
+  EXPECT_EQ(read_file(file)[16], 1) << "a kill here has lost nothing";
+  EXPECT_EQ(changed(0, incr), std::vector<u32>{0});
+  EXPECT_EQ(bmp(ZORV_SAVE_BMP, 0, incr), 0);
+  const auto broken = {kernel::fault_site::file_write, kernel::fault_site::file_unlink,
+                       kernel::fault_site::state_write};
+  for (const auto site : broken) kernel::fault_arm(site, 1, -1, EIO);
+  client c(0U);
+  EXPECT_EQ(c.fill(3 * 65536, 512, 1), -EIO);
+  bytes zeros(2, 0);
+  zorv_bmp_range_req req{0, incr, 2, {}, reinterpret_cast<u64>(zeros.data())};
+  EXPECT_EQ(command(ZORV_SET_BMP, &req), -EIO);
+  kernel::fault_disarm_all();
+  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 3}));
+}
+
 // The load reads the file, a write marks, the load puts the file's bits in place.
 TEST_F(bitmap_file_test, a_load_keeps_what_is_marked_meanwhile) {
   saved_node();
@@ -251,10 +282,12 @@ TEST_F(bitmap_file_test, a_load_keeps_what_is_marked_meanwhile) {
     at_log_line hook("zorv_block_load_bmp(): Reading ", [] {
       EXPECT_TRUE(zorv_marks_pending(filter()));
       mark(6);
+      const u8 merged[] = {0, 1};
+      zorv_bmp_merge(filter(), incr, merged);
     });
     EXPECT_EQ(bmp(ZORV_LOAD_BMP, 0, incr), 0);
   }
-  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 6}));
+  EXPECT_EQ(changed(0, incr), (std::vector<u32>{0, 6, 8}));
   EXPECT_TRUE(stale_on_disk());
 }
 

@@ -209,6 +209,7 @@ TEST_F(dirty_test, after_thirty_seconds_the_file_is_noted_and_the_write_goes_on)
   ASSERT_TRUE(eventually([&] { return changed(0, incr) == std::vector<u32>{6, 7}; }));
   kernel::turn_clock(29000);
   EXPECT_FALSE(eventually([&] { return a.done() || b.done(); }, 100));
+  kernel::fault_arm(kernel::fault_site::state_write, 1, 2, ENOSPC);  // it is tried again
   kernel::turn_clock(1000);
   EXPECT_EQ(a.wait(), 0);
   EXPECT_EQ(b.wait(), 0);

@@ -116,6 +116,8 @@ void zorv_bmp_merge(zorv_filter* f, u32 type, const u8* added) {
       marks_guard guard(f);
       bmp.dirty->store(1);
       add_bits(zorv_bmp_bits(f, type) + at, added + at, count);
+      u8* kept = f->marks[type].load_marks;
+      if (kept != nullptr) add_bits(kept + at, added + at, count);
     }
     zorv_bmp_give_way(f);
   }

@@ -77,21 +77,23 @@ int copy_out(const char* op, const zorv_bmp_range_req& req, const u8* bits) {
   return -EFAULT;
 }
 
-// Puts other bits in the bitmap's place; what was there comes back, as a hand-out if the caller
-// has one to make of it. With the flag at 1 a write that comes before the save waits while the file
-// still looks current; it goes when the save has marked it.
-void exchange(zorv_filter* f, u32 type, buffer* bits, zorv_handout* handout = nullptr) {
+// Puts other bits in the bitmap's place and makes a hand-out of what was there. With the flag at 1
+// a write that comes before the save waits while the file still looks current; it goes when the
+// save has marked it.
+void exchange(zorv_filter* f, u32 type, buffer* bits, zorv_handout* handout) {
   zorv_block_stale_bmp(f, type);
   marks_guard guard(f);
   u8*& place = zorv_bmp_bits(f, type);
-  u8* before = place;
-  place = bits->release();
-  bits->reset(before);
-  ++f->marks[type].exchanges;
-  zorv_bmp_of(f, type).dirty->store(1);
-  if (handout == nullptr) return;
   handout->type = type;
-  handout->bits = bits->release();
+  handout->bits = place;
+  place = bits->release();
+  zorv_mark_state& m = f->marks[type];
+  ++m.exchanges;
+  zorv_bmp_view bmp = zorv_bmp_of(f, type);
+  bmp.dirty->store(1);
+  for (u32 i = 0; m.load_marks != nullptr && i < bmp.size; ++i) {  // a load that hangs
+    m.load_marks[i] = static_cast<u8>(m.load_marks[i] | place[i]);
+  }
   zorv_handout_add(f, handout);
 }
 
@@ -105,6 +107,7 @@ int settle_taken(zorv_filter* f) {
 //   returns  0 | -EIO (it may, and can be neither saved nor marked nor noted)
 int settle_added(zorv_filter* f) {
   if (zorv_block_save_dirty_bmps(f) == 0) return 0;
+  zorv_marks_settle(f);
   const u64 deadline = kernel::jiffies() + mark_wait_limit_jiffies;
   for (;;) {
     const u64 event = zorv_marks_event();
@@ -112,6 +115,25 @@ int settle_added(zorv_filter* f) {
     if (!zorv_marks_pending(f)) return 0;
     if (!zorv_marks_wait_or_refuse(f, event, deadline)) return -EIO;
   }
+}
+
+// As CLR and SET put other bits in a bitmap's place. Until nothing can fail any more what was there
+// is handed out to nobody: every save writes it as well, and after a failure it is in the bitmap
+// again.
+int replace(const char* op, zorv_filter* f, u32 type, buffer* bits, int (*settle)(zorv_filter* f)) {
+  auto* before = kernel::knew<zorv_handout>(kernel::GFP_KERNEL);
+  if (before == nullptr) return no_memory(op, sizeof(zorv_handout));
+  exchange(f, type, bits, before);
+  const u64 id = before->id;
+  const int rc = settle(f);
+  if (rc != 0) {
+    zorv_handout_merge_back(f, id);
+    return rc;
+  }
+  zorv_handout_forget(f, id);
+  // The file says no less than the bitmap, whatever comes of this.
+  (void)zorv_block_save_dirty_bmps(f);
+  return 0;
 }
 
 void announce(const char* op, const char* doing, u32 type, const zorv_blkdev* dev) {
@@ -186,11 +208,10 @@ int zorv_ioctl_set_bmp(zorv_blkdev* dev, zorv_bmp_range_req* req) {
     if (rc == 0) std::memset(bits.get(), 0xFF, size);
   }
   if (rc != 0) return rc;
-  exchange(&dev->f, req->type, &bits);
-  rc = settle_taken(&dev->f);
-  if (rc == 0) return settle_added(&dev->f);
-  zorv_bmp_merge(&dev->f, req->type, bits.get());
-  return rc;
+  return replace(__func__, &dev->f, req->type, &bits, [](zorv_filter* f) {
+    const int taken = zorv_block_await_writes(f);
+    return taken != 0 ? taken : settle_added(f);
+  });
 }
 
 int zorv_ioctl_clr_bmp(zorv_blkdev* dev, zorv_bmp_req* req) {
@@ -199,10 +220,7 @@ int zorv_ioctl_clr_bmp(zorv_blkdev* dev, zorv_bmp_req* req) {
   buffer fresh;
   if (rc == 0) rc = allocate_zeroed(__func__, zorv_bmp_of(&dev->f, req->type).size, &fresh);
   if (rc != 0) return rc;
-  exchange(&dev->f, req->type, &fresh);
-  rc = settle_taken(&dev->f);
-  if (rc != 0) zorv_bmp_merge(&dev->f, req->type, fresh.get());
-  return rc;
+  return replace(__func__, &dev->f, req->type, &fresh, zorv_block_await_writes);
 }
 
 int zorv_ioctl_save_bmp(zorv_blkdev* dev, zorv_bmp_req* req) {

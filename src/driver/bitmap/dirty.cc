@@ -137,13 +137,28 @@ bool work_for(zorv_filter* f, u32 kind, u32 tries) {
 
 // ---- a filter's thread -------------------------------------------------------------------------
 
-// What of the kinds still has to be done, after another try.
-u32 try_again(zorv_filter* f, u32 kinds, u32 tries) {
-  for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
-    if ((kinds >> kind & 1) != 0 && work_for(f, kind, tries)) kinds &= ~(1U << kind);
+// What has failed and is tried again.
+struct failures {
+  u32 kinds = 0;
+  u32 tries[zorv_hold_kinds] = {};  // of each of them
+  u64 pause = first_pause;
+
+  void first_try(zorv_filter* f, u32 kind) {
+    const u32 bit = 1U << kind;
+    if ((kinds & bit) == 0) tries[kind] = 1;
+    if (work_for(f, kind, tries[kind]) || (kinds & bit) != 0) return;
+    kinds |= bit;
+    pause = first_pause;
   }
-  return kinds;
-}
+  void next_try(zorv_filter* f) {
+    for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
+      const u32 bit = 1U << kind;
+      if ((kinds & bit) != 0 && work_for(f, kind, ++tries[kind])) kinds &= ~bit;
+    }
+    pause = pause * 2 < longest_pause ? pause * 2 : longest_pause;
+    if (!zorv_marks_pending(f)) pause = excused_pause;
+  }
+};
 
 int mark_worker(void* arg) {
   auto* f = static_cast<zorv_filter*>(arg);
@@ -151,23 +166,16 @@ int mark_worker(void* arg) {
   char name[32];
   std::snprintf(name, sizeof name, "kdirtyd-%u", f->filter_minor);
   kernel::daemonize(name);
-  u32 failed = 0;  // kinds to be tried again
-  u32 tries = 1;
-  u64 pause = first_pause;
+  failures failed;
   while (!w.ending.load() || in_hand_of(f) != nullptr) {
     const auto wanted = [f, &w] { return w.ending.load() || in_hand_of(f) != nullptr; };
-    if (failed == 0) {
+    if (failed.kinds == 0) {
       kernel::wait_event(&w.wait, wanted, kernel::TASK_INTERRUPTIBLE);
-      tries = 1;
-      pause = first_pause;
-    } else if (!kernel::wait_event_timeout(&w.wait, wanted, pause)) {
-      failed = try_again(f, failed, ++tries);
-      pause = pause * 2 < longest_pause ? pause * 2 : longest_pause;
-      if (!zorv_marks_pending(f)) pause = excused_pause;
+    } else if (!kernel::wait_event_timeout(&w.wait, wanted, failed.pause)) {
+      failed.next_try(f);
     }
     if (zorv_dirty_req* req = in_hand_of(f); req != nullptr) {
-      const auto kind = static_cast<u32>(req->type);
-      if (is_active(req) && !work_for(f, kind, tries)) failed |= 1U << kind;
+      if (is_active(req)) failed.first_try(f, static_cast<u32>(req->type));
       finish(req);
     }
   }

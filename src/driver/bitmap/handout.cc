@@ -2,6 +2,7 @@
 #include "driver/bitmap/handout.h"
 
 #include "driver/bitmap/bitmap.h"
+#include "driver/bitmap/dirty.h"
 #include "driver/core/log.h"
 #include "kernel/mem.h"
 
@@ -77,6 +78,15 @@ void zorv_handout_merge_back(zorv_filter* f, u64 id) {
   zorv_bmp_merge(f, h->type, h->bits);
   forget(f, h);
   (void)zorv_block_save_dirty_bmps(f);
+}
+
+void zorv_handout_forget(zorv_filter* f, u64 id) {
+  zorv_handout* h = find(f, id);
+  if (h == nullptr) return;
+  const u32 type = h->type;
+  forget(f, h);
+  marks_guard guard(f);
+  zorv_bmp_of(f, type).dirty->store(1);
 }
 
 void zorv_handout_drop_all(zorv_filter* f) {

@@ -42,6 +42,8 @@ void zorv_handout_forget_last();  // a command begins
 void zorv_handout_add(zorv_filter* f, zorv_handout* h);
 void zorv_handout_publish(u64 id);  // it is what the task's last command handed out
 void zorv_handout_merge_back(zorv_filter* f, u64 id);
+// They are forgotten, and the bitmap counts as not saved; the caller saves.
+void zorv_handout_forget(zorv_filter* f, u64 id);
 // The node goes.
 void zorv_handout_drop_all(zorv_filter* f);
 
