@@ -214,6 +214,7 @@ void add_add_filter(CLI::App* app, invocation* inv) {
       ->required();
   command->add_option("--bmp-dir", node->bmp_dir, "directory of the bitmap files")
       ->type_name("DIR")
+      ->check([](const std::string& dir) { return dir.empty() ? "needs a name" : ""; })
       ->required();
   add_common_options(command, node);
 }

@@ -102,7 +102,12 @@ parse_result parse_options(int argc, const char* const* argv, daemon_options* ou
   } catch (const CLI::ParseError& e) {
     return app.exit(e) == 0 ? parse_result::done : parse_result::usage;
   }
-  for (const std::string& disk : disks) out->disks.push_back(parse_disk(disk));
+  for (const std::string& disk : disks) {
+    out->disks.push_back(parse_disk(disk));
+    if (!out->disks.back().image.empty()) continue;
+    std::cerr << "zorvd: --disk needs the path of an image or of a block device\n";
+    return parse_result::usage;
+  }
   for (const auto& p : from_file) {
     if (!p.second.empty()) out->parameters.push_back(p);
   }

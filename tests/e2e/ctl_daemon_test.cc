@@ -81,6 +81,7 @@ TEST_F(ctl_daemon, one_daemon_per_directory_and_per_image) {
 TEST_F(ctl_daemon, what_it_cannot_do_is_said) {
   expect_refused({"--nonsense"}, 2, "--nonsense");
   expect_refused({"nonsense"}, 2, "nonsense is no NAME=VALUE");
+  expect_refused({"--disk", ""}, 2, "--disk needs the path");
   expect_refused({"zorv_nothing=1"}, 1, "no parameter zorv_nothing");
   expect_refused({"zorv_debug=2x"}, 1, "parameter zorv_debug");
   expect_refused({"zorv_max_blk_minor=-1"}, 1, "parameter zorv_max_blk_minor");

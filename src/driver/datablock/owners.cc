@@ -133,6 +133,7 @@ constexpr mark at_front[] = {
     {other_fs, 32, "NXSB"sv},  // APFS
     {other_fs, 32, "BFS1"sv},  // BeFS
     {other_fs, sector + 32, "BFS1"sv},
+    {other_fs, 32, "1SFB"sv},
     {other_fs, sector + 32, "1SFB"sv},
     {other_fs, 54, "FAT"sv},  // FAT12, FAT16
     {other_fs, 54, "MSDOS"sv},
