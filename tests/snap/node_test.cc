@@ -101,6 +101,18 @@ TEST_F(node_test, a_snap_shows_its_own_fields_and_its_filters) {
                                                  {"copied_bytes", "65536\n"}}));
 }
 
+TEST_F(node_test, a_postponed_stop_that_finds_the_snap_open_is_made_when_it_is_closed) {
+  const u32 older = add_started_snap(), newer = add_started_snap();
+  EXPECT_EQ(stop(newer), 0);
+  const std::string started = line("zorv/zorv%u/started", newer);
+  {
+    const client keeps(newer);
+    EXPECT_EQ(stop(older), 0);
+    EXPECT_EQ(proc(started), "1\n");
+  }
+  EXPECT_EQ(proc(started), "0\n");
+}
+
 TEST_F(node_test, chunks_grow_with_the_volume_until_their_numbers_fit) {
   struct {
     u64 size;

@@ -280,6 +280,7 @@ bool stop_snap(zorv_blkdev* snap, zorv_blkdev* filter) {
   // First said, then looked: an older one that stops at this moment sees that it is waited for, or
   // is seen to be stopped.
   snap->s.stop_pending.store(1);
+  snap->s.stop_due.store(0);
   const bool postponed = has_older_started(f, snap);
   if (!postponed) {
     {
@@ -299,7 +300,10 @@ bool stop_snap(zorv_blkdev* snap, zorv_blkdev* filter) {
   }
   for (node_ref n = zorv_snap_newer(f, snap); n; n = zorv_snap_newer(f, n.get())) {
     if (n->started.load() == 0) continue;
-    if (n->s.stop_pending.load() != 0) (void)zorv_block_stop_device(n.get());
+    if (n->s.stop_pending.load() != 0) {
+      n->s.stop_due.store(1);  // whoever has it open stops it when he closes it
+      (void)zorv_block_stop_device(n.get());
+    }
     break;
   }
   return !postponed;

@@ -141,6 +141,7 @@ struct zorv_snap {
   std::atomic<u32> life{0};
   std::atomic<u32> snap_valid{0};
   std::atomic<u32> stop_pending{0};
+  std::atomic<u32> stop_due{0};  // nothing postpones the stop any more but those that have it open
   std::atomic<u32> del_pending{0};
 };
 
