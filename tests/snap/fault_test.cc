@@ -157,61 +157,97 @@ TEST_F(fault_test, a_copy_that_is_still_being_made_does_not_make_an_emptied_file
 }
 
 TEST_F(fault_test, a_copy_that_hangs_in_a_file_costs_its_snap_and_holds_up_nothing_else) {
-  const u32 snap = add_started_snap({.files = dir / "s"});
-  client c(filter);
-  EXPECT_EQ(c.fill(0, 512, 1), 0);
-  std::atomic<bool> hangs{true};
-  at_log_line hook("Failed to sync " + dir / "s.cow", [&] {
-    while (hangs) kernel::yield();
-  });
-  kernel::fault_arm(fault_site::file_sync, 1, 1, EIO);
-  auto write = c.start_write(MiB, bytes(4096, 2));
-  EXPECT_TRUE(eventually([] { return kernel::fault_calls(fault_site::file_sync) > 0; }));
-  kernel::turn_clock(29000);
-  EXPECT_FALSE(eventually([&] { return write->done(); }, 100));
-  kernel::turn_clock(2000);
-  EXPECT_EQ(write->wait(), 0);
-  EXPECT_FALSE(valid(snap));
-  c.close();
-  EXPECT_EQ(stop(snap), 0);
-  EXPECT_EQ(start(snap), -EBUSY);
-  EXPECT_EQ(del(snap), -EBUSY);
-  const bytes now = disk.peek(0, disk_bytes);
-  const u32 other = add_started_snap();
-  EXPECT_EQ(client(filter).fill(256 * KiB, 4096, 3), 0);
-  EXPECT_TRUE(shown(other, 0, disk_bytes) == now);
-  EXPECT_EQ(stop(filter), 0);
-  hangs = false;
-  EXPECT_TRUE(eventually([&] { return start(snap) == 0; }))
-      << "what came back late changes nothing";
-  EXPECT_TRUE(valid(snap));
+  const struct {
+    fault_site site;
+    const char* said;
+    u32 hanging;  // of three that copy
+  } table[] = {{fault_site::file_sync, "Failed to sync ", 1},
+               {fault_site::file_read, "does not end as it was made", 1},
+               {fault_site::file_sync, "Failed to sync ", 3}};
+  for (const auto& t : table) {
+    client c(filter);
+    EXPECT_EQ(c.fill(0, disk_bytes, 1), 0) << "no bitmap file is marked any more";
+    const u32 snap = add_started_snap(), other = add_snap();
+    std::atomic<bool> hangs{true};
+    const auto hang = [&] {
+      while (hangs) kernel::yield();
+    };
+    at_log_line hook(t.said, hang, static_cast<int>(t.hanging));
+    kernel::fault_arm(t.site, 1, t.hanging, EIO);
+    std::vector<std::unique_ptr<pending_io>> writes;
+    for (u32 n = 0; n < t.hanging; ++n) {
+      writes.push_back(c.start_write(MiB + n * 64 * KiB, bytes(4096, 2)));
+      EXPECT_TRUE(eventually([&] { return kernel::fault_calls(t.site) > n; })) << t.said;
+    }
+    const bool nobody_left = t.hanging == 3;
+    if (nobody_left) writes.push_back(c.start_write(MiB / 2, bytes(4096, 2)));
+    kernel::turn_clock(29000);
+    EXPECT_FALSE(eventually([&] { return writes.back()->done(); }, 100));
+    kernel::turn_clock(2000);
+    for (auto& write : writes) EXPECT_EQ(write->wait(), 0);
+    EXPECT_FALSE(valid(snap));
+    c.close();
+    EXPECT_EQ(stop(snap), 0);
+    EXPECT_EQ(start(snap), -EBUSY);
+    EXPECT_EQ(del(snap), -EBUSY);
+    if (nobody_left) {
+      EXPECT_EQ(start(other), -EBUSY);
+    } else {
+      const bytes now = disk.peek(0, disk_bytes);
+      EXPECT_EQ(start(other), 0);
+      EXPECT_EQ(client(filter).fill(256 * KiB, 4096, 3), 0);
+      EXPECT_TRUE(shown(other, 0, disk_bytes) == now);
+      EXPECT_EQ(stop(filter), 0);
+    }
+    hangs = false;
+    EXPECT_TRUE(eventually([&] { return start(snap) == 0; }, 5000))
+        << "what came back late changes nothing";
+    EXPECT_TRUE(valid(snap));
+    EXPECT_EQ(stop(filter) | del(snap) | del(other) | start(filter), 0);
+  }
 }
 
-TEST_F(fault_test, a_read_that_hangs_in_a_file_ends_and_costs_its_snap) {
-  const u32 snap = add_started_snap({.files = dir / "s"});
-  client c(filter), reader(snap);
-  EXPECT_EQ(c.fill(0, 4096, 1), 0);
-  std::atomic<bool> hangs{true};
-  at_log_line hook("bytes from " + dir / "s.cow", [&] {
-    while (hangs) kernel::yield();
-  });
-  kernel::fault_arm(fault_site::file_read, 2, 1, EIO);  // behind the chunk: the file's end
-  auto read = reader.start_read(0, 4096);
-  EXPECT_TRUE(eventually([] { return kernel::fault_calls(fault_site::file_read) > 1; }));
-  kernel::turn_clock(29000);
-  EXPECT_FALSE(eventually([&] { return read->done(); }, 100));
-  kernel::turn_clock(2000);
-  EXPECT_EQ(read->wait(), -EIO);
-  EXPECT_FALSE(valid(snap));
-  EXPECT_EQ(c.fill(MiB, 4096, 2), 0);
-  reader.close();
-  c.close();
-  EXPECT_EQ(stop(snap), 0);
-  EXPECT_EQ(del(snap), -EBUSY);
-  EXPECT_EQ(stop(filter), 0);
-  hangs = false;
-  EXPECT_TRUE(eventually([&] { return start(snap) == 0; }));
-  EXPECT_TRUE(valid(snap));
+TEST_F(fault_test, reads_that_hang_in_a_file_end_and_cost_the_snaps_that_nobody_reads) {
+  for (const u32 hanging : {1U, 3U}) {  // of three that read
+    const u32 snap = add_started_snap(), other = add_snap();
+    client c(filter), reader(snap);
+    EXPECT_EQ(c.fill(0, 192 * KiB, 1) | start(other) | c.fill(MiB / 2, 4096, 1), 0);
+    client other_reader(other);
+    std::atomic<bool> hangs{true};
+    std::atomic<u32> there{0};
+    const auto hang = [&] {
+      ++there;
+      while (hangs) kernel::yield();
+    };
+    at_log_line hook("does not end as it was made", hang, static_cast<int>(hanging));
+    kernel::fault_arm(fault_site::file_read, 1, -1, EIO);
+    std::vector<std::unique_ptr<pending_io>> reads;
+    for (u32 n = 0; n < hanging; ++n) {
+      reads.push_back(reader.start_read(n * 64 * KiB, 4096));
+      EXPECT_TRUE(eventually([&] { return there > n; }));
+    }
+    kernel::fault_disarm_all();
+    const bool nobody_left = hanging == 3;
+    if (nobody_left) reads.push_back(other_reader.start_read(MiB / 2, 4096));
+    kernel::turn_clock(29000);
+    EXPECT_FALSE(eventually([&] { return reads.back()->done(); }, 100));
+    kernel::turn_clock(2000);
+    for (auto& read : reads) EXPECT_EQ(read->wait(), -EIO);
+    EXPECT_FALSE(valid(snap));
+    EXPECT_EQ(valid(other), !nobody_left);
+    EXPECT_EQ(c.fill(MiB, 4096, 2), 0);
+    reader.close();
+    other_reader.close();
+    c.close();
+    EXPECT_EQ(stop(snap) | stop(other), 0);
+    EXPECT_EQ(del(snap), -EBUSY);
+    EXPECT_EQ(start(other), nobody_left ? -EBUSY : 0);
+    EXPECT_EQ(stop(filter), 0);
+    hangs = false;
+    EXPECT_TRUE(eventually([&] { return start(snap) == 0; }));
+    EXPECT_TRUE(valid(snap));
+    EXPECT_EQ(stop(filter) | del(snap) | del(other) | start(filter), 0);
+  }
 }
 
 TEST_F(fault_test, every_single_failure_of_a_start_or_a_copy_leaves_right_or_invalid_snaps) {

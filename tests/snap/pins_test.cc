@@ -101,21 +101,36 @@ TEST_F(pins_test, a_start_waits_for_requests_no_longer_than_a_minute_and_holds_u
   EXPECT_EQ(start(snap), 0);
 }
 
-// A lock that the test holds stands for a file that hangs.
-TEST_F(pins_test, a_start_that_hangs_in_its_files_keeps_nobody_from_its_filter)
+// Locks that the test holds stand for a stop and for files that hang.
+TEST_F(pins_test, a_snap_that_hangs_in_its_files_keeps_nobody_from_its_filter)
 NO_THREAD_SAFETY_ANALYSIS {
   const u32 snap = add_snap();
-  rzrwlock& files = zorv_blkdev_arr[snap]->s.file_lock;
+  zorv_blkdev* dev = zorv_blkdev_arr[snap];
+  rzrwlock& files = dev->s.file_lock;
   const kernel::lock_order_exception stands_in_for_another_task;
+  rzmutex_lock(&dev->dev_mutex);
   rzwrite_lock(&files);
   std::thread starter([&] { EXPECT_EQ(start(snap), 0); });
+  EXPECT_TRUE(eventually([&] { return dev->s.start_mutex.owner.load() != nullptr; }));
+  expect_others_go_on("a start behind a stop");
+  rzmutex_unlock(&dev->dev_mutex);
   EXPECT_TRUE(eventually([&] { return zorv_blkdev_arr[filter]->f.snaps_starting == 1; }));
   expect_others_go_on("a start at its files");
   EXPECT_EQ(stop(filter), -EBUSY);
   rzwrite_unlock(&files);
   starter.join();
-  EXPECT_EQ(client(filter).fill(0, 4096, 2), 0);
+  client c(filter), reader(snap);
+  EXPECT_EQ(c.fill(0, 4096, 2), 0);
   EXPECT_EQ(shown(snap, 0, 4096), bytes(4096, 1));
+  rzwrite_lock(&files);
+  auto held = c.start_write(MiB, bytes(4096, 3));
+  EXPECT_TRUE(eventually([&] { return zorv_blkdev_arr[filter]->f.cowqueue.cnt == 1; }));
+  auto read = reader.start_read(0, 4096);  // wants the files
+  EXPECT_TRUE(eventually([&] { return read->done(); })) << "the thread goes on";
+  EXPECT_FALSE(held->done());
+  rzwrite_unlock(&files);
+  EXPECT_EQ(held->wait(), 0);
+  EXPECT_EQ(shown(snap, MiB, 4096), pattern(MiB, 4096));
 }
 
 TEST_F(pins_test, nodes_on_nodes_go_upper_first_and_one_in_use_keeps_only_itself) {

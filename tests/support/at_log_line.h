@@ -15,14 +15,15 @@
 
 namespace zorv_test {
 
-// Does something once, in the task that logs, when a line with the text goes by.
+// Does something in the task that logs when a line with the text goes by, that many times.
 class at_log_line {
  public:
-  at_log_line(std::string text, std::function<void()> act) {
+  at_log_line(std::string text, std::function<void()> act, int times = 1) {
     {
       const std::lock_guard<std::mutex> guard(lock_);
       text_ = std::move(text);
       act_ = std::move(act);
+      times_ = times;
     }
     next_.store(kernel::set_printk_sink(sink));
     zorv_debug_before_ = zorv::zorv_debug;
@@ -32,7 +33,7 @@ class at_log_line {
     zorv::zorv_debug = zorv_debug_before_;
     kernel::set_printk_sink(next_.load());
     const std::lock_guard<std::mutex> guard(lock_);
-    EXPECT_FALSE(act_) << "no line with " << text_;
+    EXPECT_EQ(times_, 0) << "no line with " << text_;
     act_ = nullptr;
   }
   at_log_line(const at_log_line&) = delete;
@@ -46,13 +47,17 @@ class at_log_line {
     std::function<void()> act;
     {
       const std::lock_guard<std::mutex> guard(lock_);
-      if (act_ && std::string(line).find(text_) != std::string::npos) act.swap(act_);
+      if (times_ > 0 && std::string(line).find(text_) != std::string::npos) {
+        act = act_;
+        --times_;
+      }
     }
     if (act) act();
   }
   static inline std::mutex lock_;
   static inline std::string text_;
   static inline std::function<void()> act_;
+  static inline int times_ = 0;
   static inline std::atomic<kernel::printk_sink> next_ = nullptr;
   int zorv_debug_before_ = 0;
 };

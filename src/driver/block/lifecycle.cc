@@ -169,11 +169,37 @@ int start_snap(zorv_blkdev* snap) {
 
 }  // namespace
 
+namespace {
+
+// Writes would wait for copies that nobody makes, or reads for nobody.
+int nobody_serves(const zorv_blkdev* filter) {
+  rzread_guard walk(&filter->f.snaps_lock);
+  const auto& snaps = filter->f.snaps;
+  for (const zorv_blkdev* s = snaps.front(); s != nullptr; s = snaps.next_of(s->s.snap_link)) {
+    if (s->s.left.load() == 0) continue;
+    zorv_log(LOG_ERROR,
+             "%s(): All that could copy or read for snaps of zorv(%d, %d) hangs, some of it in %s",
+             "zorv_block_start_device", zorv_blk_major, filter->minor, s->s.cow_data_fname);
+  }
+  return -EBUSY;
+}
+
+}  // namespace
+
 void zorv_snap_start_lock(snap_start* st) NO_THREAD_SAFETY_ANALYSIS {
   rzmutex_lock(&st->snap->s.start_mutex);
-  rzmutex_lock(&st->snap->s.filter->dev_mutex);
+  rzmutex* filter = &st->snap->s.filter->dev_mutex;
+  rzmutex* own = &st->snap->dev_mutex;
+  rzmutex_lock(filter);
+  // Who has the snap may be stopping it, at files that hang: that is waited for with the filter's
+  // let go.
+  while (!rzmutex_trylock(own)) {
+    rzmutex_unlock(filter);
+    rzmutex_lock(own);
+    rzmutex_unlock(own);
+    rzmutex_lock(filter);
+  }
   st->filter_locked = true;
-  rzmutex_lock(&st->snap->dev_mutex);
 }
 
 int zorv_snap_start_pin(snap_start* st) NO_THREAD_SAFETY_ANALYSIS {
@@ -196,6 +222,7 @@ int zorv_snap_start_pin(snap_start* st) NO_THREAD_SAFETY_ANALYSIS {
   if (filter->f.cowthread.pid.load() == 0) {
     (void)zorv_cowthread_start(&filter->f.cowthread, "kcowd", &filter->f);
   }
+  if (filter->f.cowthread.unable.load()) return nobody_serves(filter);
   filter->f.snaps_starting.fetch_add(1);
   st->pinned = true;
   rzmutex_unlock(&filter->dev_mutex);

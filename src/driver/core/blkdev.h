@@ -110,7 +110,8 @@ struct zorv_snap {
   char cow_data_fname[ZORV_PATH_LEN] = {};
   char cow_bmp_fname[ZORV_PATH_LEN] = {};
   // Read: the COW thread while it uses the files and the COW bitmap of a started snap (`started`
-  // tested inside). Write: start, stop and resume while they set these up or take them away.
+  // tested inside). Write: start, stop and resume while they set these up or take them away; the
+  // snap is not started then, so a task that finds the lock taken need not wait.
   rzrwlock file_lock{order::file};
   // Whose the files are, from the first start or resume on, while the snap is stopped too. The
   // claims say which files they were.

@@ -41,6 +41,20 @@ void rzread_lock(rzrwlock* l) NO_THREAD_SAFETY_ANALYSIS {
   kernel::spin_unlock(&l->lock);
 }
 
+rzread_try::rzread_try(rzrwlock* l) NO_THREAD_SAFETY_ANALYSIS : l_(nullptr) {
+  kernel::spin_lock(&l->lock);
+  if (l->count >= 0) {
+    ++l->count;
+    l_ = l;
+  }
+  kernel::spin_unlock(&l->lock);
+  if (l_ != nullptr) l->place.taking(l, kernel::lock_use::shared);
+}
+
+rzread_try::~rzread_try() NO_THREAD_SAFETY_ANALYSIS {
+  if (l_ != nullptr) rzread_unlock(l_);
+}
+
 void rzread_unlock(rzrwlock* l) NO_THREAD_SAFETY_ANALYSIS {
   bool misuse = false;
   kernel::spin_lock(&l->lock);
@@ -106,6 +120,14 @@ void rzmutex_lock(rzmutex* m) NO_THREAD_SAFETY_ANALYSIS {
   m->place.taking(m, kernel::lock_use::exclusive);
   kernel::down(&m->sem);
   become_owner(m);
+}
+
+bool rzmutex_trylock(rzmutex* m) NO_THREAD_SAFETY_ANALYSIS {
+  if (enter_again(m)) return true;
+  if (!kernel::down_timeout(&m->sem, 0)) return false;
+  m->place.taking(m, kernel::lock_use::exclusive);
+  become_owner(m);
+  return true;
 }
 
 bool rzmutex_lock_unless_stuck(rzmutex* m, u64 limit_jiffies) NO_THREAD_SAFETY_ANALYSIS {

@@ -41,6 +41,7 @@ void rzwrite_lock(rzrwlock* l) ACQUIRE(l);  // recursive for the writer
 void rzwrite_unlock(rzrwlock* l) RELEASE(l);
 void rzmutex_lock(rzmutex* m) ACQUIRE(m);  // recursive for the owner
 void rzmutex_unlock(rzmutex* m) RELEASE(m);
+[[nodiscard]] bool rzmutex_trylock(rzmutex* m) TRY_ACQUIRE(true, m);  // without waiting
 // Locks it unless its owner has had it for longer than that and has not got on: what the owner is
 // at hangs.
 [[nodiscard]] bool rzmutex_lock_unless_stuck(rzmutex* m, u64 limit_jiffies) TRY_ACQUIRE(true, m);
@@ -63,6 +64,19 @@ class [[nodiscard]] SCOPED_CAPABILITY rzwrite_guard {
   ~rzwrite_guard() RELEASE() { rzwrite_unlock(l_); }
   rzwrite_guard(const rzwrite_guard&) = delete;
   rzwrite_guard& operator=(const rzwrite_guard&) = delete;
+
+ private:
+  rzrwlock* l_;
+};
+
+// Holds it for reading, unless a writer had it: false then.
+class [[nodiscard]] rzread_try {
+ public:
+  explicit rzread_try(rzrwlock* l);
+  ~rzread_try();
+  rzread_try(const rzread_try&) = delete;
+  rzread_try& operator=(const rzread_try&) = delete;
+  explicit operator bool() const { return l_ != nullptr; }
 
  private:
   rzrwlock* l_;

@@ -211,6 +211,11 @@ int sync_file(cow_copier* c, zorv_file* file) {
   return rc;
 }
 
+bool files_whole(cow_copier* c, const zorv_snap& s) {
+  const file_work at_files(c);
+  return zorv_cowfiles_whole(s);
+}
+
 int mark_chunks_cowed(cow_copier* c, zorv_blkdev* t, const cow_batch& b) {
   const file_work at_files(c);
   rzmutex_guard one_at_a_time(&t->s.bits_lock);
@@ -228,8 +233,8 @@ namespace {
 
 void disown(zorv_blkdev* snap) {
   if (snap->started.load() == 0) return;
-  rzread_guard files(&snap->s.file_lock);
-  zorv_snap_disown_files(snap);
+  const rzread_try files(&snap->s.file_lock);
+  if (files) zorv_snap_disown_files(snap);
 }
 
 }  // namespace
@@ -295,14 +300,15 @@ namespace {
 
 void copy_batch(cow_copier* c, zorv_blkdev* t) {
   cow_batch& b = c->batch;
-  rzread_guard files(&t->s.file_lock);  // its files stay open; a stop waits here
-  if (!snap_usable(t) || t->s.life.load() != b.life) return;
+  // Its files stay open; a stop waits here. Taken, it has been stopped, and who does may hang.
+  const rzread_try files(&t->s.file_lock);
+  if (!files || !snap_usable(t) || t->s.life.load() != b.life) return;
   log_groups(c, t->s);
   std::sort(b.chunks, b.chunks + b.count);
 
   copy_pages(c, t);
   if (!snap_usable(t)) return;
-  if (sync_file(c, t->s.cow_data_file) != 0 || !zorv_cowfiles_whole(t->s)) {
+  if (sync_file(c, t->s.cow_data_file) != 0 || !files_whole(c, t->s)) {
     give_up(c, t, "cow_chunks");
     return;
   }

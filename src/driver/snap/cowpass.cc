@@ -60,18 +60,22 @@ decision forward(zorv_filter* f, const cow_request* r) {
 
 // What has to happen before a write may go.
 struct need {
-  node_ref snap;      // empty: nothing
-  u32 life = 0;       // of it
-  s32 chunk = -1;     // the first chunk that is missing; -1: all are on their way
-  bool more = false;  // that is not the only one
+  node_ref snap;       // empty: nothing
+  u32 life = 0;        // of it
+  s32 chunk = -1;      // the first chunk that is missing; -1: all are on their way
+  bool more = false;   // that is not the only one
+  bool later = false;  // it cannot be seen at the moment
 };
 
 need needs_of(node_ref ref, const cow_request* r) {
   need n;
   zorv_blkdev* snap = ref.get();
   if (snap == nullptr || !snap_usable(snap)) return n;
-  rzread_guard files(&snap->s.file_lock);
+  // Who has the lock may hang in the files; this task waits for nothing that does.
+  const rzread_try files(&snap->s.file_lock);
   if (!snap_usable(snap)) return n;  // stopped meanwhile
+  n.later = !files;
+  if (n.later) return n;
   const chunk_range range = chunks_of(r, snap->s.chunk_shift);
   bool missing = false;
   for (u64 c = range.first; c <= range.last && !n.more; ++c) {
@@ -103,7 +107,7 @@ node_ref newest_started(const zorv_filter& f) {
 need next_need(const zorv_filter* f, const cow_request* r, s32 snap_minor) {
   need n;
   if (snap_minor >= 0) n = needs_of(cow_find_snap(f, snap_minor), r);
-  if (n.snap) return n;
+  if (n.snap || n.later) return n;
   node_ref newest = newest_started(*f);
   if (newest && static_cast<s32>(newest->minor) != snap_minor) n = needs_of(std::move(newest), r);
   return n;
@@ -118,9 +122,11 @@ struct pass {
 };
 
 // Puts the chunk on its way, in the life in which it was found missing.
-//   returns  0 | -ESTALE (that life has ended) | begin_copy's failure
+//   returns  0 | -ESTALE (that life has ended) | -EAGAIN (its files are being closed) |
+//            begin_copy's failure
 int begin_copy(const need& n) {
-  rzread_guard files(&n.snap->s.file_lock);
+  const rzread_try files(&n.snap->s.file_lock);
+  if (!files) return -EAGAIN;
   if (n.snap->s.life.load() != n.life) return -ESTALE;
   return zorv_cowbmp_begin_copy(&n.snap->s.cowbmp, n.chunk, kernel::GFP_NOIO);
 }
@@ -137,6 +143,10 @@ decision add_to_group(pass* p, const need& n) {
     return {verdict::end_pass};
   }
   const int rc = begin_copy(n);
+  if (rc == -EAGAIN) {
+    p->w->looks_again = true;
+    return {verdict::keep};
+  }
   if (rc != 0) p->w->filter->cowqueue.events.fetch_add(1);  // another pass looks anew
   if (rc == -ESTALE) return {verdict::keep};
   if (rc != 0) {
@@ -171,7 +181,7 @@ decision await_record(cow_worker* w, cow_request* r) {
   }
   if (kernel::time_after_eq(now, overdue)) zorv_marks_overdue(f);
   if ((f->marks_refused.load() >> zorv_hold_record & 1) != 0) return {verdict::ended, -EIO};
-  w->awaits_record = true;
+  w->looks_again = true;  // how long it has been
   return {verdict::keep};
 }
 
@@ -181,6 +191,10 @@ decision decide_filter(pass* p, cow_request* r, s32 snap_minor) {
   // First: a resume may end between this and the look at the snaps, which then finds it running.
   const bool stale = record_awaited(f);
   const need n = next_need(f, r, snap_minor);
+  if (n.later) {
+    p->w->looks_again = true;
+    return {verdict::keep};
+  }
   const bool free = !n.snap;
   if (free && (stale || record_awaited(f))) return await_record(p->w, r);
   if (free) return forward(f, r);

@@ -154,9 +154,9 @@ int read_run_from_file(cow_reader* r, const piece_run& run) {
   bool whole = false;
   int rc;
   {
-    rzread_guard files(&s.file_lock);
+    const rzread_try files(&s.file_lock);
     // Gone since the chunk was looked up: the snap has been stopped or has become invalid.
-    if (!snap_usable(source) || s.cow_data_file == nullptr) return -EIO;
+    if (!files || !snap_usable(source) || s.cow_data_file == nullptr) return -EIO;
     rc = read_pieces(r, run);
     if (rc == left_behind) return rc;
     if (at_files(r, source, [&] { whole = zorv_cowfiles_whole(s); }) != 0) return left_behind;

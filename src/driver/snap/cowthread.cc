@@ -86,7 +86,7 @@ bool hand_out(cow_worker* w) {
 
 // The copies come first: what is sent on goes to the HDD beside them.
 void pass(cow_worker* w) {
-  w->awaits_record = false;
+  w->looks_again = false;
   if (hand_out(w)) kernel::blk_unplug(kernel::bdev_get_queue(w->filter->hdd_bdev));
 }
 
@@ -94,8 +94,15 @@ bool hangs(u64 since) {
   return since != 0 && kernel::time_after_eq(kernel::jiffies(), since + file_limit_jiffies);
 }
 
+// Another pass looks at every write, at those that wait for a copy as well.
+void look_again(cow_worker* w) {
+  w->copies.fetch_add(1);
+  w->filter->cowqueue.events.fetch_add(1);
+}
+
 // What a snap's file does not give up is an error of the read, and the end of the snap.
-void leave_hanging_readers(cow_worker* w) {
+//   returns  how many were left behind
+u32 leave_hanging_readers(cow_worker* w) {
   zorv_filter* f = w->filter;
   u32 left = 0;
   for (cow_reader& r : w->readers) {
@@ -120,17 +127,25 @@ void leave_hanging_readers(cow_worker* w) {
       zorv_snap_abandon(snap.get(), "cow_worker");
     }
     cow_end_read(w, request, -EIO);
-    f->cowqueue.events.fetch_add(1);
+    look_again(w);
     kernel::wake_up_all(&w->reads_wait);  // another is the one that always reads
   }
-  if (left < nr_readers) return;
-  while (cow_request* r = cow_take_read(w)) cow_end_read(w, r, -EIO);  // nobody is there to read
+  if (left < nr_readers) return left;
+  while (cow_request* r = cow_take_read(w)) {  // nobody is there to read
+    const node_ref snap = cow_find_snap(f, static_cast<s32>(kernel::minor_of(r->dev)));
+    if (snap && snap_usable(snap.get())) {
+      zorv_snap_abandon(snap.get(), "cow_worker");
+      look_again(w);
+    }
+    cow_end_read(w, r, -EIO);
+  }
+  return left;
 }
 
 // What hangs in a file is left behind: its snap becomes invalid, which lets go what waits for it.
 // A late return finds that, and changes nothing.
 void leave_hanging(cow_worker* w) {
-  leave_hanging_readers(w);
+  const u32 readers_left = leave_hanging_readers(w);
   zorv_filter* f = w->filter;
   u32 left = 0;
   for (cow_copier& c : w->copiers) {
@@ -150,13 +165,14 @@ void leave_hanging(cow_worker* w) {
     zorv_log(LOG_ERROR, "%s(): Copying for zorv(%d, %d) makes no progress in its files",
              "cow_worker", zorv_blk_major, snap->minor);
     zorv_snap_abandon(snap.get(), "cow_worker");
-    f->cowqueue.events.fetch_add(1);
+    look_again(w);
   }
+  f->cowthread.unable.store(left == nr_copiers || readers_left == nr_readers);
   if (left < nr_copiers || f->cowqueue.cnt.load() == 0) return;
   for (node_ref s = zorv_snap_oldest(*f); s; s = zorv_snap_newer(*f, s.get())) {
     if (!snap_usable(s.get())) continue;
     zorv_snap_abandon(s.get(), "cow_worker");  // nobody is there to copy for it
-    f->cowqueue.events.fetch_add(1);
+    look_again(w);
   }
 }
 
@@ -169,11 +185,12 @@ void serve(zorv_cowthread* t, cow_worker* w) {
   while (t->stop.load() == 0) {
     const bool at_files =
         w->copying.load() != 0 || w->reading.load() != 0 || w->nr_reads.load() != 0;
-    if (!at_files && w->filter->cow_left.load() == 0 && !w->awaits_record) {
+    const bool left = w->filter->cow_left.load() != 0 || t->unable.load();
+    if (!at_files && !left && !w->looks_again) {
       kernel::wait_event(&q.wait, due, kernel::TASK_INTERRUPTIBLE);
     } else if (!kernel::wait_event_timeout(&q.wait, due, kernel::HZ)) {
       leave_hanging(w);
-      if (w->awaits_record) q.events.fetch_add(1);  // another pass looks how long
+      if (w->looks_again) q.events.fetch_add(1);
       continue;
     }
     leave_hanging(w);
@@ -340,6 +357,7 @@ void reset(zorv_cowthread* t) {
   std::memset(t->name, 0, sizeof(t->name));
   t->stop.store(0);
   t->pid.store(0);
+  t->unable.store(false);
   t->filter = nullptr;
 }
 

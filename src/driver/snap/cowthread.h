@@ -16,6 +16,8 @@ struct zorv_cowthread {
   char name[64] = {};
   std::atomic<u32> stop{0};
   std::atomic<s32> pid{0};  // 0: no thread
+  // All that copies, or all that reads, hangs in files: no snap is to be started.
+  std::atomic<bool> unable{false};
   zorv_filter* filter = nullptr;
   kernel::completion done;
   kernel::completion ready;  // the thread has its working set, or has found that it cannot get it

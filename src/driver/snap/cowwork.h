@@ -98,8 +98,8 @@ struct cow_worker {
 
   cow_copier copiers[nr_copiers];
   std::atomic<u32> copying{0};  // busy copiers
-  std::atomic<u32> copies{1};   // batches done, one more
-  bool awaits_record = false;   // the first task's: a write does, as of the last passes
+  std::atomic<u32> copies{1};   // what ended a wait for a copy: batches done or left behind
+  bool looks_again = false;     // the first task's: a write waits for what raises no event
 
   cow_reader readers[nr_readers];
   kernel::list_of<cow_request> reads;  // picked out, not begun; under the queue's lock
