@@ -111,6 +111,10 @@ TEST_F(node_test, a_postponed_stop_that_finds_the_snap_open_is_made_when_it_is_c
     EXPECT_EQ(proc(started), "1\n");
   }
   EXPECT_EQ(proc(started), "0\n");
+  zorv_blkdev_arr[newer]->s.stop_due.store(1);  // as a stop beside this one leaves it
+  EXPECT_EQ(start(newer), 0);
+  { const client again(newer); }
+  EXPECT_EQ(proc(started), "1\n") << "another life";
 }
 
 TEST_F(node_test, chunks_grow_with_the_volume_until_their_numbers_fit) {

@@ -212,6 +212,7 @@ int run(save* s) {
   while (rc == -EAGAIN) {
     rc = prepare(s);
     if (rc != 0) return rc;
+    rzmutex_got_on(&s->f->save_mutex);
     const rzmutex_hold alone(&s->f->marks[s->type].file_mutex, file_limit_jiffies, op);
     if (!alone) return -EIO;
     {
@@ -269,6 +270,7 @@ int zorv_block_await_writes(zorv_filter* f) {
     epoch = f->writes_epoch;
   }
   if (!wait_for_writes(f, epoch ^ 1)) return -EIO;
+  rzmutex_got_on(&f->save_mutex);
   {
     kernel::spin_guard guard(&f->bmp_lock);
     f->writes_epoch ^= 1;

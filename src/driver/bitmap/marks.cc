@@ -30,7 +30,7 @@ bool zorv_marks_update(zorv_filter* f) {
     if (zorv_marks_due(f, kind, excused::no)) {
       exposed |= 1U << kind;
     } else {
-      hold.refused = false;
+      hold.refused = hold.overdue = false;
     }
     if (hold.refused) refused |= 1U << kind;
   }

@@ -111,16 +111,12 @@ int zorv_block_release(kernel::gendisk* disk, kernel::fmode_t) {
   const node_ref dev = zorv_node_get(minor);
   if (!dev) return cannot_find(minor, __func__);
   if (dev->dev_type == ZORV_DEV_FILTER) save_at_close(&dev->f);
-  bool stop_due = false;
-  {
-    rzmutex_guard guard(&dev->dev_mutex);
-    if (dev->use_cnt.fetch_sub(1) == 1) {
-      dev->bdev = nullptr;
-      stop_due = dev->s.stop_due.load() != 0;
-    }
-    kernel::module_put();
+  rzmutex_guard guard(&dev->dev_mutex);
+  if (dev->use_cnt.fetch_sub(1) == 1) {
+    dev->bdev = nullptr;
+    if (dev->s.stop_due.load() != 0) (void)zorv_block_stop_device(dev.get());
   }
-  if (stop_due) (void)zorv_block_stop_device(dev.get());
+  kernel::module_put();
   return 0;
 }
 

@@ -81,6 +81,7 @@ void take_snapshot(zorv_blkdev* filter, zorv_blkdev* snap) REQUIRES(filter->f.sn
   if (snap->s.snap_valid.load() == 0) (void)zorv_record_lost(&filter->f, snap->s.life_id);
   snap->s.has_instant.store(1);
   snap->s.del_pending.store(0);  // asked for in an earlier life
+  snap->s.stop_due.store(0);
   snap->started.store(1);
 }
 
@@ -328,6 +329,8 @@ bool stop_snap(zorv_blkdev* snap, zorv_blkdev* filter) {
   for (node_ref n = zorv_snap_newer(f, snap); n; n = zorv_snap_newer(f, n.get())) {
     if (n->started.load() == 0) continue;
     if (n->s.stop_pending.load() != 0) {
+      rzmutex_guard guard(&n->dev_mutex);
+      if (n->started.load() == 0 || n->s.stop_pending.load() == 0) continue;  // another life of it
       n->s.stop_due.store(1);  // whoever has it open stops it when he closes it
       (void)zorv_block_stop_device(n.get());
     }
@@ -345,6 +348,7 @@ int zorv_block_stop_device(zorv_blkdev* dev) {
   const rzmutex_hold guard(&dev->dev_mutex, limit, __func__);
   if (!guard) return -EBUSY;
   if (dev->started.load() == 0) {
+    dev->s.stop_due.store(0);
     const bool unsaved = dev->dev_type == ZORV_DEV_FILTER && dev->f.unsaved.load();
     return unsaved ? zorv_block_save_dirty_bmps(&dev->f) : 0;
   }

@@ -80,6 +80,7 @@ int bring_back(zorv_blkdev* snap, const zorv_resume_snap_req* req) {
     s.snap_valid.store(good ? req->snap_valid : 0);
     s.stop_pending.store(req->stop_pending);
     s.del_pending.store(req->del_pending);
+    s.stop_due.store(0);
     s.has_instant.store(1);
     snap->started.store(1);
     // An invalidation strikes out first and then takes the started ones: if it has not seen this
