@@ -31,10 +31,7 @@ int kdirtyd_started = 0;            // load and unload only
 std::atomic<int> kdirtyd_abort{0};
 kernel::completion kdirtyd_exited;
 
-constexpr u64 first_pause = 100;  // jiffies before what failed is tried again
-constexpr u64 longest_pause = 1000;
-constexpr u64 excused_pause = 60000;  // when no write waits for it
-constexpr u32 tries_before_refusal = 3;
+constexpr u64 excused_pause_jiffies = 60000;  // when no write waits for it
 
 void append_locked(zorv_dirty_req* req, zorv_filter* f, u32 type) REQUIRES(req_spin) {
   req->active = 1;
@@ -137,26 +134,33 @@ bool work_for(zorv_filter* f, u32 kind, u32 tries) {
 
 // ---- a filter's thread -------------------------------------------------------------------------
 
+// False: a save has settled since then what had failed.
+bool is_retrying(zorv_filter* f, u32 kind) {
+  kernel::spin_guard guard(&f->bmp_lock);
+  return f->holds[kind].retrying;
+}
+
 // What has failed and is tried again.
 struct failures {
   u32 kinds = 0;
   u32 tries[zorv_hold_kinds] = {};  // of each of them
-  u64 pause = first_pause;
+  u64 pause = first_pause_jiffies;
 
   void first_try(zorv_filter* f, u32 kind) {
     const u32 bit = 1U << kind;
-    if ((kinds & bit) == 0) tries[kind] = 1;
-    if (work_for(f, kind, tries[kind]) || (kinds & bit) != 0) return;
+    if ((kinds & bit) == 0 || !is_retrying(f, kind)) tries[kind] = 1;
+    kinds &= ~bit;
+    if (work_for(f, kind, tries[kind])) return;
     kinds |= bit;
-    pause = first_pause;
+    pause = first_pause_jiffies;
   }
   void next_try(zorv_filter* f) {
     for (u32 kind = 0; kind < zorv_hold_kinds; ++kind) {
       const u32 bit = 1U << kind;
       if ((kinds & bit) != 0 && work_for(f, kind, ++tries[kind])) kinds &= ~bit;
     }
-    pause = pause * 2 < longest_pause ? pause * 2 : longest_pause;
-    if (!zorv_marks_pending(f)) pause = excused_pause;
+    pause = pause * 2 < longest_pause_jiffies ? pause * 2 : longest_pause_jiffies;
+    if (!zorv_marks_pending(f)) pause = excused_pause_jiffies;
   }
 };
 

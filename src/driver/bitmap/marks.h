@@ -77,6 +77,11 @@ struct zorv_mark_state {
   bool sync_failed = false;   // the page cache may show what is not on disk
 };
 
+// When what has failed is tried again, in jiffies, and how often before writes end with an error.
+constexpr u64 first_pause_jiffies = 100;
+constexpr u64 longest_pause_jiffies = 1000;
+constexpr u32 tries_before_refusal = 3;
+
 // A thread that works for one filter, from its creation to its end.
 struct zorv_mark_worker {
   bool started = false;

@@ -30,10 +30,6 @@ bool any_overdue(zorv_filter* f) {
   return false;
 }
 
-constexpr u64 first_pause = 100;  // jiffies before what failed is tried again
-constexpr u64 longest_pause = 1000;
-constexpr u32 tries_before_refusal = 3;
-
 //   returns  whether that is settled
 bool note(zorv_filter* f, u32 kind, u32 tries) {
   {
@@ -88,8 +84,8 @@ int zorv_note_worker(void* arg) {
     if (most == 0) {
       kernel::wait_event(&w.wait, wanted, kernel::TASK_INTERRUPTIBLE);
     } else {
-      const u64 pause = first_pause << std::min(most - 1, 4U);
-      (void)kernel::wait_event_timeout(&w.wait, ending, std::min(pause, longest_pause));
+      const u64 pause = first_pause_jiffies << std::min(most - 1, 4U);
+      (void)kernel::wait_event_timeout(&w.wait, ending, std::min(pause, longest_pause_jiffies));
     }
     most = note_all(f, tries);
   }
